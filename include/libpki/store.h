@@ -1,0 +1,198 @@
+/*
+ * store.h: the process-wide store, its start-up, what goes in, what is found, what goes out.
+ *
+ * Threads. libpki_init runs once, before other threads use the library. Any thread may then add
+ * untrusted certificates and search; every list of the store and of a CA is guarded. Adding and
+ * removing CAs and keys, provisioning and enrollment belong to one management thread.
+ *
+ * Ownership. Finds hand out a reference of the caller's own: release records with their free_*
+ * and certificates with X509_free. Adds take a reference or copy; the caller keeps its own.
+ *
+ * Every operation that returns int gives 0 or a code of error.h, 63 (PKI_INVALID_ARGS) for a
+ * required argument that is null.
+ */
+#ifndef LIBPKI_STORE_H
+#define LIBPKI_STORE_H
+
+#include <libpki/records.h>
+#include <openssl/evp.h>
+
+PKI_BEGIN_DECLS
+
+/* The store. The lists are null until libpki_init has run; read them through the functions. */
+typedef struct pki_store_object {
+  STACK *key_store;           /* of key_info: the device's key pairs and their certificates */
+  STACK *ca_infos;            /* of ca_info: the provisioned CAs */
+  STACK *provisioned_certs;   /* of X509: untrusted, kept */
+  STACK *collected_certs;     /* of X509: untrusted, met at run time; at most 512 */
+  STACK *global_status_rules; /* of cert_status_info: apply when no CA is given */
+} pki_store_object;
+
+/* The one store; never null. */
+extern PKI_API pki_store_object *const pki_store;
+
+/*
+ * Brings the library up: OpenSSL, the object identifiers, both caches, the store.
+ * Returns 0, or 16 (PKI_NO_INFO_FILE) when that was done before. Running out of memory is not
+ * reported: the step is tried again every 60 seconds, with a line at level 6.
+ */
+PKI_API int libpki_init(void);
+
+/* Does nothing: the store lives as long as the process. */
+PKI_API void libpki_term(void);
+
+/* ---- CAs ---- */
+
+/*
+ * Provisions a CA: downloads the CA-info document from `ca_pointer_url` (http only; the device's
+ * serial number goes along in the query "?serial="), checks its signature with `doc_key`, reads
+ * it and enters the CA under `label`. A CA that already has this label stays and is found first.
+ *
+ * On failure no CA is added; additional certificates that the document brought before the error
+ * stay among the provisioned ones. Blocks for the download; for the management thread.
+ *
+ * Returns 0; 63 an argument is null; 2 out of memory; 49 no reference on the key; 45 the URL is
+ * no http URL; 78 the board does not give its serial number; 47 the server did not answer 200 or
+ * its answer is unusable; 48 its answer could not be read; 20 the document is no PKCS#7; 29 the
+ * signature is not the key's; 73 the signed content is not data; and the codes of
+ * parse_ca_info_doc; 27 as create_dummy_cert. A refused URL, a serial number that is not to be had
+ * and a failed download are logged at level 3 or 4, and so is what OpenSSL has to say.
+ */
+PKI_API int pki_add_ca(const char *label, const char *ca_pointer_url, EVP_PKEY *doc_key);
+
+/*
+ * Reads a CA-info document (XML; docs/ca-info.md has its grammar) of `length` octets
+ * into `info`. Additional certificates go straight into `store`'s provisioned list; everything
+ * read before an error stays where it was put.
+ *
+ * Returns 0; 63 a null argument or a negative length; 34 not well-formed XML, an
+ * entity that is not one of XML's own, or more than 10,000,000 octets; 2 out of memory;
+ * 30, 31 nesting deeper than 39 or unbalanced; 32 a required attribute is missing; 33 a
+ * certificate that cannot be decoded; 35 an element without its text; 53 to 55 a bad issuer name;
+ * 36 to 41 an expiry that does not parse and is not the last element; 9, 11, 13 BIO failures.
+ * An expiry that does not parse and is the last element is logged at level 4 and the document
+ * taken whole. For the management thread.
+ */
+PKI_API int parse_ca_info_doc(const unsigned char *document, int length, pki_store_object *store,
+                              ca_info *info);
+
+/*
+ * Shares `info` with the store. Labels are not compared: a second CA of a label is added behind
+ * the first, which finds return. Returns 0; 2; 63.
+ */
+PKI_API int pki_add_ca_info(ca_info *info);
+
+/* The first CA of that label (letter case counts), or null. */
+PKI_API ca_info *pki_find_ca_info_by_label(const char *label);
+
+/* The first CA with that issuer name, or null. */
+PKI_API ca_info *pki_find_ca_info_by_issuer(const X509_NAME *name);
+
+/* A new list of every CA, for free_ca_infos; null when memory runs out. */
+PKI_API STACK *pki_get_all_ca_infos(void);
+
+/* Removes the first CA of that label. Returns 0; 50 there is none; 63. */
+PKI_API int pki_remove_ca(const char *label);
+
+/* ---- keys ---- */
+
+/* The first key of that label, or null. */
+PKI_API key_info *pki_find_key_info_by_label(const char *label);
+
+/* The first certificate record of that label in `key`'s list, or null. */
+PKI_API cert_info *pki_find_cert_info_by_label(const char *label, const key_info *key);
+
+/* ---- certificates ---- */
+
+/*
+ * Adds `cert` to `list` (of X509) unless a certificate of the same issuer and serial number is
+ * in it. Returns 0; 2; 49 no reference could be taken; 63.
+ */
+PKI_API int pki_add_cert(STACK *list, X509 *cert);
+
+/* pki_add_cert on the CA's trusted roots. */
+PKI_API int pki_add_trusted_cert(X509 *cert, ca_info *info);
+
+/*
+ * Adds an untrusted certificate: to the provisioned list when `keep` is non-zero, else to the
+ * collected list, which holds 512 and drops its oldest. Returns 0; 2; 49; 63; 80 no lock.
+ */
+PKI_API int pki_add_untrusted_cert(X509 *cert, unsigned char keep);
+
+/* The same for each certificate of a list, in order, up to the first failure. */
+PKI_API int pki_add_untrusted_certs(const STACK *certs, unsigned char keep);
+
+/*
+ * Removes the first certificate of `list` with the issuer and serial number of `cert`.
+ * Returns 0; 52 there is none; 63.
+ */
+PKI_API int pki_delete_cert(STACK *list, const X509 *cert);
+
+/*
+ * Removes from the collected list, then from the provisioned list. Returns the collected list's
+ * result if that is not 0, else the provisioned list's; so a certificate that only the
+ * provisioned list held is removed and 52 returned.
+ */
+PKI_API int pki_delete_untrusted_cert(const X509 *cert);
+
+/*
+ * Removes from the trusted roots of `info` and returns that result (0; 52); with a null `info`
+ * from those of every CA, and returns 0. 63 for a null `cert`.
+ */
+PKI_API int pki_delete_trusted_cert(const X509 *cert, ca_info *info);
+
+/*
+ * The searches look through the provisioned certificates, the collected ones and every CA's
+ * trusted roots, in this order, and append what they find, one more reference each, to
+ * `*result` (of X509). A null `*result` is replaced by a new list, the caller's. On failure
+ * `*result` is as it was. Finding nothing is no failure.
+ * Return 0; 2; 49; 63; 80 no lock.
+ */
+PKI_API int pki_find_certs_by_issuer_serial(const X509_NAME *issuer, const ASN1_INTEGER *serial,
+                                            STACK **result);
+PKI_API int pki_find_certs_by_subject(const X509_NAME *subject, STACK **result);
+
+/*
+ * By the hash of the subject public key's bits, without tag, length and unused-bits octet (the
+ * key hash of RFC 6960). 63 too unless `hash_length` is the size of `digest`.
+ */
+PKI_API int pki_find_certs_by_key_hash(const EVP_MD *digest, const unsigned char *hash,
+                                       int hash_length, STACK **result);
+
+/* ---- status rules ---- */
+
+/*
+ * These add a status rule to `info`, or for a null `info` to the global rules. `rules` (of
+ * cert_match_rule) is shared element by element; an empty list applies to every certificate.
+ * Return 0; 2; 63.
+ */
+
+/* Certificates that match count as good. The record's flags are 3 when `flag` is set, else 2. */
+PKI_API int pki_add_aok_info(ca_info *info, const STACK *rules, unsigned char flag);
+
+/*
+ * Certificates that match are looked up in CRLs. `crl_infos` (of crl_info) is shared element by
+ * element. The record's flags are `flag0`, with bit 1 added when `flag1` is set.
+ */
+PKI_API int pki_add_crl_info(ca_info *info, const STACK *rules, const STACK *crl_infos,
+                             unsigned char flag0, unsigned char flag1);
+
+/*
+ * Certificates that match are asked for at an OCSP responder. `url` is copied, `responder_cert`
+ * (or null) shared; flags as for CRLs. 49 when no reference on the certificate can be taken.
+ */
+PKI_API int pki_add_ocsp_info(ca_info *info, const STACK *rules, const char *url,
+                              X509 *responder_cert, unsigned char option, unsigned char flag0,
+                              unsigned char flag1);
+
+/*
+ * Appends to `result` (of cert_status_info) a duplicate of each status rule of `info`, or for a
+ * null `info` of the global rules, that applies to `cert`, in order. Judge the outcome by the
+ * length of the list: the end of the rules returns 81 (PKI_NO_ENTRY) whether or not anything was
+ * appended; 2 out of memory; 63.
+ */
+PKI_API int pki_find_sts_query_info(ca_info *info, X509 *cert, STACK *result);
+
+PKI_END_DECLS
+
+#endif

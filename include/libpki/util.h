@@ -1,0 +1,54 @@
+/*
+ * util.h: small helpers. Results are allocated with malloc; the caller frees them with free.
+ * Any thread.
+ */
+#ifndef LIBPKI_UTIL_H
+#define LIBPKI_UTIL_H
+
+#include <libpki/types.h>
+#include <openssl/evp.h>
+
+PKI_BEGIN_DECLS
+
+/*
+ * Two upper-case hexadecimal digits an octet, high nibble first, no separators, NUL-terminated.
+ * Null when memory runs out or `length` is negative; an empty text for 0.
+ */
+PKI_API char *to_hex_string(const void *bytes, int length);
+
+/*
+ * DER-encodes `object` with OpenSSL's `i2d` for its type. `*length` receives what `i2d` said of
+ * the size; a size below 1, or memory running out, gives null. The caller frees the result.
+ */
+PKI_API unsigned char *der_encode(const void *object, i2d_fn *i2d, int *length);
+
+/* The same as hexadecimal text, or null. */
+PKI_API char *hex_der_encode(const void *object, i2d_fn *i2d);
+
+/* A copy of `text`; null for a null text or when memory runs out. */
+PKI_API char *pki_strdup(const char *text);
+
+/*
+ * A new list with `dup` of each element of `list`, in order; with the dup_* functions of
+ * records.h it shares the elements. Null when a dup gives null or memory runs out; what was
+ * duplicated until then is given to `release`.
+ */
+PKI_API STACK *stack_dup(const STACK *list, void *(*dup)(void *), void (*release)(void *));
+
+/*
+ * `*length` random octets from OpenSSL; a negative length is first replaced by 16. Null when
+ * memory runs out or no random octets can be had. Length 0 gives a non-null result.
+ */
+PKI_API unsigned char *gen_nonce(int *length);
+
+/*
+ * Do the two keys form a pair? Signs a test message with `private_key` (SHA-1) and verifies it
+ * with `public_key`.
+ * Returns 0 for a pair; 2 out of memory; 25 the private key cannot sign; 65 they do not match;
+ * 63 a key is null.
+ */
+PKI_API int verify_keys(EVP_PKEY *private_key, EVP_PKEY *public_key);
+
+PKI_END_DECLS
+
+#endif

@@ -1,0 +1,121 @@
+/*
+ * verify.h: certificate statuses, the status cache and the CRL cache.
+ *
+ * Any thread may use the caches once libpki_init has run. Records and CRLs that are in a cache
+ * are shared: treat them as constant.
+ */
+#ifndef LIBPKI_VERIFY_H
+#define LIBPKI_VERIFY_H
+
+#include <libpki/types.h>
+
+PKI_BEGIN_DECLS
+
+/* ---- certificate statuses ---- */
+
+enum { PKI_CERT_UNKNOWN = 0, PKI_CERT_OK = 1, PKI_CERT_REVOKED = 2 };
+
+/* The status of one certificate and the time until which it may be reused. */
+typedef struct cert_sts_info {
+  int status;             /* PKI_CERT_* */
+  X509 *cert;             /* one reference */
+  ASN1_TIME *valid_until; /* owned */
+  uint32_t ref_count;     /* changes atomically */
+  struct {
+    struct cert_sts_info *next;      /* null at the tail */
+    struct cert_sts_info **previous; /* what points at this record; null: not in the cache */
+  } link;
+  uint32_t hits; /* look-ups that found this record; stops at 4294967295 */
+} cert_sts_info;
+
+/*
+ * A record with a copy of `valid_until` and one more reference on `cert`; null when memory runs
+ * out or an argument is null.
+ */
+PKI_API cert_sts_info *cv_alloc_cert_sts_info(int status, X509 *cert, const ASN1_TIME *valid_until);
+
+/* One more reference; null for null. */
+PKI_API cert_sts_info *cv_dup_cert_sts_info(cert_sts_info *info);
+
+/* Drops a reference and destroys the record with the last; nothing for null. */
+PKI_API void cv_free_cert_sts_info(cert_sts_info *info);
+
+/* "unknown", "ok", "revoked", or "<invalid cert status>". */
+PKI_API const char *zv_cv_cert_sts_to_str(int status);
+
+/* ---- the status cache: 20 records ---- */
+
+/* Sets the status cache up, once; libpki_init calls it. */
+PKI_API void zv_cv_init(void);
+
+/*
+ * Caches a record, with one more reference. Does nothing and returns 0 when the record has
+ * expired, its time cannot be read, or it is in the cache. A full cache first drops one record:
+ * the first expired one, else the oldest of those with the fewest hits.
+ * Returns 0; 63 null; 80 no lock.
+ */
+PKI_API int zv_cv_add_cert_sts_info_cache(cert_sts_info *info);
+
+/*
+ * The oldest cached record of `cert` with one more reference, or null. It may have expired: look
+ * at valid_until.
+ */
+PKI_API cert_sts_info *zv_cv_find_cert_sts_info_cache(const X509 *cert);
+
+/*
+ * Takes a record out of the cache. After 0 the cache's reference is the caller's to drop, with
+ * cv_free_cert_sts_info. Returns 0; 63 null; 80 no lock; 81 the record is not in the cache, and
+ * nothing is to be dropped.
+ */
+PKI_API int zv_cv_remove_cert_sts_info_cache(cert_sts_info *info);
+
+/* Empties the cache. Returns 0 or the lock's error number (errno values, not codes). */
+PKI_API int zv_cv_clear_cert_sts_info_cache(void);
+
+/*
+ * Turns revocation checking off (non-zero) or on (0, as at load) and returns the previous value.
+ * While it is off, a certificate whose status is not cached counts as good.
+ */
+PKI_API int zv_cv_disable_crl_check(int flag);
+PKI_API int zv_cv_is_disabled_crl_check(void);
+
+/* ---- the CRL cache: 50000 octets of DER ---- */
+
+/* Sets the CRL cache up, once; libpki_init calls it. */
+PKI_API void zv_crl_init(void);
+
+/*
+ * The first cached CRL of that issuer that covers at least `reasons` (bit n is bit n of
+ * ReasonFlags), with one more reference, or null. With `signer` given, only a CRL with a known
+ * signer fits, and `*signer` receives one more reference on that certificate. The caller
+ * releases both.
+ */
+PKI_API X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons, X509 **signer);
+
+/*
+ * Caches a CRL and the certificate that verified it (or null), one more reference each. Do not
+ * change or sort the CRL from then on. To make room, CRLs are dropped most recently used first.
+ * A CRL that is cached already gets a second entry.
+ * Returns 0; 2; 14 the CRL does not encode (or 2); 15 its issuingDistributionPoint cannot be read
+ * (or 2); 49 no reference; 63 null; 80 no lock; 82 more than 50000 octets.
+ */
+PKI_API int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer);
+
+/*
+ * Removes this CRL, or, where the object itself is not cached, the first of the same issuer.
+ * Returns 0; 63 null; 80 no lock; 81 there is none.
+ */
+PKI_API int zv_cv_rem_crl_from_cache(const X509_CRL *crl);
+
+/* Empties the cache. Returns 0 or the lock's error number (errno values, not codes). */
+PKI_API int zv_cv_clear_crl_cache(void);
+
+/*
+ * RFC 5280 ReasonFlags as a mask: bit n of the string, counted from its first, is bit n of the
+ * mask. Only the first 32 bits count. 0 for null.
+ */
+PKI_API uint32_t zv_cv_get_crl_reasons(const ASN1_BIT_STRING *reasons);
+
+PKI_END_DECLS
+
+#endif

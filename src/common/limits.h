@@ -1,0 +1,47 @@
+// Every ceiling, with its unit and its reason.
+#ifndef PKI_COMMON_LIMITS_H
+#define PKI_COMMON_LIMITS_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace pki {
+
+// HTTP. A line of a response's head, its NUL included; longer lines are no use to this client.
+constexpr size_t http_line_capacity = 700;
+// A Location value, its NUL included.
+constexpr size_t http_location_capacity = 101;
+// The whole head of a response, carriage returns included: a peer cannot send one for ever.
+constexpr size_t http_max_head_bytes = 64 * 1024;
+// A body that is held in memory.
+constexpr int http_max_body_bytes = 64 * 1024 * 1024;
+// Each wait for a connection, for room to send, and for data.
+constexpr int http_timeout_ms = 60000;
+// The first request and 19 redirects.
+constexpr int http_max_requests = 20;
+
+// Store. Collected certificates: a device runs for years, so the oldest makes room.
+constexpr int max_collected_certs = 512;
+// Start-up steps that ran out of memory are tried again after this many seconds.
+constexpr unsigned init_retry_seconds = 60;
+
+// CA-info document. Slots of the parser's state stack, the initial state included.
+constexpr int ca_info_state_slots = 40;
+// "?serial=", the serial number (47 characters), NUL.
+constexpr size_t ca_pointer_query_bytes = 56;
+
+// PKCS#7. Digests and signers of a signed message: OpenSSL nests a filter for each, on the stack,
+// before any signature is checked.
+constexpr int pkcs7_max_signers = 16;
+
+// Names. Characters of an attribute key that are kept.
+constexpr size_t name_key_characters = 99;
+
+// Caches.
+constexpr int status_cache_records = 20;
+constexpr uint32_t crl_cache_bytes = 50000;
+constexpr uint32_t crl_cache_growth = 10;
+
+}  // namespace pki
+
+#endif

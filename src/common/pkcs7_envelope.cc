@@ -1,0 +1,121 @@
+// EnvelopedData for one recipient.
+#include <libpki/error.h>
+#include <libpki/util.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+
+#include "common/cipher_context.h"
+#include "common/log.h"
+#include "common/pkcs7.h"
+
+namespace pki {
+
+namespace {
+
+// OpenSSL does not notice when it runs out of memory in some places: a block cipher's ciphertext is
+// the padded length of the data, and the envelope encodes, or something is missing.
+bool is_whole_envelope(const PKCS7 *p7, int length, const EVP_CIPHER *cipher) {
+  const ASN1_OCTET_STRING *ciphertext = p7->d.enveloped->enc_data->enc_data;
+  int block = EVP_CIPHER_block_size(cipher);
+  long long expected = block > 1 ? (static_cast<long long>(length) / block + 1) * block : length;
+  return ciphertext && ciphertext->length == expected && i2d_PKCS7(p7, nullptr) > 0;
+}
+
+// An EnvelopedData that lacks a part which OpenSSL's decryption follows without
+// asking.
+bool is_hollow_envelope(PKCS7 *p7) {
+  if (!PKCS7_type_is_enveloped(p7))
+    return false;
+  const PKCS7_ENC_CONTENT *encrypted = p7->d.enveloped ? p7->d.enveloped->enc_data : nullptr;
+  return !encrypted || !encrypted->algorithm || !encrypted->enc_data;
+}
+
+// The envelope bound to the library context that its cipher needs, in `*bound`
+// when that is not the default one. A cipher that nobody knows is left to the
+// decryption to refuse.
+int bind_to_cipher(PKCS7 *p7, pkcs7_ptr *bound) {
+  const X509_ALGOR *algorithm = p7->d.enveloped->enc_data->algorithm;
+  const EVP_CIPHER *cipher = EVP_get_cipherbyobj(algorithm->algorithm);
+  if (!cipher)
+    return PKI_OK;
+  OSSL_LIB_CTX *context;
+  if (int error = find_cipher_context(cipher, PKI_P7_DECRYPT_FAILED, &context))
+    return error;
+  if (!context)
+    return PKI_OK;
+  int length;
+  malloc_ptr<unsigned char> der(der_encode(p7, reinterpret_cast<i2d_fn *>(i2d_PKCS7), &length));
+  PKCS7 *made = der ? PKCS7_new_ex(context, nullptr) : nullptr;
+  if (!made)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  // Decoding frees the object that it was given when it fails.
+  const unsigned char *in = der.get();
+  if (!d2i_PKCS7(&made, &in, length))
+    return openssl_failure(PKI_P7_DECRYPT_FAILED);
+  bound->reset(made);
+  return PKI_OK;
+}
+
+}  // namespace
+
+}  // namespace pki
+
+using namespace pki;
+
+int pkcs7_encrypt(X509 *recipient, const void *data, int length, const EVP_CIPHER *cipher,
+                  PKCS7 **out) {
+  if (!out)
+    return PKI_INVALID_ARGS;
+  *out = nullptr;
+  if (!recipient || (!data && length != 0) || length < 0 || !cipher)
+    return PKI_INVALID_ARGS;
+  // RFC 2315 has no place for an authentication tag.
+  if (EVP_CIPHER_flags(cipher) & EVP_CIPH_FLAG_AEAD_CIPHER)
+    return PKI_P7_ENCRYPT_FAILED;
+  OSSL_LIB_CTX *context;
+  if (int error = find_cipher_context(cipher, PKI_P7_ENCRYPT_FAILED, &context))
+    return error;
+  x509_borrowed_list recipients(list_of(recipient));
+  if (!recipients)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  bio_ptr in(bio_over(data, length));
+  if (!in)
+    return openssl_failure(PKI_BIO_CREAT_FAILED);
+  pkcs7_ptr p7(
+      PKCS7_encrypt_ex(recipients.get(), in.get(), cipher, PKCS7_BINARY, context, nullptr));
+  if (!p7)
+    return openssl_failure(PKI_P7_ENCRYPT_FAILED);
+  if (!is_whole_envelope(p7.get(), length, cipher))
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  *out = p7.release();
+  return PKI_OK;
+}
+
+int pkcs7_decrypt(PKCS7 *p7, EVP_PKEY *key, X509 *cert, unsigned char **data, int *length) {
+  if (data)
+    *data = nullptr;
+  if (length)
+    *length = 0;
+  if (!p7 || !key || !cert || !data || !length)
+    return PKI_INVALID_ARGS;
+  if (is_hollow_envelope(p7))
+    return PKI_INVALID_DER;
+  pkcs7_ptr bound;
+  if (PKCS7_type_is_enveloped(p7))
+    if (int error = bind_to_cipher(p7, &bound))
+      return error;
+  bio_ptr out(BIO_new(BIO_s_mem()));
+  if (!out)
+    return openssl_failure(PKI_BIO_CREAT_FAILED);
+  if (PKCS7_decrypt(bound ? bound.get() : p7, key, cert, out.get(), PKCS7_BINARY) != 1)
+    return openssl_failure(PKI_P7_DECRYPT_FAILED);
+  char *plaintext = nullptr;
+  long plaintext_length = BIO_get_mem_data(out.get(), &plaintext);
+  if (plaintext_length < 0 || (!plaintext && plaintext_length > 0))
+    return openssl_failure(PKI_BIO_BUF_GET_FAILED);
+  *data = copy_octets(plaintext, static_cast<int>(plaintext_length));
+  if (!*data)
+    return PKI_OUT_OF_MEMORY;
+  *length = static_cast<int>(plaintext_length);
+  return PKI_OK;
+}

@@ -1,0 +1,155 @@
+// The status cache: a short list that saves repeated fetches, not a large working set.
+#include <libpki/error.h>
+
+#include <climits>
+#include <ctime>
+
+#include "common/limits.h"
+#include "common/locks.h"
+#include "common/log.h"
+#include "verifier/cert_verifier/internal.h"
+
+namespace pki {
+
+cert_sts_info_cache pki_csi_cache;
+int csi_is_init = 0;
+int disable_crl_check = 0;
+
+namespace {
+
+// A time that cannot be read is over.
+bool has_expired(const cert_sts_info *info) {
+  time_t now = time(nullptr);
+  return !info->valid_until || X509_cmp_time(info->valid_until, &now) <= 0;
+}
+
+bool is_linked(const cert_sts_info *info) {
+  return info->link.previous != nullptr;
+}
+
+void append(cert_sts_info *info) {
+  info->link.next = nullptr;
+  info->link.previous = pki_csi_cache.last;
+  *pki_csi_cache.last = info;
+  pki_csi_cache.last = &info->link.next;
+  pki_csi_cache.count++;
+}
+
+void unlink(cert_sts_info *info) {
+  if (info->link.next)
+    info->link.next->link.previous = info->link.previous;
+  else
+    pki_csi_cache.last = info->link.previous;
+  *info->link.previous = info->link.next;
+  info->link.next = nullptr;
+  info->link.previous = nullptr;
+  pki_csi_cache.count--;
+}
+
+// The first expired record, else the oldest of those with the fewest hits.
+cert_sts_info *eviction_victim() {
+  cert_sts_info *victim = pki_csi_cache.first;
+  for (cert_sts_info *info = victim; info; info = info->link.next) {
+    if (has_expired(info))
+      return info;
+    if (info->hits < victim->hits)
+      victim = info;
+  }
+  return victim;
+}
+
+void drop(cert_sts_info *info) {
+  unlink(info);
+  cv_free_cert_sts_info(info);
+}
+
+cert_sts_info *first_record_of(const X509 *cert) {
+  for (cert_sts_info *info = pki_csi_cache.first; info; info = info->link.next) {
+    uint32_t holders = __atomic_load_n(&info->ref_count, __ATOMIC_RELAXED);
+    if (holders == 0)
+      syslog(log_error, "bad ref count idx %p - %d", static_cast<void *>(info),
+             static_cast<int>(holders));
+    if (info->cert && X509_cmp(info->cert, cert) == 0)
+      return info;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+}  // namespace pki
+
+using namespace pki;
+
+void zv_cv_init(void) {
+  if (csi_is_init)
+    return;
+  pki_csi_cache.first = nullptr;
+  pki_csi_cache.last = &pki_csi_cache.first;
+  pki_csi_cache.count = 0;
+  pthread_rwlockattr_t attributes;
+  pthread_rwlockattr_init(&attributes);
+  pthread_rwlock_init(&pki_csi_cache.lock, &attributes);
+  pthread_rwlockattr_destroy(&attributes);
+  csi_is_init = 1;
+}
+
+int zv_cv_add_cert_sts_info_cache(cert_sts_info *info) {
+  if (!info)
+    return PKI_INVALID_ARGS;
+  if (has_expired(info))
+    return PKI_OK;
+  write_lock lock(&pki_csi_cache.lock);
+  if (!lock.held())
+    return PKI_LOCK_FAILED;
+  if (is_linked(info))
+    return PKI_OK;
+  if (pki_csi_cache.count >= status_cache_records)
+    drop(eviction_victim());
+  append(cv_dup_cert_sts_info(info));
+  return PKI_OK;
+}
+
+cert_sts_info *zv_cv_find_cert_sts_info_cache(const X509 *cert) {
+  if (!cert)
+    return nullptr;
+  write_lock lock(&pki_csi_cache.lock);
+  if (!lock.held())
+    return nullptr;
+  cert_sts_info *found = first_record_of(cert);
+  if (!found)
+    return nullptr;
+  if (found->hits < UINT32_MAX)
+    found->hits++;
+  return cv_dup_cert_sts_info(found);
+}
+
+int zv_cv_remove_cert_sts_info_cache(cert_sts_info *info) {
+  if (!info)
+    return PKI_INVALID_ARGS;
+  write_lock lock(&pki_csi_cache.lock);
+  if (!lock.held())
+    return PKI_LOCK_FAILED;
+  if (!is_linked(info))
+    return PKI_NO_ENTRY;
+  unlink(info);
+  return PKI_OK;
+}
+
+int zv_cv_clear_cert_sts_info_cache(void) {
+  write_lock lock(&pki_csi_cache.lock);
+  if (!lock.held())
+    return lock.error();
+  while (pki_csi_cache.first)
+    drop(pki_csi_cache.first);
+  pki_csi_cache.count = 0;
+  return lock.unlock();
+}
+
+int zv_cv_disable_crl_check(int flag) {
+  return __atomic_exchange_n(&disable_crl_check, flag, __ATOMIC_RELAXED);
+}
+
+int zv_cv_is_disabled_crl_check(void) {
+  return __atomic_load_n(&disable_crl_check, __ATOMIC_RELAXED);
+}

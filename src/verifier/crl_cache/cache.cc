@@ -1,0 +1,258 @@
+// The CRL cache: verified CRLs and who verified them, bounded by their size.
+#include <libpki/error.h>
+#include <libpki/records.h>
+#include <openssl/x509v3.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "common/limits.h"
+#include "common/locks.h"
+#include "common/log.h"
+#include "common/ossl_ptr.h"
+#include "verifier/crl_cache/internal.h"
+
+namespace pki {
+
+crl_cache cv_crl_cache;
+bool crl_is_init = false;
+
+namespace {
+
+// X509_CRL_get_ext_d2i's word for an extension that is not there.
+constexpr int extension_absent = -1;
+
+using issuing_dist_point_ptr =
+    std::unique_ptr<ISSUING_DIST_POINT, free_with<ISSUING_DIST_POINT_free>>;
+
+time_t load_access(const crl_cache_entry *entry) {
+  return __atomic_load_n(&entry->last_access, __ATOMIC_RELAXED);
+}
+
+// Hits write this under the read lock; which of two at once wins does not matter.
+void touch(crl_cache_entry *entry) {
+  __atomic_store_n(&entry->last_access, time(nullptr), __ATOMIC_RELAXED);
+}
+
+bool fits(const crl_cache_entry *entry, const X509_NAME *issuer, uint32_t reasons,
+          bool wants_signer) {
+  return entry->crl && (entry->signer || !wants_signer) && (entry->reasons & reasons) == reasons &&
+         X509_NAME_cmp(X509_CRL_get_issuer(entry->crl), issuer) == 0;
+}
+
+// Both references or none.
+bool take_references(X509_CRL *crl, X509 *signer) {
+  if (!take_reference(crl))
+    return false;
+  if (signer && !take_reference(signer)) {
+    X509_CRL_free(crl);
+    return false;
+  }
+  return true;
+}
+
+// Free slots first, then the most recently used: making room drops these first and keeps the
+// oldest.
+int compare_access(const void *a, const void *b) {
+  const auto *first = static_cast<const crl_cache_entry *>(a);
+  const auto *second = static_cast<const crl_cache_entry *>(b);
+  if (!first->crl || !second->crl)
+    return (first->crl ? 1 : 0) - (second->crl ? 1 : 0);
+  time_t access1 = load_access(first);
+  time_t access2 = load_access(second);
+  return access2 > access1 ? 1 : access2 < access1 ? -1 : 0;
+}
+
+bool has_room(uint32_t size) {
+  return size <= crl_cache_bytes - cv_crl_cache.total_size;
+}
+
+bool make_room(uint32_t size) {
+  if (has_room(size))
+    return true;
+  std::qsort(cv_crl_cache.entries, cv_crl_cache.capacity, sizeof(crl_cache_entry), compare_access);
+  for (uint32_t i = 0; i < cv_crl_cache.capacity && !has_room(size); i++)
+    if (cv_crl_cache.entries[i].crl)
+      cv_free_crl_entry(&cv_crl_cache.entries[i]);
+  return has_room(size);
+}
+
+crl_cache_entry *grow() {
+  uint32_t capacity = cv_crl_cache.capacity + crl_cache_growth;
+  auto *entries = static_cast<crl_cache_entry *>(
+      std::realloc(cv_crl_cache.entries, capacity * sizeof(crl_cache_entry)));
+  if (!entries)
+    return nullptr;
+  crl_cache_entry *added = entries + cv_crl_cache.capacity;
+  std::memset(added, 0, crl_cache_growth * sizeof(crl_cache_entry));
+  cv_crl_cache.entries = entries;
+  cv_crl_cache.capacity = capacity;
+  return added;
+}
+
+crl_cache_entry *free_slot() {
+  for (uint32_t i = 0; i < cv_crl_cache.capacity; i++)
+    if (!cv_crl_cache.entries[i].crl)
+      return &cv_crl_cache.entries[i];
+  return grow();
+}
+
+// RFC 5280 5.2.5: a CRL without onlySomeReasons covers them all. A scope that cannot be read is
+// not the same as none.
+int covered_reasons(const X509_CRL *crl, uint32_t *reasons) {
+  int criticality;
+  issuing_dist_point_ptr scope(static_cast<ISSUING_DIST_POINT *>(
+      X509_CRL_get_ext_d2i(crl, NID_issuing_distribution_point, &criticality, nullptr)));
+  if (!scope && criticality != extension_absent)
+    return openssl_failure(PKI_ASN1_DECODE_ERROR);
+  *reasons = scope && scope->onlysomereasons ? zv_cv_get_crl_reasons(scope->onlysomereasons)
+                                             : PKI_ALL_REASONS;
+  return PKI_OK;
+}
+
+int add_locked(X509_CRL *crl, X509 *signer, uint32_t size, uint32_t reasons) {
+  if (!make_room(size))
+    return PKI_OUT_OF_MEMORY;
+  crl_cache_entry *slot = free_slot();
+  if (!slot)
+    return PKI_OUT_OF_MEMORY;
+  if (!take_references(crl, signer))
+    return PKI_CRYPTO_LOCK_FAILED;
+  slot->crl = crl;
+  slot->signer = signer;
+  slot->size = size;
+  slot->reasons = reasons;
+  cv_crl_cache.total_size += size;
+  touch(slot);
+  return PKI_OK;
+}
+
+// The object itself, else the first CRL of the same issuer.
+crl_cache_entry *entry_of(const X509_CRL *crl) {
+  crl_cache_entry *same_issuer = nullptr;
+  for (uint32_t i = 0; i < cv_crl_cache.capacity; i++) {
+    crl_cache_entry *entry = &cv_crl_cache.entries[i];
+    if (entry->crl == crl)
+      return entry;
+    if (!same_issuer && entry->crl && X509_CRL_cmp(entry->crl, crl) == 0)
+      same_issuer = entry;
+  }
+  return same_issuer;
+}
+
+struct crl_search {
+  const X509_NAME *issuer;
+  uint32_t reasons;
+  X509 **signer;          // may be null
+  bool reference_failed;  // an entry was passed over for that
+};
+
+X509_CRL *find_locked(crl_search *search) {
+  for (uint32_t i = 0; i < cv_crl_cache.capacity; i++) {
+    crl_cache_entry *entry = &cv_crl_cache.entries[i];
+    if (!fits(entry, search->issuer, search->reasons, search->signer != nullptr))
+      continue;
+    if (!take_references(entry->crl, search->signer ? entry->signer : nullptr)) {
+      search->reference_failed = true;
+      continue;
+    }
+    if (search->signer)
+      *search->signer = entry->signer;
+    touch(entry);
+    return entry->crl;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void cv_free_crl_entry(crl_cache_entry *entry) {
+  X509_CRL_free(entry->crl);
+  X509_free(entry->signer);
+  entry->crl = nullptr;
+  entry->signer = nullptr;
+  cv_crl_cache.total_size -= entry->size;
+}
+
+}  // namespace pki
+
+using namespace pki;
+
+void zv_crl_init(void) {
+  if (crl_is_init)
+    return;
+  crl_is_init = true;
+  cv_crl_cache = crl_cache();
+  pthread_rwlockattr_t attributes;
+  pthread_rwlockattr_init(&attributes);
+  pthread_rwlock_init(&cv_crl_cache.lock, &attributes);
+  pthread_rwlockattr_destroy(&attributes);
+}
+
+X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons, X509 **signer) {
+  if (signer)
+    *signer = nullptr;
+  if (!issuer)
+    return nullptr;
+  crl_search search = {issuer, reasons, signer, false};
+  X509_CRL *found;
+  {
+    read_lock lock(&cv_crl_cache.lock);
+    if (!lock.held())
+      return nullptr;
+    found = find_locked(&search);
+  }
+  if (search.reference_failed)
+    log_openssl_errors(log_error);
+  return found;
+}
+
+int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer) {
+  if (!crl)
+    return PKI_INVALID_ARGS;
+  int size = i2d_X509_CRL(crl, nullptr);
+  if (size < 1)
+    return openssl_failure(PKI_ASN1_ENCODE_ERROR);
+  if (static_cast<uint32_t>(size) > crl_cache_bytes)
+    return PKI_ENTRY_TOO_LARGE;
+  uint32_t reasons = 0;
+  if (int error = covered_reasons(crl, &reasons))
+    return error;
+  int error;
+  {
+    write_lock lock(&cv_crl_cache.lock);
+    if (!lock.held())
+      return PKI_LOCK_FAILED;
+    error = add_locked(crl, signer, static_cast<uint32_t>(size), reasons);
+  }
+  if (error == PKI_CRYPTO_LOCK_FAILED)
+    log_openssl_errors(log_error);
+  return error;
+}
+
+int zv_cv_rem_crl_from_cache(const X509_CRL *crl) {
+  if (!crl)
+    return PKI_INVALID_ARGS;
+  write_lock lock(&cv_crl_cache.lock);
+  if (!lock.held())
+    return PKI_LOCK_FAILED;
+  crl_cache_entry *entry = entry_of(crl);
+  if (!entry)
+    return PKI_NO_ENTRY;
+  cv_free_crl_entry(entry);
+  return PKI_OK;
+}
+
+int zv_cv_clear_crl_cache(void) {
+  write_lock lock(&cv_crl_cache.lock);
+  if (!lock.held())
+    return lock.error();
+  for (uint32_t i = 0; i < cv_crl_cache.capacity; i++)
+    if (cv_crl_cache.entries[i].crl)
+      cv_free_crl_entry(&cv_crl_cache.entries[i]);
+  std::free(cv_crl_cache.entries);
+  cv_crl_cache.entries = nullptr;
+  cv_crl_cache.capacity = 0;
+  cv_crl_cache.total_size = 0;
+  return lock.unlock();
+}
