@@ -1,0 +1,128 @@
+#include "fakes/allocator.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+[[gnu::tls_model("initial-exec")]] thread_local size_t countdown = 0;
+[[gnu::tls_model("initial-exec")]] thread_local size_t made = 0;
+[[gnu::tls_model("initial-exec")]] thread_local bool sticky = false;
+[[gnu::tls_model("initial-exec")]] thread_local bool failed = false;
+[[gnu::tls_model("initial-exec")]] thread_local int paused = 0;
+
+// The dynamic linker allocates before a sanitizer is ready, so nothing here may be instrumented.
+#define UNSANITIZED [[gnu::no_sanitize("address", "undefined")]]
+
+#if !defined(__SANITIZE_THREAD__)
+UNSANITIZED bool must_fail() {
+  if (paused)
+    return false;
+  made++;
+  if (failed && sticky)
+    return true;
+  if (countdown == 0 || --countdown > 0)
+    return false;
+  failed = true;
+  return true;
+}
+#endif
+
+}  // namespace
+
+namespace fake_allocator {
+
+#if defined(__SANITIZE_THREAD__)
+bool available() {
+  return false;
+}
+#else
+bool available() {
+  return true;
+}
+#endif
+
+void fail_at(size_t n, bool stay_failed) {
+  countdown = n;
+  made = 0;
+  sticky = stay_failed;
+  failed = false;
+}
+
+void stop_failing() {
+  countdown = 0;
+  made = 0;
+  sticky = false;
+}
+
+size_t allocations() {
+  return made;
+}
+bool has_failed() {
+  return failed;
+}
+
+pause::pause() {
+  paused++;
+}
+pause::~pause() {
+  paused--;
+}
+
+size_t sweep(const std::function<void()> &operation,
+             const std::function<void(size_t)> &after_failure, bool stay_failed, size_t limit) {
+  if (!available())
+    return 0;
+  for (size_t n = 1; n <= limit; n++) {
+    fail_at(n, stay_failed);
+    operation();
+    stop_failing();
+    if (!failed)
+      return n - 1;
+    after_failure(n);
+  }
+  return limit;
+}
+
+}  // namespace fake_allocator
+
+#if !defined(__SANITIZE_THREAD__)
+
+#if defined(__SANITIZE_ADDRESS__)
+#define REAL(name) __interceptor_##name
+#else
+#define REAL(name) __libc_##name
+#endif
+
+extern "C" {
+
+void *REAL(malloc)(size_t size);
+void *REAL(calloc)(size_t count, size_t size);
+void *REAL(realloc)(void *old, size_t size);
+
+UNSANITIZED void *malloc(size_t size) {
+  if (must_fail()) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return REAL(malloc)(size);
+}
+
+UNSANITIZED void *calloc(size_t count, size_t size) {
+  if (must_fail()) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return REAL(calloc)(count, size);
+}
+
+UNSANITIZED void *realloc(void *old, size_t size) {
+  if (must_fail()) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return REAL(realloc)(old, size);
+}
+}
+
+#endif

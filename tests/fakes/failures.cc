@@ -1,0 +1,346 @@
+#include "fakes/failures.h"
+
+#include <arpa/inet.h>
+#include <board/board.h>
+#include <dlfcn.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "fakes/allocator.h"
+
+namespace {
+
+// Fires once, after `skip` calls.
+struct trap {
+  bool armed = false;
+  int skip = 0;
+  int error = 0;
+  pthread_t owner = {};
+
+  void arm(int new_error, int after) {
+    error = new_error;
+    skip = after;
+    armed = true;
+    owner = pthread_self();
+  }
+  // A test's server makes the same calls on a thread of its own.
+  bool fires_here() { return pthread_equal(owner, pthread_self()) && fires(); }
+  bool fires() {
+    if (!armed || skip-- > 0)
+      return false;
+    armed = false;
+    return true;
+  }
+};
+
+// Not recursive and taken for a few lines only; the real calls are made outside it.
+std::mutex &mutex() {
+  static std::mutex instance;
+  return instance;
+}
+
+struct state {
+  trap wrlock, rdlock, rwlock_init, x509_up_ref, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber,
+      poll_error, poll_timeout, socket, send_error, send_short;
+  std::map<std::string, std::vector<std::string>> names;
+  int wrlocks = 0, rdlocks = 0, host_settings = 0;
+};
+
+state &current() {
+  static state instance;
+  return instance;
+}
+
+bool fires(trap state::*which, int *error = nullptr) {
+  std::lock_guard lock(mutex());
+  trap &t = current().*which;
+  if (error)
+    *error = t.error;
+  return t.fires();
+}
+
+bool fires_here(trap state::*which, int *error = nullptr) {
+  std::lock_guard lock(mutex());
+  trap &t = current().*which;
+  if (error)
+    *error = t.error;
+  return t.fires_here();
+}
+
+thread_local int poll_timeout = -1;
+
+void arm(trap state::*which, int error, int after) {
+  std::lock_guard lock(mutex());
+  (current().*which).arm(error, after);
+}
+
+void count(int state::*which) {
+  std::lock_guard lock(mutex());
+  (current().*which)++;
+}
+
+template <class Function>
+Function *next(const char *name, Function *&cached) {
+  Function *found = __atomic_load_n(&cached, __ATOMIC_RELAXED);
+  if (!found) {
+    fake_allocator::pause no_failures;
+    found = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+    __atomic_store_n(&cached, found, __ATOMIC_RELAXED);
+  }
+  return found;
+}
+
+// The real function behind one of these fakes.
+#define NEXT(name)                              \
+  ([]() {                                       \
+    static decltype(::name) *real;              \
+    return next<decltype(::name)>(#name, real); \
+  }())
+
+}  // namespace
+
+namespace fake_failures {
+
+void fail_wrlock(int error, int after) {
+  arm(&state::wrlock, error, after);
+}
+void fail_rdlock(int error, int after) {
+  arm(&state::rdlock, error, after);
+}
+void fail_rwlock_init(int error, int after) {
+  arm(&state::rwlock_init, error, after);
+}
+void fail_x509_up_ref(int after) {
+  arm(&state::x509_up_ref, 0, after);
+}
+void fail_x509_crl_up_ref(int after) {
+  arm(&state::crl_up_ref, 0, after);
+}
+void fail_evp_pkey_up_ref(int after) {
+  arm(&state::pkey_up_ref, 0, after);
+}
+void fail_rand_bytes(int after) {
+  arm(&state::rand_bytes, 0, after);
+}
+void fail_serialnumber(int error) {
+  arm(&state::serialnumber, error, 0);
+}
+void fail_poll(int error, int after) {
+  arm(&state::poll_error, error, after);
+}
+void time_out_poll(int after) {
+  arm(&state::poll_timeout, 0, after);
+}
+void fail_socket(int error, int after) {
+  arm(&state::socket, error, after);
+}
+void fail_send(int error, int after) {
+  arm(&state::send_error, error, after);
+}
+void short_send(int after) {
+  arm(&state::send_short, 0, after);
+}
+
+void resolve(const std::string &host, const std::vector<std::string> &addresses) {
+  std::lock_guard lock(mutex());
+  current().names[host] = addresses;
+}
+
+int last_poll_timeout() {
+  return poll_timeout;
+}
+
+int wrlock_calls() {
+  return current().wrlocks;
+}
+int rdlock_calls() {
+  return current().rdlocks;
+}
+int host_setting_calls() {
+  return current().host_settings;
+}
+
+void reset() {
+  std::lock_guard lock(mutex());
+  current() = state();
+}
+
+}  // namespace fake_failures
+
+namespace {
+
+// A list as getaddrinfo makes it; every node is one block, freed by our freeaddrinfo.
+addrinfo *fake_addresses(const std::vector<std::string> &addresses) {
+  addrinfo *first = nullptr;
+  addrinfo **link = &first;
+  for (const std::string &text : addresses) {
+    auto *node = static_cast<addrinfo *>(calloc(1, sizeof(addrinfo) + sizeof(sockaddr_in6)));
+    auto *address = reinterpret_cast<sockaddr *>(node + 1);
+    node->ai_socktype = SOCK_STREAM;
+    node->ai_protocol = IPPROTO_TCP;
+    node->ai_addr = address;
+    in6_addr six;
+    if (inet_pton(AF_INET6, text.c_str(), &six) == 1) {
+      auto *in6 = reinterpret_cast<sockaddr_in6 *>(address);
+      in6->sin6_family = AF_INET6;
+      in6->sin6_addr = six;
+      node->ai_addrlen = sizeof *in6;
+    } else {
+      auto *in4 = reinterpret_cast<sockaddr_in *>(address);
+      in4->sin_family = AF_INET;
+      inet_pton(AF_INET, text.c_str(), &in4->sin_addr);
+      node->ai_addrlen = sizeof *in4;
+    }
+    node->ai_family = address->sa_family;
+    *link = node;
+    link = &node->ai_next;
+  }
+  return first;
+}
+
+std::map<addrinfo *, bool> &fake_lists() {
+  static std::map<addrinfo *, bool> lists;
+  return lists;
+}
+
+}  // namespace
+
+extern "C" {
+
+int pthread_rwlock_wrlock(pthread_rwlock_t *lock) noexcept {
+  int error;
+  count(&state::wrlocks);
+  if (fires(&state::wrlock, &error))
+    return error;
+  return NEXT(pthread_rwlock_wrlock)(lock);
+}
+
+int pthread_rwlock_rdlock(pthread_rwlock_t *lock) noexcept {
+  int error;
+  count(&state::rdlocks);
+  if (fires(&state::rdlock, &error))
+    return error;
+  return NEXT(pthread_rwlock_rdlock)(lock);
+}
+
+int pthread_rwlock_init(pthread_rwlock_t *lock, const pthread_rwlockattr_t *attributes) noexcept {
+  int error;
+  if (fires(&state::rwlock_init, &error))
+    return error;
+  return NEXT(pthread_rwlock_init)(lock, attributes);
+}
+
+int X509_up_ref(X509 *cert) {
+  return fires(&state::x509_up_ref) ? 0 : NEXT(X509_up_ref)(cert);
+}
+
+int X509_CRL_up_ref(X509_CRL *crl) {
+  return fires(&state::crl_up_ref) ? 0 : NEXT(X509_CRL_up_ref)(crl);
+}
+
+int EVP_PKEY_up_ref(EVP_PKEY *key) {
+  return fires(&state::pkey_up_ref) ? 0 : NEXT(EVP_PKEY_up_ref)(key);
+}
+
+int RAND_bytes(unsigned char *buffer, int length) {
+  return fires(&state::rand_bytes) ? 0 : NEXT(RAND_bytes)(buffer, length);
+}
+
+// Linkers drop libraries that seem unused; this one has the real serial number.
+[[gnu::used]] int (*const keep_board_linked)(unsigned char *, int *) = board_key_secret;
+
+int board_info_serialnumber(char *buffer, int size) {
+  int error;
+  if (fires(&state::serialnumber, &error))
+    return error;
+  return NEXT(board_info_serialnumber)(buffer, size);
+}
+
+int poll(pollfd *fds, nfds_t how_many, int timeout) {
+  int error;
+  poll_timeout = timeout;
+  if (fires_here(&state::poll_timeout))
+    return 0;
+  if (fires_here(&state::poll_error, &error)) {
+    errno = error;
+    return -1;
+  }
+  return NEXT(poll)(fds, how_many, timeout);
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+  int error;
+  if (fires(&state::socket, &error)) {
+    errno = error;
+    return -1;
+  }
+  return NEXT(socket)(domain, type, protocol);
+}
+
+ssize_t send(int fd, const void *data, size_t length, int flags) {
+  int error;
+  if (!(flags & MSG_NOSIGNAL))
+    count(&state::host_settings);
+  if (fires_here(&state::send_error, &error)) {
+    errno = error;
+    return -1;
+  }
+  if (fires_here(&state::send_short) && length > 1)
+    length = 1;
+  return NEXT(send)(fd, data, length, flags);
+}
+
+int getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **result) {
+  {
+    fake_allocator::pause no_failures;
+    std::lock_guard lock(mutex());
+    auto found = host ? current().names.find(host) : current().names.end();
+    if (found != current().names.end()) {
+      if (found->second.empty())
+        return EAI_NONAME;
+      *result = fake_addresses(found->second);
+      fake_lists()[*result] = true;
+      return 0;
+    }
+  }
+  return NEXT(getaddrinfo)(host, service, hints, result);
+}
+
+void freeaddrinfo(addrinfo *list) noexcept {
+  {
+    std::lock_guard lock(mutex());
+    if (fake_lists().erase(list)) {
+      while (list) {
+        addrinfo *node = list;
+        list = list->ai_next;
+        free(node);
+      }
+      return;
+    }
+  }
+  NEXT(freeaddrinfo)(list);
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  count(&state::host_settings);
+  return NEXT(signal)(number, handler);
+}
+
+char *setlocale(int category, const char *locale) noexcept {
+  if (locale)
+    count(&state::host_settings);
+  return NEXT(setlocale)(category, locale);
+}
+}

@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+#include <libpki/error.h>
+
+#include "run_tool.h"
+
+namespace {
+
+using tool_test::pkictl;
+using tool_test::result;
+
+TEST(PkictlError, PrintsNameAndText) {
+  result done = pkictl({"error", "47"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.out, "47 PKI_HTTP_ERROR: HTTP ERROR\n");
+  EXPECT_EQ(done.err, "");
+}
+
+TEST(PkictlError, PrintsJson) {
+  result done = pkictl({"error", "0", "--json"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(nlohmann::json::parse(done.out),
+            (nlohmann::json{{"code", 0}, {"name", "PKI_OK"}, {"text", "Ok"}}));
+}
+
+TEST(PkictlError, KnowsEveryCodeOfTheLibrary) {
+  for (unsigned code : {0u, 1u, 30u, 36u, 86u, 87u}) {
+    result done = pkictl({"error", std::to_string(code)});
+    EXPECT_EQ(done.exit_code, 0);
+    EXPECT_NE(done.out.find(": " + std::string(pki_strerror(code)) + "\n"), std::string::npos);
+  }
+}
+
+TEST(PkictlError, UnknownNumberFails) {
+  result done = pkictl({"error", "88"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.out, "");
+  EXPECT_EQ(done.err, "pkictl: unknown status 88: the library's codes are 0 to 87\n");
+}
+
+TEST(PkictlError, TextOrNothingIsWrongUsage) {
+  EXPECT_EQ(pkictl({"error", "abc"}).exit_code, 2);
+  EXPECT_EQ(pkictl({"error", "-1"}).exit_code, 2);
+  EXPECT_EQ(pkictl({"error"}).exit_code, 2);
+}
+
+TEST(PkictlUsage, HelpIsEverywhere) {
+  for (const tool_test::strings &command :
+       {tool_test::strings{}, tool_test::strings{"cainfo"}, tool_test::strings{"cainfo", "sign"},
+        tool_test::strings{"cainfo", "verify"}, tool_test::strings{"cainfo", "show"},
+        tool_test::strings{"provision"}, tool_test::strings{"error"}}) {
+    tool_test::strings arguments = command;
+    arguments.push_back("--help");
+    result done = pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 0);
+    EXPECT_NE(done.out.find("Usage: "), std::string::npos);
+    EXPECT_EQ(done.err, "");
+  }
+}
+
+TEST(PkictlUsage, VersionIsOneLine) {
+  result done = pkictl({"--version"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.out, "pkictl 0.1.0\n");
+}
+
+TEST(PkictlUsage, MistakesAreOneLineAndTwo) {
+  for (const tool_test::strings &arguments :
+       {tool_test::strings{}, tool_test::strings{"nothing"}, tool_test::strings{"cainfo"},
+        tool_test::strings{"provision"}, tool_test::strings{"error", "1", "2"},
+        tool_test::strings{"cainfo", "verify", "file"}, tool_test::strings{"--unknown"}}) {
+    result done = pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_EQ(done.out, "");
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+    EXPECT_NE(done.err.find("--help'"), std::string::npos) << done.err;
+  }
+}
+
+TEST(PkictlUsage, UnknownWordsAreNamed) {
+  EXPECT_EQ(pkictl({"nothing"}).err, "pkictl: 'nothing' is not known here; see 'pkictl --help'\n");
+  EXPECT_EQ(pkictl({"provision", "url", "--dockey", "f"}).err,
+            "pkictl: '--dockey' is not known here; see 'pkictl provision --help'\n");
+}
+
+TEST(PkictlUsage, MistakeNamesTheCommandsOwnHelp) {
+  EXPECT_NE(pkictl({"cainfo", "verify", "file"}).err.find("'pkictl cainfo verify --help'"),
+            std::string::npos);
+}
+
+}  // namespace

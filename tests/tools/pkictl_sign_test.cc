@@ -1,0 +1,262 @@
+#include <gtest/gtest.h>
+
+#include "lab_fixture.h"
+#include "run_tool.h"
+
+namespace {
+
+using nlohmann::json;
+using tool_test::folder;
+using tool_test::pkictl;
+using tool_test::result;
+using tool_test::strings;
+using tool_test::the_lab;
+
+const char *const moved_note =
+    "pkictl: note: moved Expires to the end, because devices stop reading a document at its expiry"
+    " and refuse one that has elements behind it\n";
+
+struct signing {
+  folder home;
+  std::string out = home / "signed";
+
+  result sign(const strings &what) {
+    strings arguments = {"cainfo", "sign", "--key", the_lab().file("doc-key.pem"), "--out", out};
+    arguments.insert(arguments.end(), what.begin(), what.end());
+    return pkictl(arguments);
+  }
+  result sign_text(const std::string &xml, const strings &options = {}) {
+    strings arguments = options;
+    arguments.push_back(home.write("doc.xml", xml));
+    return sign(arguments);
+  }
+  // What a device makes of the result.
+  json shown() {
+    result done =
+        pkictl({"cainfo", "show", out, "--doc-key", the_lab().file("doc-key.pub.pem"), "--json"});
+    EXPECT_EQ(done.exit_code, 0) << done.err;
+    return json::parse(done.out)["ca"];
+  }
+};
+
+TEST(PkictlSign, SignsAFileThatVerifies) {
+  signing test;
+  result done = test.sign_text("<QRNPkiConfig><IssuerName>CN=x, C=US</IssuerName></QRNPkiConfig>");
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err, "");
+  EXPECT_TRUE(done.out.starts_with("signed " + test.out)) << done.out;
+  EXPECT_EQ(test.shown()["issuer"], "CN=x, C=US");
+}
+
+TEST(PkictlSign, KeepsADocumentThatNeedsNoMoveOctetByOctet) {
+  signing test;
+  std::string xml =
+      "<?xml version='1.0'?>\r\n<qrnpkiconfig  >\n\n <!-- kept --><ISSUERNAME>CN=a</ISSUERNAME>\n"
+      "<expires>Thu, 01 Jan 2037 00:00:00 GMT</expires> <!-- behind --></qrnpkiconfig>\n\n";
+  result done = test.sign_text(xml);
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(done.err, "");
+  EXPECT_NE(tool_test::read_file(test.out).find(xml), std::string::npos);
+}
+
+TEST(PkictlSign, MovesExpiresToTheEndAndSaysWhy) {
+  signing test;
+  result done = test.sign_text(
+      "<QRNPkiConfig>\n"
+      "  <Expires>Thu, 01 Jan 2037 00:00:00 GMT</Expires>\n"
+      "  <IssuerName>CN=a</IssuerName>\n"
+      "  <CertReqMethod><SCEP url=\"http://a/?b=1&amp;c=2\"/></CertReqMethod>\n"
+      "</QRNPkiConfig>\n");
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err, moved_note);
+  EXPECT_NE(tool_test::read_file(test.out).find(
+                "<QRNPkiConfig>\n"
+                "  <IssuerName>CN=a</IssuerName>\n"
+                "  <CertReqMethod><SCEP url=\"http://a/?b=1&amp;c=2\"/></CertReqMethod>\n"
+                "  <Expires>Thu, 01 Jan 2037 00:00:00 GMT</Expires>\n"
+                "</QRNPkiConfig>\n"),
+            std::string::npos);
+  json ca = test.shown();
+  EXPECT_EQ(ca["issuer"], "CN=a");
+  EXPECT_EQ(ca["cert_req_methods"][0]["url"], "http://a/?b=1&c=2");
+  EXPECT_EQ(ca["expires"], "Thu, 01 Jan 2037 00:00:00 GMT");
+}
+
+TEST(PkictlSign, MovesExpiresInADocumentWithoutWhiteSpace) {
+  signing test;
+  result done = test.sign_text(
+      "<QRNPkiConfig><Expires>1 Jan 2037</Expires><IssuerName>CN=a</IssuerName></QRNPkiConfig>");
+  EXPECT_EQ(done.err, moved_note);
+  EXPECT_NE(tool_test::read_file(test.out).find(
+                "<IssuerName>CN=a</IssuerName><Expires>1 Jan 2037</Expires></QRN"),
+            std::string::npos);
+}
+
+TEST(PkictlSign, RefusesWhatIsNoCaInfoDocument) {
+  struct {
+    const char *xml;
+    const char *reason;
+  } cases[] = {
+      {"<QRNPkiConfig>\n<a></QRNPkiConfig>", "is not well-formed XML: line 2: "},
+      {"", "is not well-formed XML: "},
+      {"<Config/>", "has the root element Config; a CA-info document has QRNPkiConfig"},
+      {"<x:QRNPkiConfig xmlns:x='u'/>", "has the root element QRNPkiConfig"},
+      {"<QRNPkiConfig><Expires>1</Expires><expires>2</expires></QRNPkiConfig>",
+       "has several Expires elements"},
+  };
+  for (const auto &one : cases) {
+    signing test;
+    result done = test.sign_text(one.xml);
+    EXPECT_EQ(done.exit_code, 1) << one.xml;
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+    EXPECT_NE(done.err.find(one.reason), std::string::npos) << done.err;
+    EXPECT_EQ(tool_test::read_file(test.out), "");
+  }
+}
+
+TEST(PkictlSign, RefusesWhatDevicesRefuse) {
+  struct {
+    const char *xml;
+    const char *reason;
+  } cases[] = {
+      {"<CertReqMethod><SCEP/></CertReqMethod>", "XML ATTR NOT FOUND (32)"},
+      {"<TrustedRoots><X509Certificate>\nAAAA\n</X509Certificate></TrustedRoots>",
+       "XML CERT DEC FAILED (33)"},
+      {"<IssuerName>CN</IssuerName>", "DN NO VALUE (54)"},
+      {"<IssuerName></IssuerName>", "XML INTERNAL ERROR NO BUF (35)"},
+  };
+  for (const auto &one : cases) {
+    signing test;
+    std::string xml = "<QRNPkiConfig>" + std::string(one.xml) + "</QRNPkiConfig>";
+    result done = test.sign_text(xml);
+    EXPECT_EQ(done.exit_code, 1) << xml;
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+    EXPECT_NE(done.err.find(one.reason), std::string::npos) << done.err;
+    EXPECT_NE(done.err.find("--force"), std::string::npos) << done.err;
+    EXPECT_EQ(tool_test::read_file(test.out), "");
+  }
+}
+
+TEST(PkictlSign, ForceSignsWhatDevicesRefuse) {
+  signing test;
+  result done =
+      test.sign_text("<QRNPkiConfig><IssuerName>CN</IssuerName></QRNPkiConfig>", {"--force"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_NE(done.err.find("DN NO VALUE (54)"), std::string::npos) << done.err;
+  result verified =
+      pkictl({"cainfo", "verify", test.out, "--doc-key", the_lab().file("doc-key.pub.pem")});
+  EXPECT_EQ(verified.exit_code, 1);
+}
+
+TEST(PkictlSign, AFailureLeavesTheOldFile) {
+  signing test;
+  test.home.write("signed", "old");
+  EXPECT_EQ(test.sign_text("<Config/>").exit_code, 1);
+  EXPECT_EQ(tool_test::read_file(test.out), "old");
+}
+
+TEST(PkictlSign, BuildsADocumentFromOptions) {
+  signing test;
+  result done = test.sign({"--issuer-name",
+                           "CN=Built CA, O=Example",
+                           "--expires",
+                           "2037-01-01",
+                           "--scep-url",
+                           "http://ca/scep?a=1&b=2",
+                           "--scep-cert",
+                           the_lab().file("issuing-cert.pem"),
+                           "--digest",
+                           "SHA256",
+                           "--cipher",
+                           "DES-EDE3-CBC",
+                           "--scep-get-cert-url",
+                           "http://ca/get",
+                           "--ldap-url",
+                           "ldap://ca/",
+                           "--ocsp-url",
+                           "http://ca/ocsp",
+                           "--root",
+                           the_lab().file("root-cert.pem"),
+                           the_lab().file("issuing-cert.pem"),
+                           "--additional-cert",
+                           the_lab().file("additional-cert.pem")});
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(done.err, "");
+  json ca = test.shown();
+  EXPECT_EQ(ca["issuer"], "CN=Built CA, O=Example");
+  EXPECT_EQ(ca["expires"], "Thu, 01 Jan 2037 00:00:00 GMT");
+  const json &scep = ca["cert_req_methods"][0];
+  EXPECT_EQ(scep["url"], "http://ca/scep?a=1&b=2");
+  EXPECT_EQ(scep["digest"], "SHA256");
+  EXPECT_EQ(scep["cipher"], "DES-EDE3-CBC");
+  EXPECT_EQ(scep["ca_cert"]["subject"], "CN=pkilab issuing CA, O=pkilab");
+  EXPECT_EQ(ca["cert_lookup_methods"][0]["url"], "http://ca/get");
+  EXPECT_EQ(ca["cert_lookup_methods"][0]["ca_cert"], scep["ca_cert"]);
+  EXPECT_EQ(ca["cert_lookup_methods"][1]["mechanism"], "LDAP");
+  EXPECT_EQ(ca["cert_lookup_methods"][1]["url"], "ldap://ca/");
+  EXPECT_EQ(ca["cert_status_methods"][0]["url"], "http://ca/ocsp");
+  EXPECT_EQ(ca["trusted_roots"].size(), 2u);
+  EXPECT_EQ(ca["additional_certs"][0]["subject"], "CN=pkilab additional CA, O=pkilab");
+}
+
+TEST(PkictlSign, TakesEveryCertificateOfAPemFile) {
+  signing test;
+  std::string bundle = test.home.write(
+      "bundle.pem", "some text in front\n" + tool_test::read_file(the_lab().file("root-cert.pem")) +
+                        tool_test::read_file(the_lab().file("issuing-cert.pem")));
+  ASSERT_EQ(test.sign({"--root", bundle}).exit_code, 0);
+  EXPECT_EQ(test.shown()["trusted_roots"].size(), 2u);
+}
+
+TEST(PkictlSign, WritesExpiresAsAnHttpDate) {
+  for (const char *date : {"2031-05-06T07:08:09Z", "Tue, 06 May 2031 07:08:09 GMT"}) {
+    signing test;
+    ASSERT_EQ(test.sign({"--issuer-name", "CN=a", "--expires", date}).exit_code, 0);
+    EXPECT_EQ(test.shown()["expires"], "Tue, 06 May 2031 07:08:09 GMT");
+  }
+}
+
+TEST(PkictlSign, ContradictingOptionsAreWrongUsage) {
+  signing test;
+  std::string xml = test.home.write("doc.xml", "<QRNPkiConfig/>");
+  for (const strings &what :
+       {strings{}, strings{xml, "--issuer-name", "CN=a"}, strings{"--digest", "SHA256"},
+        strings{"--scep-url", "http://a/", "--digest", "NOSUCH"},
+        strings{"--scep-url", "http://a/", "--cipher", "NOSUCH"},
+        strings{"--scep-cert", the_lab().file("root-cert.pem")},
+        strings{"--issuer-name", "CN=a", "--expires", "tomorrow"},
+        strings{"--issuer-name", "CN=a", "--expires", "2031-02-31"}}) {
+    result done = test.sign(what);
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_EQ(done.out, "");
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+  }
+}
+
+TEST(PkictlSign, TextThatXmlCannotCarryIsRefused) {
+  signing test;
+  result done = test.sign({"--issuer-name", "CN=a\x01"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkictl: the text for IssuerName holds characters that XML cannot carry\n");
+}
+
+TEST(PkictlSign, PrintsJson) {
+  signing test;
+  result done = test.sign_text(
+      "<QRNPkiConfig><Expires>1 Jan</Expires><TrustedRoots/></QRNPkiConfig>", {"--json"});
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  json printed = json::parse(done.out);
+  EXPECT_EQ(printed["file"], test.out);
+  EXPECT_EQ(printed["size"], tool_test::read_file(test.out).size());
+  EXPECT_EQ(printed["expires_moved"], true);
+}
+
+TEST(PkictlSign, UnwritableOutputFails) {
+  signing test;
+  test.out = test.home / "missing/signed";
+  result done = test.sign({"--issuer-name", "CN=a"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkictl: cannot write " + test.out + ": No such file or directory\n");
+}
+
+}  // namespace

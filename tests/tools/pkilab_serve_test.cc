@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "run_tool.h"
+#include "support/certs.h"
+
+namespace {
+
+using tool_test::lab_process;
+using tool_test::result;
+using tool_test::run;
+
+TEST(PkilabServe, TellsItsUrlOnOneLineAndInTheReadyFile) {
+  tool_test::folder home;
+  lab_process lab(home / "lab");
+  EXPECT_TRUE(lab.url().starts_with("http://127.0.0.1:")) << lab.url();
+  result done = lab.end(SIGTERM);
+  EXPECT_EQ(done.out, "pkilab is ready: " + lab.url() + "/ca-info\n");
+}
+
+TEST(PkilabServe, EndsCleanlyOnSigterm) {
+  tool_test::folder home;
+  lab_process lab(home / "lab");
+  result done = lab.end(SIGTERM);
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err, "");
+}
+
+TEST(PkilabServe, EndsCleanlyOnSigint) {
+  tool_test::folder home;
+  lab_process lab(home / "lab");
+  EXPECT_EQ(lab.end(SIGINT).exit_code, 0);
+}
+
+TEST(PkilabServe, LogsTheQueryOfEachRequest) {
+  tool_test::folder home;
+  home.write("serialnumber", "SN-0007\n");
+  lab_process lab(home / "lab");
+  result provisioned = tool_test::pkictl(
+      {"provision", lab.url() + "/ca-info", "--doc-key", home / "lab/doc-key.pub.pem"},
+      {"BOARD_INFO_DIR=" + (home / "")});
+  EXPECT_EQ(provisioned.exit_code, 0) << provisioned.err;
+  result done = lab.end(SIGTERM);
+  EXPECT_TRUE(done.err.starts_with("pkilab: GET /ca-info?serial=SN-0007 -> 200 ")) << done.err;
+}
+
+TEST(PkilabServe, QuietLogsNothing) {
+  tool_test::folder home;
+  home.write("serialnumber", "SN-0007\n");
+  lab_process lab(home / "lab", {"--quiet"});
+  tool_test::pkictl(
+      {"provision", lab.url() + "/ca-info", "--doc-key", home / "lab/doc-key.pub.pem"},
+      {"BOARD_INFO_DIR=" + (home / "")});
+  EXPECT_EQ(lab.end(SIGTERM).err, "");
+}
+
+TEST(PkilabServe, ServesAGivenDocumentOnceItIsThere) {
+  tool_test::folder home;
+  home.write("serialnumber", "SN-0007\n");
+  lab_process lab(home / "lab", {"--document", home / "own.p7", "--quiet"});
+  tool_test::strings provision = {"provision", lab.url() + "/ca-info", "--doc-key",
+                                  home / "lab/doc-key.pub.pem", "--json"};
+  tool_test::strings board = {"BOARD_INFO_DIR=" + (home / "")};
+  EXPECT_EQ(tool_test::pkictl(provision, board).exit_code, 1);
+  result made = tool_test::pkictl({"cainfo", "sign", "--issuer-name", "CN=own", "--key",
+                                   home / "lab/doc-key.pem", "--out", home / "own.p7"});
+  ASSERT_EQ(made.exit_code, 0) << made.err;
+  result provisioned = tool_test::pkictl(provision, board);
+  ASSERT_EQ(provisioned.exit_code, 0) << provisioned.err;
+  EXPECT_EQ(nlohmann::json::parse(provisioned.out)["ca"]["issuer"], "CN=own");
+}
+
+TEST(PkilabServe, WarnsBeforeItLeavesTheLoopback) {
+  tool_test::folder home;
+  // An address of nobody's (RFC 5737), so that nothing is opened to a network.
+  result done = run("pkilab", {"serve", "--dir", home / "lab", "--bind", "192.0.2.1"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(done.err.starts_with("pkilab: warning: 192.0.2.1 can be reached from other"))
+      << done.err;
+}
+
+TEST(PkilabServe, WrongUsageIsTwo) {
+  tool_test::folder home;
+  for (const tool_test::strings &arguments :
+       {tool_test::strings{}, tool_test::strings{"serve"},
+        tool_test::strings{"serve", "--dir", home / "lab", "--port", "70000"},
+        tool_test::strings{"serve", "--dir", home / "lab", "more"}}) {
+    result done = run("pkilab", arguments);
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+    EXPECT_EQ(done.out, "");
+  }
+}
+
+TEST(PkilabServe, HelpListsTheMisbehaviours) {
+  result done = run("pkilab", {"serve", "--help"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_NE(done.out.find("/misbehave/truncate-body/..."), std::string::npos);
+  EXPECT_EQ(run("pkilab", {"--version"}).out, "pkilab 0.1.0\n");
+}
+
+}  // namespace

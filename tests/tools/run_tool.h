@@ -1,0 +1,72 @@
+// Runs the real programs.
+#ifndef TESTS_TOOLS_RUN_TOOL_H
+#define TESTS_TOOLS_RUN_TOOL_H
+
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace tool_test {
+
+using strings = std::vector<std::string>;
+
+struct result {
+  int exit_code = -1;  // 128 and the signal's number where one ended the program
+  std::string out;
+  std::string err;
+};
+
+// Runs TOOL_DIR/name to its end, with an empty standard input and further environment entries
+// "NAME=VALUE".
+result run(const std::string &name, const strings &arguments, const strings &environment = {});
+inline result pkictl(const strings &arguments, const strings &environment = {}) {
+  return run("pkictl", arguments, environment);
+}
+
+// One line of text, ended.
+bool is_one_line(const std::string &text);
+
+// A folder of its own for a test, removed with everything in it.
+class folder {
+ public:
+  folder();
+  ~folder();
+  folder(const folder &) = delete;
+  folder &operator=(const folder &) = delete;
+
+  std::string operator/(const std::string &file) const { return path_ + "/" + file; }
+  // Writes a file and returns its path.
+  std::string write(const std::string &file, const std::string &bytes) const;
+
+ private:
+  std::string path_;
+};
+
+std::string read_file(const std::string &path);
+
+// A pkilab process that serves from a folder of its own choice.
+class lab_process {
+ public:
+  explicit lab_process(const std::string &dir, const strings &arguments = {});
+  ~lab_process();
+  lab_process(const lab_process &) = delete;
+  lab_process &operator=(const lab_process &) = delete;
+
+  // "http://127.0.0.1:PORT"
+  const std::string &url() const { return url_; }
+  // Sends a signal and waits for the end.
+  result end(int signal_number);
+
+ private:
+  pid_t pid_ = -1;
+  int out_ = -1;
+  int err_ = -1;
+  std::string url_;
+  std::string first_line_;
+};
+
+}  // namespace tool_test
+
+#endif

@@ -1,0 +1,186 @@
+// From a host name to a connection.
+#include <netdb.h>
+
+#include <string>
+#include <vector>
+
+#include "support/test_server.h"
+#include "unit/http/http_exchange.h"
+
+namespace {
+
+using http_test::plain_get;
+using requests = std::vector<std::string>;
+
+class HttpAddress : public http_test::fixture {
+ protected:
+  // "ca.example", at these addresses.
+  std::string named(const std::vector<std::string> &addresses, int port) {
+    fake_failures::resolve("ca.example", addresses);
+    return "ca.example:" + std::to_string(port);
+  }
+  void expect_answered(const support::test_server &server) {
+    EXPECT_EQ(call.code, 0);
+    EXPECT_EQ(call.status, 200);
+    EXPECT_EQ(call.body_text(), "found");
+    EXPECT_EQ(server.requests().size(), 1u);
+  }
+};
+
+TEST_F(HttpAddress, Ipv4) {
+  support::test_server server({support::ok("found")});
+  call.get(named({"127.0.0.1"}, server.port()), "/a");
+  expect_answered(server);
+  EXPECT_LOG();
+}
+
+TEST_F(HttpAddress, Ipv6) {
+  support::test_server server({support::ok("found")}, true);
+  call.get(named({"::1"}, server.port()), "/a");
+  expect_answered(server);
+  EXPECT_LOG();
+}
+
+TEST_F(HttpAddress, BracketedIpv6) {
+  support::test_server server({support::ok("found")}, true);
+  ASSERT_EQ(server.host(), "[::1]:" + std::to_string(server.port()));
+  call.get(server.host(), "/a");
+  expect_answered(server);
+  EXPECT_EQ(server.requests(), requests{plain_get(server.host(), "/a")});
+}
+
+TEST_F(HttpAddress, FirstOneThatAnswersIsUsed) {
+  support::test_server server({support::ok("found")});
+  http_test::silent_listener other(16, "127.0.0.2", server.port());
+  call.get(named({"127.0.0.1", "127.0.0.2"}, server.port()), "/a");
+  expect_answered(server);
+  EXPECT_FALSE(other.has_connection());
+}
+
+TEST_F(HttpAddress, DeadOneIsPassedOver) {
+  support::test_server server({support::ok("found")});
+  call.get(named({"127.0.0.2", "127.0.0.1"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+TEST_F(HttpAddress, SeveralDeadOnesArePassedOver) {
+  support::test_server server({support::ok("found")});
+  call.get(named({"127.0.0.2", "::1", "127.0.0.3", "127.0.0.1", "127.0.0.4"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+TEST_F(HttpAddress, DeadIpv6IsPassedOverForIpv4) {
+  support::test_server server({support::ok("found")});
+  call.get(named({"::1", "127.0.0.1"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+TEST_F(HttpAddress, DeadIpv4IsPassedOverForIpv6) {
+  support::test_server server({support::ok("found")}, true);
+  call.get(named({"127.0.0.1", "::1"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+TEST_F(HttpAddress, SilentOneIsGivenUpAfterSixtySeconds) {
+  support::test_server server({support::ok("found")});
+  http_test::silent_listener full(0, "127.0.0.2", server.port());
+  full.fill();
+  fake_failures::time_out_poll();
+  call.get(named({"127.0.0.2", "127.0.0.1"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+TEST_F(HttpAddress, OneWithoutASocketIsPassedOver) {
+  support::test_server server({support::ok("found")});
+  fake_failures::fail_socket(EAFNOSUPPORT);
+  call.get(named({"::1", "127.0.0.1"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+TEST_F(HttpAddress, AllDeadIsAFailure) {
+  const int port = support::unused_port();
+  call.get(named({"127.0.0.2", "::1", "127.0.0.1"}, port), "/a");
+  EXPECT_EQ(call.code, 47);
+  EXPECT_TRUE(was_logged(
+      3, "Error connecting to ca.example:" + std::to_string(port) + ": Connection refused"))
+      << log_dump();
+}
+
+TEST_F(HttpAddress, UnknownHostGivesTheReasonOfTheResolver) {
+  fake_failures::resolve("gone.example", {});
+  call.get("gone.example:8080", "/a");
+  EXPECT_EQ(call.code, 47);
+  EXPECT_LOG({3, std::string("Error getting hostname-info for gone.example: ") +
+                     gai_strerror(EAI_NONAME)});
+}
+
+TEST_F(HttpAddress, EmptyHostIsAFailure) {
+  call.get(":8080", "/a");
+  EXPECT_EQ(call.code, 47);
+  EXPECT_TRUE(logged_containing(3, "Error")) << log_dump();
+}
+
+class HttpPort : public HttpAddress {
+ protected:
+  // The port that a host text leads to, as the message of a failed socket tells it.
+  void expect_port(const std::string &host, const std::string &name_and_port) {
+    SCOPED_TRACE(host);
+    clear_log();
+    fake_failures::fail_socket(EMFILE);
+    call.get(host, "/a");
+    EXPECT_EQ(call.code, 47);
+    EXPECT_LOG({3, "Error creating socket to " + name_and_port + ": Too many open files"});
+  }
+};
+
+TEST_F(HttpPort, IsEightyByDefault) {
+  expect_port("127.0.0.1", "127.0.0.1:80");
+}
+
+TEST_F(HttpPort, IsTheNumberBehindTheColon) {
+  expect_port("127.0.0.1:1", "127.0.0.1:1");
+  expect_port("127.0.0.1:65535", "127.0.0.1:65535");
+  expect_port("127.0.0.1:0080", "127.0.0.1:80");
+  expect_port("127.0.0.1:81x", "127.0.0.1:81");
+}
+
+TEST_F(HttpPort, StandsBehindTheBracketOfAnIpv6Address) {
+  for (const auto &[host, port] : {std::pair("[::1]:8080", ":8080: Too many open files"),
+                                   std::pair("[::1]", ":80: Too many open files")}) {
+    SCOPED_TRACE(host);
+    clear_log();
+    fake_failures::fail_socket(EMFILE);
+    call.get(host, "/a");
+    EXPECT_EQ(call.code, 47);
+    EXPECT_TRUE(logged_containing(3, port)) << log_dump();
+  }
+}
+
+TEST_F(HttpPort, OutOfRangeFailsBeforeASocketIsMade) {
+  for (const char *host :
+       {"127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:-1", "127.0.0.1:", "127.0.0.1:http",
+        "127.0.0.1:99999999999999999999", "127.0.0.1:-99999999999999999999", "127.0.0.1:4294967376",
+        "127.0.0.1:-4294967216", "[::1]:0", "[::1]:65536", "[::1]:"}) {
+    SCOPED_TRACE(host);
+    clear_log();
+    fake_failures::fail_socket(EMFILE);
+    call.get(host, "/a");
+    EXPECT_EQ(call.code, 47);
+    EXPECT_EQ(call.body, nullptr);
+    EXPECT_EQ(call.content_length, -1);
+    EXPECT_TRUE(logged_containing(3, "")) << "nothing was logged";
+    EXPECT_FALSE(logged_containing(3, "Error creating socket")) << log_dump();
+  }
+}
+
+TEST_F(HttpPort, OutOfRangeDoesNotWrapAround) {
+  http_test::silent_listener listener;
+  for (long long turn : {1LL << 16, 1LL << 32, -(1LL << 16), 1LL << 31}) {
+    SCOPED_TRACE(turn);
+    call.get("127.0.0.1:" + std::to_string(listener.port() + turn), "/a");
+    EXPECT_EQ(call.code, 47);
+    EXPECT_FALSE(listener.has_connection());
+  }
+}
+
+}  // namespace

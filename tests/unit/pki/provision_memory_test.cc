@@ -1,0 +1,79 @@
+// Every allocation of provisioning a CA fails once, alone and with all that follow.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libpki/libpki.h>
+#include <openssl/err.h>
+
+#include <string>
+#include <vector>
+
+#include "fakes/allocator.h"
+#include "fakes/log_capture.h"
+#include "support/ca_info_doc.h"
+#include "support/certs.h"
+#include "support/store_fixture.h"
+#include "support/test_server.h"
+
+namespace {
+
+class ProvisionMemory : public support::store_test {
+ protected:
+  void sweep(bool stay_failed) {
+    if (!fake_allocator::available())
+      GTEST_SKIP() << "this build's allocator cannot be replaced";
+    support::key doc_key = support::test_key(0);
+    support::key stranger = support::test_key(1);
+    support::test_server server(
+        {support::ok(support::sign_document(support::sample().document, doc_key))});
+    std::string url = server.url();
+    // OpenSSL and the resolver fill their caches, also the ones for logging errors.
+    ASSERT_EQ(pki_add_ca("label", url.c_str(), doc_key.get()), PKI_OK);
+    ASSERT_NE(pki_add_ca("label", url.c_str(), stranger.get()), PKI_OK);
+    support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
+    log_openssl_errors(3);
+    support::empty_store();
+
+    int code = -1;
+    size_t failures =
+        fake_allocator::sweep([&] { code = pki_add_ca("label", url.c_str(), doc_key.get()); },
+                              [&](size_t n) {
+                                check(code, n);
+                                support::empty_store();
+                                support::clear_openssl_errors();
+                                clear_log();
+                              },
+                              stay_failed);
+    EXPECT_GT(failures, 100u);
+    EXPECT_EQ(code, PKI_OK);
+    check(code, 0);
+  }
+
+  static void check(int code, size_t n) {
+    EXPECT_THAT(code,
+                testing::AnyOf(PKI_OK, PKI_OUT_OF_MEMORY, PKI_BIO_WRITE_ERROR, PKI_BIO_CREAT_FAILED,
+                               PKI_BIO_BUF_GET_FAILED, PKI_P7_DECODE_ERROR, PKI_CERT_CREATE_FAILED,
+                               PKI_SIG_VERIFY_FAILED, PKI_XML_CERT_DEC_FAILED,
+                               PKI_XML_CA_PTR_PARSE_ERROR, PKI_HTTP_ERROR))
+        << n;
+    EXPECT_EQ(OPENSSL_sk_num(pki_store->ca_infos), code == PKI_OK ? 1 : 0) << n;
+    EXPECT_EQ(OPENSSL_sk_num(pki_store->key_store), 0) << n;
+    EXPECT_EQ(OPENSSL_sk_num(pki_store->collected_certs), 0) << n;
+    EXPECT_EQ(OPENSSL_sk_num(pki_store->global_status_rules), 0) << n;
+    EXPECT_LE(OPENSSL_sk_num(pki_store->provisioned_certs), 1) << n;
+    if (code != PKI_OK)
+      return;
+    // A CA is in the store only as a whole.
+    EXPECT_EQ(support::sample_difference(support::at<ca_info>(pki_store->ca_infos, 0)), "") << n;
+    EXPECT_EQ(OPENSSL_sk_num(pki_store->provisioned_certs), 1) << n;
+  }
+};
+
+TEST_F(ProvisionMemory, OneFailedAllocationIsACodeAndNoHalfCa) {
+  sweep(false);
+}
+
+TEST_F(ProvisionMemory, MemoryThatStaysShortIsACodeAndNoHalfCa) {
+  sweep(true);
+}
+
+}  // namespace
