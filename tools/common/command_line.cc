@@ -1,0 +1,61 @@
+#include "tools/common/command_line.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "tools/common/text.h"
+
+namespace tools {
+
+namespace {
+
+// The innermost command that was given, as it was typed: "pkictl cainfo sign".
+std::string command_path(const CLI::App &app) {
+  std::string path = app.get_name();
+  for (const CLI::App *at = &app;;) {
+    std::vector<CLI::App *> chosen = at->get_subcommands();
+    if (chosen.empty())
+      return path;
+    at = chosen[0];
+    path += " " + at->get_name();
+  }
+}
+
+// A word that no command knows explains more than what CLI11 misses because of it.
+std::string reason(const CLI::App &app, const CLI::ParseError &error) {
+  std::vector<std::string> unknown = app.remaining(true);
+  return unknown.empty() ? error.what() : "'" + unknown[0] + "' is not known here";
+}
+
+}  // namespace
+
+void keep_standard_streams() {
+  for (int fd = 0; fd <= 2; fd++)
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY) < 0)
+      _exit(exit_failed);
+}
+
+void complain(const std::string &tool, const std::string &text) {
+  std::cerr << tool + ": " + printable(text) + "\n";
+}
+
+bool parse_command_line(CLI::App &app, int argc, char **argv, int *code) {
+  try {
+    app.parse(argc, argv);
+    return true;
+  } catch (const CLI::ParseError &error) {
+    *code = exit_done;
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+      app.exit(error);
+      return false;
+    }
+    *code = exit_usage;
+    complain(app.get_name(), reason(app, error) + "; see '" + command_path(app) + " --help'");
+    return false;
+  }
+}
+
+}  // namespace tools

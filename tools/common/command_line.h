@@ -1,0 +1,29 @@
+// What both tools do around their commands: parse, run, and turn failures into one line and an
+// exit code.
+#ifndef TOOLS_COMMON_COMMAND_LINE_H
+#define TOOLS_COMMON_COMMAND_LINE_H
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace tools {
+
+enum exit_code { exit_done = 0, exit_failed = 1, exit_usage = 2 };
+
+// Opens /dev/null in the place of a standard stream that the caller closed, so that no file of
+// ours ever gets its number.
+void keep_standard_streams();
+
+// Writes "TOOL: text" as one line to stderr.
+void complain(const std::string &tool, const std::string &text);
+
+// Parses the command line. Returns true when a command is to be run; otherwise `*code` is the
+// exit code, and help, version or a one-line error has been written.
+bool parse_command_line(CLI::App &app, int argc, char **argv, int *code);
+
+}  // namespace tools
+
+#endif

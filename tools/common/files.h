@@ -1,0 +1,25 @@
+// Whole files in and out.
+#ifndef TOOLS_COMMON_FILES_H
+#define TOOLS_COMMON_FILES_H
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace tools {
+
+// The library takes no document or answer above 64 MiB, so larger files are refused.
+inline constexpr size_t max_file_bytes = 64u << 20;
+
+// The file's octets; throws failure.
+std::string read_file(const std::string &path);
+
+bool file_exists(const std::string &path);
+
+// Writes a new file beside `path` and renames it into place, so that a reader sees the old
+// content or the new, never a part. Throws failure and leaves `path` as it was.
+void write_file(const std::string &path, const std::string &bytes, mode_t mode);
+
+}  // namespace tools
+
+#endif

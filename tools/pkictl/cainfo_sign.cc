@@ -1,0 +1,188 @@
+// pkictl cainfo sign: make a signed CA-info document, from a file or from options.
+#include <openssl/evp.h>
+
+#include <CLI/CLI.hpp>
+#include <ctime>
+#include <memory>
+
+#include "tools/common/ca_info_reader.h"
+#include "tools/common/ca_info_xml.h"
+#include "tools/common/command_line.h"
+#include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/common/keys.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/library.h"
+
+namespace pkictl {
+
+namespace {
+
+struct options {
+  std::string document;
+  std::string key;
+  std::string out;
+  bool force = false;
+  tools::ca_description ca;  // its certificates are named by the files below
+  std::string scep_cert;
+  std::vector<std::string> roots;
+  std::vector<std::string> additional_certs;
+};
+
+const char *const expires_note =
+    "note: moved Expires to the end, because devices stop reading a document at its expiry and"
+    " refuse one that has elements behind it";
+
+bool is_built_from_options(const options &given) {
+  const tools::ca_description &ca = given.ca;
+  for (const std::string *text :
+       {&ca.issuer_name, &ca.expires, &ca.scep_url, &ca.digest, &ca.cipher, &ca.scep_get_cert_url,
+        &ca.ldap_url, &ca.ocsp_url, &given.scep_cert})
+    if (!text->empty())
+      return true;
+  return !given.roots.empty() || !given.additional_certs.empty();
+}
+
+void check_usage(const options &given) {
+  bool built = is_built_from_options(given);
+  if (!given.document.empty() && built)
+    throw tools::usage_failure("give either DOC.xml or options that describe the CA, not both");
+  if (given.document.empty() && !built)
+    throw tools::usage_failure("give DOC.xml, or options that describe the CA; see --help");
+  const tools::ca_description &ca = given.ca;
+  if (ca.scep_url.empty() && !(ca.digest.empty() && ca.cipher.empty()))
+    throw tools::usage_failure("--digest and --cipher need --scep-url");
+  if (ca.scep_url.empty() && ca.scep_get_cert_url.empty() && !given.scep_cert.empty())
+    throw tools::usage_failure("--scep-cert needs --scep-url or --scep-get-cert-url");
+  if (!ca.digest.empty() && !EVP_get_digestbyname(ca.digest.c_str()))
+    throw tools::usage_failure("OpenSSL knows no digest " + ca.digest + "; try SHA256");
+  if (!ca.cipher.empty() && !EVP_get_cipherbyname(ca.cipher.c_str()))
+    throw tools::usage_failure("OpenSSL knows no cipher " + ca.cipher + "; try DES-EDE3-CBC");
+}
+
+// "2031-05-06" and "2031-05-06T07:08:09Z" become an HTTP date; an HTTP date stays.
+std::string http_date(const std::string &text) {
+  if (text.empty())
+    return text;
+  for (const char *form : {"%Y-%m-%d", "%Y-%m-%dT%H:%M:%SZ", "%a, %d %b %Y %H:%M:%S GMT"}) {
+    struct tm parts = {};
+    const char *end = strptime(text.c_str(), form, &parts);
+    if (!end || *end)
+      continue;
+    char date[64];
+    int day = parts.tm_mday;
+    timegm(&parts);  // also sets the weekday
+    if (parts.tm_mday != day)
+      continue;  // no such day
+    strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", &parts);
+    return date;
+  }
+  throw tools::usage_failure("--expires " + text +
+                             " is no date; write 2031-05-06,"
+                             " 2031-05-06T07:08:09Z or \"Tue, 06 May 2031 07:08:09 GMT\"");
+}
+
+std::vector<std::string> load_all(const std::vector<std::string> &paths) {
+  std::vector<std::string> certs;
+  for (const std::string &path : paths)
+    for (const tools::cert_ptr &cert : tools::load_certificates(path))
+      certs.push_back(tools::cert_der(cert.get()));
+  return certs;
+}
+
+std::string build_document(const options &given) {
+  tools::ca_description ca = given.ca;
+  ca.expires = http_date(ca.expires);
+  if (!given.scep_cert.empty()) {
+    std::string der = tools::cert_der(tools::load_certificate(given.scep_cert).get());
+    ca.scep_cert = der;
+    ca.scep_get_cert_cert = der;
+  }
+  ca.roots = load_all(given.roots);
+  ca.additional_certs = load_all(given.additional_certs);
+  return tools::to_xml(ca);
+}
+
+tools::prepared_document make_document(const options &given) {
+  if (given.document.empty())
+    return {build_document(given), false};
+  return tools::prepare_document(tools::read_file(given.document), given.document);
+}
+
+// A document that every device refuses is signed only by somebody who insists.
+void check_content(const options &given, const std::string &xml) {
+  int code = tools::read_document(xml).code;
+  if (code == 0)
+    return;
+  std::string text = failure_text("devices refuse this document", code);
+  if (!given.force)
+    throw tools::library_failure(code, text + "; --force signs it anyway");
+  tools::complain("pkictl", "note: " + text);
+}
+
+int sign(const context &where, const options &given) {
+  check_usage(given);
+  tools::key_ptr key = tools::load_private_key(given.key);
+  start_library();
+  tools::prepared_document document = make_document(given);
+  if (document.expires_moved)
+    tools::complain("pkictl", expires_note);
+  check_content(given, document.xml);
+  std::string message = tools::sign_document(document.xml, key.get());
+  tools::write_file(given.out, message, 0644);
+  if (where.json)
+    where.out->write_json({{"file", given.out},
+                           {"size", message.size()},
+                           {"document_size", document.xml.size()},
+                           {"expires_moved", document.expires_moved}});
+  else
+    where.out->write_text("signed " + given.out + " (" + std::to_string(message.size()) +
+                          " octets)\n");
+  return tools::exit_done;
+}
+
+void add_description_options(CLI::App *command, options *given) {
+  const char *group = "The CA, where no DOC.xml describes it";
+  auto text = [&](const char *name, std::string *value, const char *help) {
+    command->add_option(name, *value, help)->group(group);
+  };
+  text("--issuer-name", &given->ca.issuer_name,
+       "The CA's name, most specific part first: \"CN=Example CA, O=Example\"");
+  text("--expires", &given->ca.expires, "2031-05-06, 2031-05-06T07:08:09Z or an HTTP date");
+  text("--scep-url", &given->ca.scep_url, "Where devices enroll by SCEP");
+  text("--scep-cert", &given->scep_cert, "The SCEP CA's certificate, for both SCEP methods");
+  text("--digest", &given->ca.digest, "Digest of SCEP messages, for example SHA256");
+  text("--cipher", &given->ca.cipher, "Cipher of SCEP messages, for example DES-EDE3-CBC");
+  text("--scep-get-cert-url", &given->ca.scep_get_cert_url, "Where certificates are looked up");
+  text("--ldap-url", &given->ca.ldap_url, "Where certificates are looked up by LDAP");
+  text("--ocsp-url", &given->ca.ocsp_url, "The CA's OCSP responder");
+  command->add_option("--root", given->roots, "Files of trusted roots")
+      ->type_name("FILE")
+      ->group(group);
+  command
+      ->add_option("--additional-cert", given->additional_certs,
+                   "Files of other certificates that devices shall know, not trust")
+      ->type_name("FILE")
+      ->group(group);
+}
+
+}  // namespace
+
+void add_cainfo_sign_command(CLI::App &cainfo, action *chosen) {
+  auto given = std::make_shared<options>();
+  CLI::App *command = cainfo.add_subcommand("sign", "Sign a CA-info document");
+  command->add_option("DOC.xml", given->document, "The document; docs/ca-info.md has its grammar");
+  command->add_option("--key", given->key, "The signer's private key (PEM or DER)")->required();
+  command->add_option("--out", given->out, "The file to write (DER)")->required();
+  command->add_flag("--force", given->force, "Sign even what devices refuse");
+  add_description_options(command, given.get());
+  command->footer(std::string("Keys and certificates are PEM or DER files; a key must not be "
+                              "encrypted. Expires is always\n"
+                              "written as the last element: its date ends a device's reading, so a "
+                              "document with elements\n"
+                              "behind it is refused with 37.\n\n") +
+                  common_footer);
+  command->callback([=] { *chosen = [=](const context &where) { return sign(where, *given); }; });
+}
+
+}  // namespace pkictl

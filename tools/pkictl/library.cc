@@ -1,0 +1,102 @@
+#include "tools/pkictl/library.h"
+
+#include <libpki/error.h>
+#include <libpki/store.h>
+
+#include "tools/common/failure.h"
+#include "tools/common/text.h"
+
+namespace pkictl {
+
+namespace {
+
+struct code_row {
+  unsigned code;
+  const char *name;
+};
+
+constexpr code_row code_rows[] = {
+#define PKI_ERROR(code, name, text) {(code), "PKI_" #name},
+#include <libpki/error_list.inc>
+#undef PKI_ERROR
+};
+
+// What the person at the command line can do about a code; "" where the text says it all.
+std::string hint(int code) {
+  switch (code) {
+    case PKI_OUT_OF_MEMORY:
+      return "memory ran out, or the answer is larger than 64 MiB";
+    case PKI_P7_DECODE_ERROR:
+      return "this is no whole PKCS#7 message; sign the document with 'pkictl cainfo sign'";
+    case PKI_SIG_VERIFY_FAILED:
+      return "another key signed it, or it was changed; give the signer's key with --doc-key";
+    case PKI_UNKNOWN_P7_CONTENT_TYPE:
+      return "the signed content is no plain data; sign the document with 'pkictl cainfo sign'";
+    case PKI_XML_STATE_STACK_OVFL:
+      return "elements are nested deeper than 39";
+    case PKI_XML_ATTR_NOT_FOUND:
+      return "a method lacks its url, or Digest or Cipher its alg; -v names it";
+    case PKI_XML_CERT_DEC_FAILED:
+      return "an X509Certificate is not the base64 DER of a certificate, in lines";
+    case PKI_XML_CA_PTR_PARSE_ERROR:
+      return "the document is not well-formed XML";
+    case PKI_XML_INTERNAL_ERROR_NO_BUF:
+      return "Expires, IssuerName or X509Certificate has no text";
+    case PKI_DN_UNKNOWN_KEY:
+    case PKI_DN_NO_VALUE:
+    case PKI_DN_OPEN_QS:
+      return "write the issuer name as in CN=Example CA, O=Example, C=US";
+    case PKI_INVALID_URL:
+      return "give a URL that begins with http://";
+    case PKI_HTTP_ERROR:
+      return "check the URL and that the server answers 200 with a Content-Length; -v says more";
+    case PKI_HTTP_READ_RESP_ERROR:
+      return "the head of the server's answer could not be read; -v says more";
+    case PKI_FLASH_ERROR:
+      return "the board gave no serial number; put one into $BOARD_INFO_DIR/serialnumber";
+    default:
+      break;
+  }
+  if (code >= PKI_TIME_DAY_NOT_FOUND && code <= PKI_TIME_SECONDS_NOT_FOUND)
+    return "Expires must be the last element; 'pkictl cainfo sign' puts it there";
+  return "";
+}
+
+}  // namespace
+
+void start_library() {
+  static bool started = false;
+  if (started)
+    return;
+  require_ok("cannot start the library", libpki_init());
+  started = true;
+}
+
+std::string code_name(unsigned code) {
+  for (const code_row &row : code_rows)
+    if (row.code == code)
+      return row.name;
+  return "";
+}
+
+std::string code_text(unsigned code) {
+  return tools::trim(pki_strerror(code));
+}
+
+json code_json(unsigned code) {
+  return {{"code", code}, {"name", code_name(code)}, {"text", code_text(code)}};
+}
+
+std::string failure_text(const std::string &what, int code) {
+  std::string text =
+      what + ": " + code_text(static_cast<unsigned>(code)) + " (" + std::to_string(code) + ")";
+  std::string advice = hint(code);
+  return advice.empty() ? text : text + ": " + advice;
+}
+
+void require_ok(const std::string &what, int code) {
+  if (code != PKI_OK)
+    throw tools::library_failure(code, failure_text(what, code));
+}
+
+}  // namespace pkictl

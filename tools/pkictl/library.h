@@ -1,0 +1,31 @@
+// The library's codes as the person at the command line meets them.
+#ifndef TOOLS_PKICTL_LIBRARY_H
+#define TOOLS_PKICTL_LIBRARY_H
+
+#include <string>
+
+#include "tools/pkictl/output.h"
+
+namespace pkictl {
+
+// Brings the library up, once a process. Throws library_failure.
+void start_library();
+
+// "PKI_HTTP_ERROR", or "" for a number that is no code.
+std::string code_name(unsigned code);
+
+// pki_strerror without its closing line feed.
+std::string code_text(unsigned code);
+
+// {"code": 47, "name": "PKI_HTTP_ERROR", "text": "HTTP ERROR"}
+json code_json(unsigned code);
+
+// "WHAT: HTTP ERROR (47): what to do about it"
+std::string failure_text(const std::string &what, int code);
+
+// Throws library_failure with failure_text unless `code` is 0.
+void require_ok(const std::string &what, int code);
+
+}  // namespace pkictl
+
+#endif

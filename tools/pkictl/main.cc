@@ -1,0 +1,78 @@
+// pkictl: for the person who integrates or debugs the library.
+#include <syslog.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+
+#include "tools/common/command_line.h"
+#include "tools/common/failure.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/library.h"
+
+namespace {
+
+using pkictl::action;
+using pkictl::context;
+
+void add_commands(CLI::App &app, context *where, action *chosen) {
+  app.add_flag("-v,--verbose", where->verbose, "Show the library's log lines on stderr");
+  app.add_flag("--json", where->json, "Print JSON");
+  app.set_version_flag("--version", "pkictl " TOOL_VERSION);
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(pkictl::common_footer);  // subcommands inherit it
+  CLI::App *cainfo = app.add_subcommand("cainfo", "Sign, verify and show CA-info documents");
+  cainfo->require_subcommand(1);
+  cainfo->fallthrough();
+  pkictl::add_cainfo_sign_command(*cainfo, chosen);
+  pkictl::add_cainfo_verify_command(*cainfo, chosen);
+  pkictl::add_cainfo_show_command(*cainfo, chosen);
+  pkictl::add_provision_command(app, chosen);
+  pkictl::add_error_command(app, chosen);
+}
+
+// A script that asked for JSON gets the reason as JSON too.
+void report_failure(const context &where, const pkictl::json &error) {
+  if (where.json)
+    where.out->write_json({{"error", error}});
+}
+
+int run(const action &chosen, const context &given) {
+  try {
+    pkictl::output out;
+    context where = given;
+    where.out = &out;
+    if (where.verbose)
+      openlog("pkictl", LOG_PERROR, LOG_USER);
+    try {
+      return chosen(where);
+    } catch (const tools::library_failure &error) {
+      tools::complain("pkictl", error.what());
+      report_failure(where, pkictl::code_json(static_cast<unsigned>(error.code())));
+    } catch (const tools::failure &error) {
+      tools::complain("pkictl", error.what());
+      report_failure(where, {{"text", error.what()}});
+    }
+    return tools::exit_failed;
+  } catch (const tools::usage_failure &error) {
+    tools::complain("pkictl", error.what());
+    return tools::exit_usage;
+  } catch (const std::exception &error) {
+    tools::complain("pkictl", error.what());
+    return tools::exit_failed;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  tools::keep_standard_streams();
+  context where;
+  action chosen;
+  CLI::App app("Work with CA-info documents and with the library's store", "pkictl");
+  int code = tools::exit_done;
+  add_commands(app, &where, &chosen);
+  if (!tools::parse_command_line(app, argc, argv, &code))
+    return code;
+  return run(chosen, where);
+}

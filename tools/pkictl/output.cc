@@ -1,0 +1,38 @@
+#include "tools/pkictl/output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "tools/common/failure.h"
+
+namespace pkictl {
+
+output::output() : fd_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+  if (fd_ < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+    throw tools::failure(std::string("cannot use standard output: ") + strerror(errno));
+}
+
+output::~output() {
+  close(fd_);
+}
+
+void output::write_text(const std::string &text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t took = write(fd_, text.data() + done, text.size() - done);
+    if (took < 0 && errno == EINTR)
+      continue;
+    if (took <= 0)
+      throw tools::failure(std::string("cannot write to standard output: ") + strerror(errno));
+    done += static_cast<size_t>(took);
+  }
+}
+
+void output::write_json(const json &value) {
+  write_text(value.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
+}
+
+}  // namespace pkictl

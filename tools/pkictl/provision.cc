@@ -1,0 +1,66 @@
+// pkictl provision: what a device does with a CA-pointer URL, and what it then holds.
+#include <libpki/store.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "tools/common/ca_info_reader.h"
+#include "tools/common/command_line.h"
+#include "tools/common/failure.h"
+#include "tools/common/keys.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/library.h"
+#include "tools/pkictl/report.h"
+
+namespace pkictl {
+
+namespace {
+
+struct options {
+  std::string url;
+  std::string doc_key;
+  std::string label = "ca";
+};
+
+int provision(const context &where, const options &given) {
+  tools::key_ptr key = tools::load_public_key(given.doc_key);
+  start_library();
+  require_ok("cannot provision " + given.url,
+             pki_add_ca(given.label.c_str(), given.url.c_str(), key.get()));
+  tools::ca_info_ptr info(pki_find_ca_info_by_label(given.label.c_str()));
+  if (!info)
+    throw tools::failure("the store does not find the CA that was provisioned");
+  json ca = ca_json(info.get(), pki_store->provisioned_certs);
+  if (where.json)
+    where.out->write_json({{"ca", ca}});
+  else
+    where.out->write_text(ca_text(ca));
+  return tools::exit_done;
+}
+
+}  // namespace
+
+void add_provision_command(CLI::App &app, action *chosen) {
+  auto given = std::make_shared<options>();
+  CLI::App *command = app.add_subcommand(
+      "provision", "Download a CA-info document as a device does and print what is in the store");
+  command->add_option("URL", given->url, "The CA-pointer URL (http)")->required();
+  command
+      ->add_option("--doc-key", given->doc_key,
+                   "The document signer's public key or certificate (PEM or DER)")
+      ->required();
+  command->add_option("--label", given->label, "The CA's label in the store")
+      ->capture_default_str();
+  command->footer(
+      std::string(
+          "The device's serial number goes along in the query \"?serial=\". The reference board\n"
+          "library reads it from the file serialnumber in the folder that the environment "
+          "variable\n"
+          "BOARD_INFO_DIR names (/etc/board by default). The store lives as long as this "
+          "command.\n\n") +
+      common_footer);
+  command->callback(
+      [=] { *chosen = [=](const context &where) { return provision(where, *given); }; });
+}
+
+}  // namespace pkictl

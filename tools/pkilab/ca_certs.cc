@@ -1,0 +1,84 @@
+#include "tools/pkilab/ca_certs.h"
+
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+
+#include "tools/common/failure.h"
+#include "tools/common/keys.h"
+
+namespace pkilab {
+
+namespace {
+
+constexpr long day = 24L * 60 * 60;
+
+void require(bool done, const char *what) {
+  if (!done)
+    throw tools::failure(std::string("cannot ") + what + ": " + tools::openssl_reason());
+}
+
+bool set_random_serial(X509 *cert) {
+  unsigned char octets[8];
+  if (RAND_bytes(octets, sizeof octets) != 1)
+    return false;
+  uint64_t number = 1;  // never zero
+  for (unsigned char octet : octets)
+    number = (number << 8 | octet) & INT64_MAX;
+  return ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert), number | 1) == 1;
+}
+
+bool set_subject(X509 *cert, const std::string &common_name) {
+  X509_NAME *name = X509_get_subject_name(cert);
+  auto add = [name](const char *field, const std::string &value) {
+    return X509_NAME_add_entry_by_txt(name, field, MBSTRING_UTF8,
+                                      reinterpret_cast<const unsigned char *>(value.c_str()), -1,
+                                      -1, 0) == 1;
+  };
+  return add("O", "pkilab") && add("CN", common_name);
+}
+
+bool add_extension(X509 *cert, X509 *issuer, int nid, const char *value) {
+  X509V3_CTX context;
+  X509V3_set_ctx(&context, issuer, cert, nullptr, nullptr, 0);
+  X509_EXTENSION *extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+  bool added = extension && X509_add_ext(cert, extension, -1) == 1;
+  X509_EXTENSION_free(extension);
+  return added;
+}
+
+bool add_extensions(X509 *cert, X509 *issuer) {
+  // The SCEP CA's key also opens requests and signs answers.
+  const char *usage = "critical,keyCertSign,cRLSign,digitalSignature,keyEncipherment";
+  return add_extension(cert, issuer, NID_basic_constraints, "critical,CA:TRUE") &&
+         add_extension(cert, issuer, NID_key_usage, usage) &&
+         add_extension(cert, issuer, NID_subject_key_identifier, "hash") &&
+         add_extension(cert, issuer, NID_authority_key_identifier, "keyid");
+}
+
+}  // namespace
+
+tools::key_ptr make_rsa_key(int bits) {
+  tools::key_ptr key(EVP_RSA_gen(static_cast<unsigned>(bits)));
+  require(key != nullptr, "make a key");
+  return key;
+}
+
+tools::cert_ptr make_ca_cert(EVP_PKEY *key, const std::string &common_name, X509 *signer_cert,
+                             EVP_PKEY *signer_key) {
+  tools::cert_ptr cert(X509_new());
+  require(cert && X509_set_version(cert.get(), X509_VERSION_3) == 1 &&
+              set_random_serial(cert.get()) && set_subject(cert.get(), common_name) &&
+              X509_set_pubkey(cert.get(), key) == 1,
+          "make a certificate");
+  X509 *issuer = signer_cert ? signer_cert : cert.get();
+  require(X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer)) == 1 &&
+              X509_gmtime_adj(X509_getm_notBefore(cert.get()), -day) &&
+              X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3650 * day) &&
+              add_extensions(cert.get(), issuer),
+          "fill a certificate");
+  require(X509_sign(cert.get(), signer_key ? signer_key : key, EVP_sha256()) > 0,
+          "sign a certificate");
+  return cert;
+}
+
+}  // namespace pkilab

@@ -1,0 +1,47 @@
+// The whole lab: a CA in a folder, its rooms, and the server in front of them.
+#ifndef TOOLS_PKILAB_LAB_H
+#define TOOLS_PKILAB_LAB_H
+
+#include <functional>
+#include <string>
+
+#include "tools/pkilab/ca.h"
+#include "tools/pkilab/http_routes.h"
+#include "tools/pkilab/http_server.h"
+
+namespace pkilab {
+
+struct lab_options {
+  std::string folder;  // keys and certificates
+  server_options server;
+  std::string document_file;  // see add_ca_info_room
+  int key_bits = 2048;
+  // Receives a printable line a request, in several threads at once; may be empty.
+  std::function<void(const std::string &line)> log;
+};
+
+class lab {
+ public:
+  // Makes or reads the keys and serves. Throws tools::failure.
+  explicit lab(const lab_options &options);
+
+  void stop() { server_.stop(); }
+
+  // "http://ADDRESS:PORT" and that with a path behind it.
+  std::string url(const std::string &path = "") const;
+  int port() const { return server_.port(); }
+  const ca &keys() const { return keys_; }
+
+ private:
+  void respond(const request &asked, connection &peer);
+  void log(const request &asked, const std::string &answer) const;
+
+  std::function<void(const std::string &)> log_;
+  ca keys_;
+  route_table routes_;
+  server server_;  // last: its threads use the others
+};
+
+}  // namespace pkilab
+
+#endif

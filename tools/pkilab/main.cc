@@ -1,0 +1,119 @@
+// pkilab: a CA to try things on.
+#include <netinet/in.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+
+#include "tools/common/command_line.h"
+#include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/common/text.h"
+#include "tools/pkilab/lab.h"
+#include "tools/pkilab/misbehave.h"
+
+namespace {
+
+struct options {
+  pkilab::lab_options lab;
+  std::string ready_file;
+  bool quiet = false;
+};
+
+// The signals that end the lab. Blocked before the first thread starts, so that they wait for
+// wait_for_end in every thread.
+sigset_t end_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  return set;
+}
+
+void wait_for_end(const sigset_t &set) {
+  int number = 0;
+  while (sigwait(&set, &number) != 0) {
+  }
+}
+
+void write_line(int fd, const std::string &line) {
+  // One write a line: lines of several threads do not mix, and a reader that is gone is its loss.
+  std::string text = line + "\n";
+  if (write(fd, text.data(), text.size()) < 0)
+    return;
+}
+
+bool is_loopback(const std::string &address) {
+  return address.starts_with("127.") || address == "::1";
+}
+
+int serve(const options &given) {
+  sigset_t signals = end_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  pkilab::lab_options setup = given.lab;
+  if (!given.quiet)
+    setup.log = [](const std::string &line) { write_line(STDERR_FILENO, "pkilab: " + line); };
+  if (!is_loopback(setup.server.bind))
+    tools::complain("pkilab", "warning: " + setup.server.bind +
+                                  " can be reached from other machines, and the lab trusts"
+                                  " everybody");
+  pkilab::lab lab(setup);
+  if (!given.ready_file.empty())
+    tools::write_file(given.ready_file, lab.url() + "\n", 0644);
+  write_line(STDOUT_FILENO, "pkilab is ready: " + lab.url("/ca-info"));
+  wait_for_end(signals);
+  lab.stop();
+  return tools::exit_done;
+}
+
+std::string serve_footer() {
+  return "What is in the folder: doc-key.pem and doc-key.pub.pem (signs documents), root-, "
+         "issuing-\n"
+         "and additional-key.pem and -cert.pem. GET / lists what is served. Bad answers on "
+         "request,\n"
+         "where \"...\" is the path to answer badly (/ca-info by default):\n\n" +
+         pkilab::misbehaviour_list() +
+         "\nExit codes: 0 ended by SIGTERM or SIGINT, 1 failed, 2 wrong usage.";
+}
+
+void add_serve_command(CLI::App *app, options *given) {
+  CLI::App *serve = app->add_subcommand("serve", "Serve a CA until SIGTERM or SIGINT");
+  serve
+      ->add_option("--dir", given->lab.folder,
+                   "Folder of keys and certificates, which are made on first start")
+      ->required();
+  serve->add_option("--port", given->lab.server.port, "Port; 0 for any free one")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  serve->add_option("--bind", given->lab.server.bind, "Numeric address to listen on")
+      ->capture_default_str();
+  serve->add_option("--ready-file", given->ready_file,
+                    "File that receives the server's URL when it is ready");
+  serve->add_option("--document", given->lab.document_file,
+                    "Serve this signed document at /ca-info instead of the lab's own");
+  serve->add_flag("-q,--quiet", given->quiet, "No line a request on stderr");
+  serve->footer(serve_footer());
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  tools::keep_standard_streams();
+  options given;
+  int code = tools::exit_done;
+  CLI::App app("A CA to try the library on, with an HTTP server of its own", "pkilab");
+  app.set_version_flag("--version", "pkilab " TOOL_VERSION);
+  app.require_subcommand(1);
+  add_serve_command(&app, &given);
+  if (!tools::parse_command_line(app, argc, argv, &code))
+    return code;
+  try {
+    return serve(given);
+  } catch (const std::exception &error) {
+    tools::complain("pkilab", error.what());
+    return tools::exit_failed;
+  }
+}
