@@ -1,0 +1,77 @@
+# Each target installs the Debian packages that it misses, then does its work. `make help` lists
+# them. The presets (CMakePresets.json) do the building; use cmake and ctest directly if you like.
+
+BUILD := build
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+# Benchmarks and how long each runs; `make bench BENCH_ARGS=--benchmark_filter=verify`.
+BENCH_ARGS ?=
+
+SOURCES = find src include board tools tests bench examples fuzz \
+            -name '*.cc' -o -name '*.c' -o -name '*.h' 2>/dev/null
+CTEST = ctest -j $(JOBS) --output-on-failure --no-tests=error
+
+.DEFAULT_GOAL := release
+MAKEFLAGS += --no-print-directory
+export CTEST_OUTPUT_ON_FAILURE = 1
+
+.PHONY: bootstrap bootstrap-lint
+bootstrap:
+	@scripts/bootstrap.sh build
+bootstrap-lint:
+	@scripts/bootstrap.sh build lint
+
+# build-NAME configures and builds a preset.
+build-%: bootstrap
+	@cmake --preset $* --log-level=WARNING >/dev/null
+	@cmake --build --preset $* -j $(JOBS)
+
+# check-NAME runs a preset's tests, but for those that take long.
+check-%: build-%
+	@$(CTEST) --preset $* -LE long
+
+.PHONY: release debug
+release: build-release ## build the library, the tools and the tests (the default)
+debug: build-debug ## build without optimisation, in build/debug
+
+.PHONY: demo
+demo: release ## watch a device take a CA from a signed document over HTTP
+	@scripts/demo.sh $(BUILD)/release
+
+# One after the other, so that the last lines are the last summary.
+.PHONY: test
+test: ## run the tests: optimised, then with AddressSanitizer and UBSan
+	@$(MAKE) check-release
+	@$(MAKE) check-asan
+
+.PHONY: test-long
+test-long: build-release ## run the soak tests, and the unit tests with ThreadSanitizer
+	@$(CTEST) --preset release -L long
+	@$(MAKE) build-tsan
+	@$(CTEST) --preset tsan -L unit
+
+.PHONY: bench
+bench: build-release ## measure; fails when libpki_init is over its budget
+	@$(BUILD)/release/bin/bench_libpki $(BENCH_ARGS)
+	@$(BUILD)/release/bin/bench_init
+
+.PHONY: format
+format: bootstrap-lint ## bring the sources into the house format
+	@$(SOURCES) | xargs clang-format -i
+
+.PHONY: lint
+lint: bootstrap-lint ## check format, clang-tidy, cppcheck and the house rules
+	@cmake --preset release --log-level=WARNING >/dev/null
+	@scripts/lint.sh $(BUILD)/release
+
+.PHONY: install
+install: release ## install under PREFIX (default /usr/local); DESTDIR is honoured
+	@cmake --install $(BUILD)/release --prefix $(PREFIX)
+
+.PHONY: clean
+clean: ## remove everything that was built
+	@rm -rf $(BUILD)
+
+.PHONY: help
+help: ## this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)

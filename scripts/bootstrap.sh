@@ -1,0 +1,75 @@
+#!/bin/sh
+# Installs the Debian packages that a target needs, and only those that are missing.
+#
+#   bootstrap.sh build          compile, test, benchmark
+#   bootstrap.sh build lint     the same, and the checkers of `make lint`
+set -eu
+
+# binutils (nm, readelf), make and the sanitizers' run-time libraries come with g++ and its
+# dependencies.
+build_packages="g++ cmake ninja-build pkg-config ccache openssl python3 \
+  libssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
+  libcli11-dev nlohmann-json3-dev"
+lint_packages="clang-format clang-tidy cppcheck python3"
+
+wanted=""
+for group in "$@"; do
+  case "$group" in
+    build) wanted="$wanted $build_packages" ;;
+    lint) wanted="$wanted $lint_packages" ;;
+    *)
+      echo "bootstrap.sh: unknown group '$group' (build, lint)" >&2
+      exit 2
+      ;;
+  esac
+done
+
+if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
+  echo "bootstrap.sh: no apt-get here; the build needs the counterparts of:$wanted" >&2
+  exit 0
+fi
+
+missing=""
+for package in $wanted; do
+  # shellcheck disable=SC2016  # dpkg-query's own variable
+  state=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+  if [ "$state" != installed ]; then
+    missing="$missing $package"
+  fi
+done
+if [ -z "$missing" ]; then
+  exit 0
+fi
+
+as_root=""
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "bootstrap.sh: as root, run: apt-get install$missing" >&2
+    exit 1
+  fi
+  as_root="sudo"
+fi
+
+# Says nothing unless it fails.
+quietly() {
+  log=$(mktemp)
+  if ! "$@" >"$log" 2>&1 </dev/null; then
+    cat "$log" >&2
+    rm -f "$log"
+    return 1
+  fi
+  rm -f "$log"
+}
+
+apt() {
+  quietly $as_root env DEBIAN_FRONTEND=noninteractive apt-get -y -q \
+    -o DPkg::Lock::Timeout=600 "$@"
+}
+
+echo "Installing:$missing"
+# Old package lists may do; a machine that never had any needs an update first.
+# shellcheck disable=SC2086  # a list of words
+if ! apt install --no-install-recommends $missing 2>/dev/null; then
+  apt update
+  apt install --no-install-recommends $missing
+fi

@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# Shows the provisioning of a CA from end to end: a document is signed, served, downloaded and
+# checked, and what is in the store is printed; then two bad documents are refused. Everything
+# happens in a temporary folder and on the loopback. Exit code 0 only if all of it went as told.
+#
+# usage: scripts/demo.sh BUILD_DIR
+set -euo pipefail
+
+if [ $# -ne 1 ] || [ ! -x "$1/bin/pkictl" ] || [ ! -x "$1/bin/pkilab" ]; then
+  echo "usage: scripts/demo.sh BUILD_DIR (a folder in which the tools are built)" >&2
+  exit 2
+fi
+PATH="$(cd "$1/bin" && pwd):$PATH"
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/pki-demo.XXXXXX")
+lab=''
+clean_up() {
+  if [ -n "$lab" ]; then
+    kill "$lab" 2>/dev/null || true
+    wait "$lab" 2>/dev/null || true
+  fi
+  rm -rf "$work"
+}
+trap clean_up EXIT
+trap 'exit 130' INT TERM
+cd "$work"
+
+bold='' plain=''
+if [ -t 1 ]; then
+  bold=$'\e[1m' plain=$'\e[0m'
+fi
+
+step() { printf '\n%s== %s ==%s\n' "$bold" "$1" "$plain"; }
+indent() { sed 's/^/    /'; }
+fail() {
+  echo
+  echo "DEMO FAILED: $1" >&2
+  exit 1
+}
+
+# Prints a command as it can be typed, in lines of at most 96 characters.
+show_command() {
+  local line="  \$" word
+  for word in "$@"; do
+    case $word in
+      *[!A-Za-z0-9_./:=@,+-]*) word="\"$word\"" ;;
+    esac
+    if [ $((${#line} + ${#word})) -gt 96 ] || [[ $word == --* && ${#line} -gt 60 ]]; then
+      printf '%s \\\n' "$line"
+      line="     "
+    fi
+    line="$line $word"
+  done
+  printf '%s\n' "$line"
+}
+
+# Shows a command, runs it, and shows what it printed. It has to succeed.
+must_work() {
+  show_command "$@"
+  if ! "$@" >output 2>&1; then
+    indent <output
+    fail "this should have worked: $*"
+  fi
+  indent <output
+}
+
+# The same for a command that has to fail with exit code 1 and a message that holds $1.
+must_be_refused() {
+  local reason=$1 code=0
+  shift
+  show_command "$@"
+  "$@" >output 2>&1 || code=$?
+  indent <output
+  [ "$code" -eq 1 ] || fail "this should have been refused with exit code 1, not $code: $*"
+  grep -qF "$reason" output || fail "the reason should have been $reason"
+}
+
+must_show() {
+  grep -qF "$1" output || fail "the output should have shown: $1"
+}
+
+step "1. A device with a serial number"
+mkdir board
+echo "DEMO-0001" >board/serialnumber
+export BOARD_INFO_DIR="$work/board"
+echo "  Its board says: serial number $(cat board/serialnumber)"
+
+step "2. A CA, on a loopback port of its own"
+echo "  \$ pkilab serve --dir lab --document office.p7 &"
+pkilab serve --dir lab --document office.p7 --ready-file ready >lab.out 2>lab.log &
+lab=$!
+for _ in $(seq 300); do
+  [ ! -e ready ] || break
+  kill -0 "$lab" 2>/dev/null || fail "pkilab did not start: $(cat lab.log)"
+  sleep 0.1
+done
+[ -e ready ] || fail "pkilab was not ready within 30 seconds"
+url=$(cat ready)
+indent <lab.out
+echo "  The keys and certificates that it made:"
+(cd lab && printf '%s\n' *) | indent
+
+step "3. The CA's operator describes the CA and signs the description"
+must_work pkictl cainfo sign --issuer-name "CN=Office CA, O=Example" --expires 2037-01-01 \
+  --scep-url "$url/scep" --scep-cert lab/issuing-cert.pem --digest SHA256 --cipher DES-EDE3-CBC \
+  --scep-get-cert-url "$url/scep" --ocsp-url "$url/ocsp" \
+  --root lab/root-cert.pem lab/issuing-cert.pem --additional-cert lab/additional-cert.pem \
+  --key lab/doc-key.pem --out office.p7
+must_work pkictl cainfo verify office.p7 --doc-key lab/doc-key.pub.pem
+
+step "4. The device downloads it, checks the signature, and holds the CA in its store"
+must_work pkictl provision "$url/ca-info" --doc-key lab/doc-key.pub.pem --label office
+must_show "CN=Office CA, O=Example"
+must_show "$url/scep"
+must_show "CN=pkilab root CA, O=pkilab"
+must_show "CN=pkilab additional CA, O=pkilab"
+echo
+echo "  What the CA saw:"
+indent <lab.log
+grep -qF "GET /ca-info?serial=DEMO-0001 -> 200" lab.log ||
+  fail "the CA should have seen the serial number"
+
+step "5. A document that a stranger signed is refused"
+must_be_refused "SIG VERIFY FAILED (29)" \
+  pkictl provision "$url/misbehave/wrong-key/ca-info" --doc-key lab/doc-key.pub.pem
+
+step "6. So is a download that breaks off"
+must_be_refused "HTTP ERROR (47)" \
+  pkictl provision "$url/misbehave/truncate-body/ca-info" --doc-key lab/doc-key.pub.pem
+
+step "7. And a document that was changed on its way"
+must_be_refused "SIG VERIFY FAILED (29)" \
+  pkictl provision "$url/misbehave/corrupt-signature/ca-info" --doc-key lab/doc-key.pub.pem
+
+kill "$lab"
+code=0
+wait "$lab" || code=$?
+lab=''
+[ "$code" -eq 0 ] || fail "pkilab should have ended with 0, not $code"
+
+printf '\n%sDEMO OK: the honest document was provisioned, the three bad ones were refused.%s\n' \
+  "$bold" "$plain"

@@ -1,0 +1,61 @@
+#!/bin/bash
+# make lint: clang-format, clang-tidy, cppcheck, and the house rules (lint.py). Says everything
+# that is wrong before it fails.
+#
+#   lint.sh BUILD_DIR      a configured build, for its compile_commands.json
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+build=${1:?usage: lint.sh BUILD_DIR}
+jobs=$(nproc)
+failed=0
+
+# check NAME COMMAND...: runs a checker and says how it went.
+check() {
+  local name=$1
+  shift
+  if "$@"; then
+    echo "lint: $name: ok"
+  else
+    echo "lint: $name: FAILED" >&2
+    failed=1
+  fi
+}
+
+all_sources() {
+  find src include board tools tests bench examples fuzz \
+    \( -name '*.cc' -o -name '*.c' -o -name '*.h' \) -print0 2>/dev/null
+}
+
+format_all() {
+  all_sources | xargs -0 clang-format --dry-run -Werror
+}
+
+# The library, the board library and the tools; tests and benchmarks are the compiler's to judge.
+tidy_all() {
+  find src board tools \( -name '*.cc' -o -name '*.c' \) -print0 |
+    xargs -0 -n 1 -P "$jobs" clang-tidy --quiet --extra-arg=-Wno-unknown-warning-option -p "$build" 2> >(
+      grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' >&2
+    )
+}
+
+# autoVariables: the option structs of a main outlive the parser that is given their address.
+cppcheck_all() {
+  cppcheck --quiet --error-exitcode=1 --inline-suppr -j "$jobs" \
+    --enable=warning,performance,portability --std=c++20 --std=c99 --template=gcc \
+    --suppress='autoVariables:tools/*/main.cc' \
+    -I include -I src -I board/include -I tools src board tools
+}
+
+# The README's example is C99 and compiles as it stands.
+readme_example() {
+  sed -n '/^```c$/,/^```$/{/^```/d;p}' README.md |
+    cc -x c -std=c99 -pedantic -Wall -Wextra -Werror -fsyntax-only -I include -
+}
+
+check clang-format format_all
+check readme-example readme_example
+check house-rules python3 scripts/lint.py "$build"
+check cppcheck cppcheck_all
+check clang-tidy tidy_all
+exit $failed
