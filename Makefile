@@ -12,6 +12,8 @@ SOURCES = find src include board tools tests bench examples fuzz \
 CTEST = ctest -j $(JOBS) --output-on-failure --no-tests=error
 
 .DEFAULT_GOAL := release
+.NOTPARALLEL:
+.PRECIOUS: configure-% build-% check-%
 MAKEFLAGS += --no-print-directory
 export CTEST_OUTPUT_ON_FAILURE = 1
 
@@ -21,9 +23,13 @@ bootstrap:
 bootstrap-lint:
 	@scripts/bootstrap.sh build lint
 
-# build-NAME configures and builds a preset.
-build-%: bootstrap
+# What a device or a developer gets, without tests and benchmarks.
+PRODUCTS := pki board pkictl pkilab
+
+# configure-NAME and build-NAME configure a preset, and build all of it.
+configure-%: bootstrap
 	@cmake --preset $* --log-level=WARNING >/dev/null
+build-%: configure-%
 	@cmake --build --preset $* -j $(JOBS)
 
 # check-NAME runs a preset's tests, but for those that take long.
@@ -31,8 +37,9 @@ check-%: build-%
 	@$(CTEST) --preset $* -LE long
 
 .PHONY: release debug
-release: build-release ## build the library, the tools and the tests (the default)
-debug: build-debug ## build without optimisation, in build/debug
+release: configure-release ## build the library and the tools, optimised (the default)
+	@cmake --build --preset release -j $(JOBS) --target $(PRODUCTS)
+debug: build-debug ## build everything without optimisation, in build/debug
 
 .PHONY: demo
 demo: release ## watch a device take a CA from a signed document over HTTP
@@ -51,7 +58,8 @@ test-long: build-release ## run the soak tests, and the unit tests with ThreadSa
 	@$(CTEST) --preset tsan -L unit
 
 .PHONY: bench
-bench: build-release ## measure; fails when libpki_init is over its budget
+bench: configure-release ## measure; fails when libpki_init is over its budget
+	@cmake --build --preset release -j $(JOBS) --target bench_libpki bench_init
 	@$(BUILD)/release/bin/bench_libpki $(BENCH_ARGS)
 	@$(BUILD)/release/bin/bench_init
 
@@ -60,8 +68,8 @@ format: bootstrap-lint ## bring the sources into the house format
 	@$(SOURCES) | xargs clang-format -i
 
 .PHONY: lint
-lint: bootstrap-lint ## check format, clang-tidy, cppcheck and the house rules
-	@cmake --preset release --log-level=WARNING >/dev/null
+lint: bootstrap-lint configure-release ## check format, clang-tidy, cppcheck and the house rules
+	@cmake --build --preset release -j $(JOBS) --target pki
 	@scripts/lint.sh $(BUILD)/release
 
 .PHONY: install

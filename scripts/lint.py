@@ -3,7 +3,7 @@
 
     lint.py BUILD_DIR
 
-Lengths of functions and files, banned calls (each with its reason), include guards, and, once the
+Lengths of functions and files, banned calls (each with its reason), include guards, and, when the
 library is built in BUILD_DIR, what its binary needs from others.
 
 A comment excuses one place, on the line or the line above; it has to give a reason:

@@ -132,7 +132,7 @@ void drop_text(ca_info_context *context) {
 }
 
 int end_expires(ca_info_context *context) {
-  char *text;
+  char *text = nullptr;
   int error = take_text(context, &text);
   if (!error)
     error = parse_time_str(text, &context->ca->expires);
@@ -141,7 +141,7 @@ int end_expires(ca_info_context *context) {
 }
 
 int end_issuer_name(ca_info_context *context) {
-  char *text;
+  char *text = nullptr;
   X509_NAME *name = nullptr;
   int error = take_text(context, &text);
   if (!error)

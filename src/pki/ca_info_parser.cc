@@ -53,7 +53,7 @@ bool has_thread_state() {
   if (!room)
     return false;
   room.reset();
-  return xmlGetGlobalState() || xmlGetGlobalState();
+  return xmlGetGlobalState() != nullptr;
 }
 
 // xmlParseChunk's word for a chunk that it could not store.

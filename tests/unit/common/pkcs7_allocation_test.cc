@@ -276,10 +276,14 @@ TEST_P(Pkcs7Allocation, Decrypt) {
         [&](int result) {
           ASSERT_EQ(data == nullptr, result != 0);
           ASSERT_TRUE(data || length == 0);
-          EXPECT_TRUE(!data || as_text(data, length) == "some data");
+          // Where RSA fails, OpenSSL goes on with a random key so as not to tell an attacker, and
+          // one time in 256 what comes out looks padded: the octets say nothing here.
           free(data);
           data = nullptr;
         });
+    ASSERT_EQ(pkcs7_decrypt(p7.get(), key.get(), device.get(), &data, &length), 0);
+    EXPECT_EQ(as_text(data, length), "some data");
+    free(data);
   });
 }
 

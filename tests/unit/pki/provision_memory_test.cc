@@ -23,8 +23,7 @@ class ProvisionMemory : public support::store_test {
       GTEST_SKIP() << "this build's allocator cannot be replaced";
     support::key doc_key = support::test_key(0);
     support::key stranger = support::test_key(1);
-    support::test_server server(
-        {support::ok(support::sign_document(support::sample().document, doc_key))});
+    support::test_server server({support::ok(support::sign_document(document(), doc_key))});
     std::string url = server.url();
     // OpenSSL and the resolver fill their caches, also the ones for logging errors.
     ASSERT_EQ(pki_add_ca("label", url.c_str(), doc_key.get()), PKI_OK);
@@ -48,6 +47,16 @@ class ProvisionMemory : public support::store_test {
     check(code, 0);
   }
 
+  // One of each kind: text, attribute, certificate. Reading all that a document may hold has
+  // tests of its own.
+  static std::string document() {
+    using support::element;
+    return support::ca_info_doc(
+        element("IssuerName", "CN=a") +
+        element("CertReqMethod", element("SCEP", "", "url=\"http://ca.test/\"")) +
+        element("AdditionalCerts", support::cert_element(support::simple_cert("i", "s", 1))));
+  }
+
   static void check(int code, size_t n) {
     EXPECT_THAT(code,
                 testing::AnyOf(PKI_OK, PKI_OUT_OF_MEMORY, PKI_BIO_WRITE_ERROR, PKI_BIO_CREAT_FAILED,
@@ -63,8 +72,14 @@ class ProvisionMemory : public support::store_test {
     if (code != PKI_OK)
       return;
     // A CA is in the store only as a whole.
-    EXPECT_EQ(support::sample_difference(support::at<ca_info>(pki_store->ca_infos, 0)), "") << n;
-    EXPECT_EQ(OPENSSL_sk_num(pki_store->provisioned_certs), 1) << n;
+    auto *ca = support::at<ca_info>(pki_store->ca_infos, 0);
+    EXPECT_STREQ(ca->label, "label") << n;
+    EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a") << n;
+    ASSERT_EQ(OPENSSL_sk_num(ca->cert_req_methods), 1) << n;
+    auto *method = support::at<cert_req_info>(ca->cert_req_methods, 0);
+    EXPECT_STREQ(static_cast<scep_req_info *>(method->data)->url, "http://ca.test/") << n;
+    ASSERT_EQ(OPENSSL_sk_num(pki_store->provisioned_certs), 1) << n;
+    EXPECT_NE(X509_get0_pubkey(support::at<X509>(pki_store->provisioned_certs, 0)), nullptr) << n;
   }
 };
 
