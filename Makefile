@@ -7,8 +7,8 @@ PREFIX ?= /usr/local
 # Benchmarks and how long each runs; `make bench BENCH_ARGS=--benchmark_filter=verify`.
 BENCH_ARGS ?=
 
-SOURCES = find src include board tools tests bench examples fuzz \
-            -name '*.cc' -o -name '*.c' -o -name '*.h' 2>/dev/null
+SOURCES = find src include board tools tests bench \
+            -name '*.cc' -o -name '*.c' -o -name '*.h'
 CTEST = ctest -j $(JOBS) --output-on-failure --no-tests=error
 
 .DEFAULT_GOAL := release

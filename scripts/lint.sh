@@ -23,8 +23,8 @@ check() {
 }
 
 all_sources() {
-  find src include board tools tests bench examples fuzz \
-    \( -name '*.cc' -o -name '*.c' -o -name '*.h' \) -print0 2>/dev/null
+  find src include board tools tests bench \
+    \( -name '*.cc' -o -name '*.c' -o -name '*.h' \) -print0
 }
 
 format_all() {
