@@ -4,12 +4,15 @@
 #ifndef LIBPKI_LIBPKI_H
 #define LIBPKI_LIBPKI_H
 
+#include <libpki/attributes.h>
 #include <libpki/error.h>
 #include <libpki/http.h>
 #include <libpki/names.h>
 #include <libpki/oids.h>
 #include <libpki/pkcs7.h>
 #include <libpki/records.h>
+#include <libpki/scep_client.h>
+#include <libpki/scep_msg.h>
 #include <libpki/store.h>
 #include <libpki/types.h>
 #include <libpki/util.h>

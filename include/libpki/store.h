@@ -9,7 +9,7 @@
  * and certificates with X509_free. Adds take a reference or copy; the caller keeps its own.
  *
  * Every operation that returns int gives 0 or a code of error.h, 63 (PKI_INVALID_ARGS) for a
- * required argument that is null.
+ * required argument that is null. Where a label has to be found, a null one is not found.
  */
 #ifndef LIBPKI_STORE_H
 #define LIBPKI_STORE_H
@@ -102,6 +102,42 @@ PKI_API key_info *pki_find_key_info_by_label(const char *label);
 /* The first certificate record of that label in `key`'s list, or null. */
 PKI_API cert_info *pki_find_cert_info_by_label(const char *label, const key_info *key);
 
+/*
+ * Makes an RSA key pair under `label`. `algorithm` is "RSA" in any letter case, or null for it.
+ * `bits` below 1 means 1024. A key that already has this label stays and is found first.
+ * Returns 0; 2 out of memory, or OpenSSL makes no key of that size; 63 no label; 64 another
+ * algorithm. For the management thread.
+ */
+PKI_API int pki_generate_key_pair(const char *label, const char *algorithm, int bits);
+
+/*
+ * Gets a certificate for the key `key_label` from the CA `ca_label`, by the CA's enrollment
+ * methods in order (SCEP only; others are skipped with a line at level 4), and files it under
+ * `cert_label` with the key and among the provisioned certificates. `subject` is the requested
+ * name as parse_rfc1779_str reads it, or null for an empty one. The first method that can be used
+ * decides: its error is the result.
+ *
+ * Returns 0; 50 no such CA; 51 no such key; 53 to 55, 63 a bad subject; 61 no method that can be
+ * used; 65 the certificate is for another key (a line at level 2 holds it); 75 it has no public
+ * key; 2, also for a null `cert_label`; 25; 49; the codes of scep_cert_req. The key's list and the
+ * store are changed only by success. Blocks for the whole enrollment (scep_client.h tells how to
+ * end one that is pending); for the management thread.
+ */
+PKI_API int pki_get_certificate(const char *ca_label, const char *key_label, const char *cert_label,
+                                const char *subject);
+
+/*
+ * Removes the first key of that label with its certificates, which leave the untrusted lists and
+ * every CA's trusted roots too. Returns 0; 50 (not 51) there is none. For the management thread.
+ */
+PKI_API int pki_remove_key(const char *label);
+
+/*
+ * Removes the key's first certificate of that label, likewise.
+ * Returns 0; 51 no such key; 52 no such certificate.
+ */
+PKI_API int pki_remove_certificate(const char *key_label, const char *cert_label);
+
 /* ---- certificates ---- */
 
 /*
@@ -131,13 +167,13 @@ PKI_API int pki_delete_cert(STACK *list, const X509 *cert);
 /*
  * Removes from the collected list, then from the provisioned list. Returns the collected list's
  * result if that is not 0, else the provisioned list's; so a certificate that only the
- * provisioned list held is removed and 52 returned.
+ * provisioned list held is removed and 52 returned. 49 and 63 as elsewhere.
  */
 PKI_API int pki_delete_untrusted_cert(const X509 *cert);
 
 /*
  * Removes from the trusted roots of `info` and returns that result (0; 52); with a null `info`
- * from those of every CA, and returns 0. 63 for a null `cert`.
+ * from those of every CA, and returns 0. 49 and 63 as elsewhere.
  */
 PKI_API int pki_delete_trusted_cert(const X509 *cert, ca_info *info);
 
@@ -154,7 +190,8 @@ PKI_API int pki_find_certs_by_subject(const X509_NAME *subject, STACK **result);
 
 /*
  * By the hash of the subject public key's bits, without tag, length and unused-bits octet (the
- * key hash of RFC 6960). 63 too unless `hash_length` is the size of `digest`.
+ * key hash of RFC 6960). 63 too unless `hash_length` is the size of `digest`; 2 also for a digest
+ * that OpenSSL does not offer.
  */
 PKI_API int pki_find_certs_by_key_hash(const EVP_MD *digest, const unsigned char *hash,
                                        int hash_length, STACK **result);

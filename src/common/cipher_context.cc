@@ -30,9 +30,20 @@ bool is_usable(OSSL_LIB_CTX *context, const EVP_CIPHER *cipher) {
   return fetched != nullptr;
 }
 
+// The cipher that the default context was last seen to lack: OpenSSL searches all providers anew
+// each time that it does not find one. Should the host load the provider later, ours does as well.
+int lacking_by_default = NID_undef;
+
 bool is_usable_by_default(const EVP_CIPHER *cipher) {
+  int nid = EVP_CIPHER_get_nid(cipher);
+  if (__atomic_load_n(&lacking_by_default, __ATOMIC_RELAXED) == nid)
+    return false;
   openssl_error_mark discard_errors;
   return is_usable(nullptr, cipher);
+}
+
+void remember_lacking_by_default(const EVP_CIPHER *cipher) {
+  __atomic_store_n(&lacking_by_default, EVP_CIPHER_get_nid(cipher), __ATOMIC_RELAXED);
 }
 
 // The providers' keys need the default provider's random numbers, so both are loaded. They live
@@ -62,12 +73,15 @@ int find_cipher_context(const EVP_CIPHER *cipher, int unusable, OSSL_LIB_CTX **c
   *context = nullptr;
   if (is_usable_by_default(cipher))
     return PKI_OK;
+  int queue_end = openssl_queue_end();
   OSSL_LIB_CTX *made = get_private_context();
   if (made && is_usable(made, cipher)) {
     *context = made;
+    remember_lacking_by_default(cipher);
     return PKI_OK;
   }
-  int error = openssl_failure(unusable);
+  int error = openssl_malloc_failure_behind(queue_end) ? PKI_OUT_OF_MEMORY : unusable;
+  log_openssl_errors(log_error);
   if (error != PKI_OUT_OF_MEMORY)
     syslog(log_error, "cipher %s cannot be used: OpenSSL's legacy provider %s", name_of(cipher),
            made ? "does not have it" : "could not be loaded");

@@ -36,6 +36,9 @@ constexpr int pkcs7_max_signers = 16;
 
 // Names. Characters of an attribute key that are kept.
 constexpr size_t name_key_characters = 99;
+// The text of a name. OpenSSL adds each attribute in time that grows with those before it, and
+// decodes no name above 1 MiB.
+constexpr size_t name_text_bytes = 64 * 1024;
 
 // Caches.
 constexpr int status_cache_records = 20;

@@ -2,6 +2,7 @@
 #ifndef PKI_COMMON_LOG_H
 #define PKI_COMMON_LOG_H
 
+#include <openssl/x509.h>
 #include <syslog.h>
 
 namespace pki {
@@ -23,6 +24,15 @@ inline const char *text_or_null(const char *text) {
 // The code of a failed OpenSSL call: out of memory if OpenSSL's queue says so, else `own_code`.
 // Moves the queue into the log at level 3.
 [[nodiscard]] int openssl_failure(int own_code);
+
+// Where the calling thread's OpenSSL queue ends, to ask later about what came behind.
+[[nodiscard]] int openssl_queue_end();
+[[nodiscard]] bool openssl_malloc_failure_behind(int queue_end);
+
+// Makes sure that a name has its encoding, which comparing needs and allocates: without it
+// OpenSSL's comparison would say "different" when memory ran out. A name that cannot be encoded
+// equals none, which is no failure. Returns 0 or 2.
+[[nodiscard]] int prepare_to_compare(const X509_NAME *name);
 
 // Passes on an operation's result; a failure moves OpenSSL's queue into the log at level 3. For
 // codes that were decided under a lock, which nothing is logged under.

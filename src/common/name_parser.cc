@@ -119,8 +119,9 @@ int parse_attribute(const char **text, const char *whole, bool joins, X509_NAME 
   text_span value;
   if (!read_value(text, &value))
     return PKI_DN_OPEN_QS;
+  int queue_end = openssl_queue_end();
   asn1_object_ptr attribute(OBJ_txt2obj(key, 0));
-  if (!attribute && openssl_malloc_failure())
+  if (!attribute && openssl_malloc_failure_behind(queue_end))
     return PKI_OUT_OF_MEMORY;
   if (!attribute) {
     syslog(log_error, "Unknown key `%s' in name '%s'", key, whole);
@@ -151,8 +152,9 @@ int parse_attributes(const char *text, X509_NAME *name) {
 bool encode_once(X509_NAME *name) {
   const unsigned char *der = nullptr;
   size_t length = 0;
+  int queue_end = openssl_queue_end();
   if (X509_NAME_get0_der(name, &der, &length) != 1)
-    return !openssl_malloc_failure();
+    return !openssl_malloc_failure_behind(queue_end);
   x509_name_ptr decoded(d2i_X509_NAME(nullptr, &der, static_cast<long>(length)));
   return decoded && X509_NAME_entry_count(decoded.get()) == X509_NAME_entry_count(name);
 }
@@ -165,6 +167,8 @@ int parse_rfc1779_str(const char *text, X509_NAME **name) {
   if (!name)
     return PKI_INVALID_ARGS;
   *name = nullptr;
+  if (text && std::strlen(text) > pki::name_text_bytes)
+    return PKI_INVALID_ARGS;
   // What OpenSSL queues about a key that it does not know is no news to anybody.
   pki::openssl_error_mark discard_errors;
   pki::x509_name_ptr parsed(X509_NAME_new());

@@ -1,5 +1,6 @@
+#include "common/oids.h"
+
 #include <libpki/error.h>
-#include <libpki/oids.h>
 #include <openssl/objects.h>
 
 #include "common/log.h"
@@ -45,12 +46,11 @@ int32_t registered = 0;
 
 // The row's object with this number. Made from its octets: OBJ_txt2obj finds an object that
 // OpenSSL knows by half and fails.
-pki::asn1_object_ptr object_of(const oid_row &row, int nid) {
+pki::asn1_object_ptr object_of(const oid_row &row, int nid, const char *long_name) {
   unsigned char octets[64];
   int length = a2d_ASN1_OBJECT(octets, sizeof octets, row.oid, -1);
   return pki::asn1_object_ptr(
-      length < 1 ? nullptr
-                 : ASN1_OBJECT_create(nid, octets, length, row.short_name, row.long_name));
+      length < 1 ? nullptr : ASN1_OBJECT_create(nid, octets, length, row.short_name, long_name));
 }
 
 // Does OpenSSL find the object under its number, identifier and short name? When memory runs out
@@ -74,7 +74,7 @@ int known_nid(const oid_row &row, const ASN1_OBJECT *object) {
 // OpenSSL 3.0 refuses to create an object twice, and never forgets one: an earlier registration
 // or the host may have made it, and then its number is the one to use.
 int nid_of(const oid_row &row) {
-  pki::asn1_object_ptr object = object_of(row, NID_undef);
+  pki::asn1_object_ptr object = object_of(row, NID_undef, nullptr);
   if (!object)
     return NID_undef;
   int nid = known_nid(row, object.get());
@@ -82,7 +82,9 @@ int nid_of(const oid_row &row) {
     nid = OBJ_create(row.oid, row.short_name, row.long_name);
   if (nid < 1 || is_complete(nid, object.get()))
     return nid;
-  pki::asn1_object_ptr whole = object_of(row, nid);
+  // The host may have named it, if only at length.
+  const char *known_name = OBJ_nid2obj(nid) ? OBJ_nid2ln(nid) : nullptr;
+  pki::asn1_object_ptr whole = object_of(row, nid, known_name ? known_name : row.long_name);
   bool completed = whole && OBJ_add_object(whole.get()) == nid && is_complete(nid, object.get());
   return completed ? nid : NID_undef;
 }
@@ -97,6 +99,14 @@ bool create_objects(int32_t *nids) {
 }
 
 }  // namespace
+
+namespace pki {
+
+int registered_nid(int row) {
+  return registered ? pki_nid_list[row] : NID_undef;
+}
+
+}  // namespace pki
 
 int pki_register_oids(void) {
   if (registered)

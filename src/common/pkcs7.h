@@ -5,6 +5,7 @@
 #include <libpki/pkcs7.h>
 
 #include "common/ossl_ptr.h"
+#include "common/secret_octets.h"
 
 namespace pki {
 
@@ -37,6 +38,11 @@ using x509_borrowed_list =
 // OpenSSL's decoder takes primitive tags where only constructed ones make sense; an honest sender
 // writes none.
 [[nodiscard]] bool has_honest_tags(const unsigned char *der, int length);
+
+// Opens an EnvelopedData, which has all its parts: `*length` octets at the front of `*plaintext`.
+// Returns 0; 22 (or 2).
+[[nodiscard]] int open_envelope(PKCS7 *p7, EVP_PKEY *key, X509 *cert, secret_octets *plaintext,
+                                int *length);
 
 [[nodiscard]] bool has_public_key(const X509 *cert, const EVP_PKEY *key);
 

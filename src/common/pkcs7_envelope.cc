@@ -21,6 +21,13 @@ bool is_whole_envelope(const PKCS7 *p7, int length, const EVP_CIPHER *cipher) {
   return ciphertext && ciphertext->length == expected && i2d_PKCS7(p7, nullptr) > 0;
 }
 
+// As PKCS7_encrypt ends without PKCS7_STREAM, whose buffer keeps the plaintext when it is freed.
+bool fill_envelope(PKCS7 *p7, const void *data, int length) {
+  bio_chain_ptr chain(PKCS7_dataInit(p7, nullptr));
+  return chain && (length == 0 || BIO_write(chain.get(), data, length) == length) &&
+         BIO_flush(chain.get()) == 1 && PKCS7_dataFinal(p7, chain.get()) == 1;
+}
+
 // An EnvelopedData that lacks a part which OpenSSL's decryption follows without
 // asking.
 bool is_hollow_envelope(PKCS7 *p7) {
@@ -28,32 +35,6 @@ bool is_hollow_envelope(PKCS7 *p7) {
     return false;
   const PKCS7_ENC_CONTENT *encrypted = p7->d.enveloped ? p7->d.enveloped->enc_data : nullptr;
   return !encrypted || !encrypted->algorithm || !encrypted->enc_data;
-}
-
-// The envelope bound to the library context that its cipher needs, in `*bound`
-// when that is not the default one. A cipher that nobody knows is left to the
-// decryption to refuse.
-int bind_to_cipher(PKCS7 *p7, pkcs7_ptr *bound) {
-  const X509_ALGOR *algorithm = p7->d.enveloped->enc_data->algorithm;
-  const EVP_CIPHER *cipher = EVP_get_cipherbyobj(algorithm->algorithm);
-  if (!cipher)
-    return PKI_OK;
-  OSSL_LIB_CTX *context;
-  if (int error = find_cipher_context(cipher, PKI_P7_DECRYPT_FAILED, &context))
-    return error;
-  if (!context)
-    return PKI_OK;
-  int length;
-  malloc_ptr<unsigned char> der(der_encode(p7, reinterpret_cast<i2d_fn *>(i2d_PKCS7), &length));
-  PKCS7 *made = der ? PKCS7_new_ex(context, nullptr) : nullptr;
-  if (!made)
-    return openssl_failure(PKI_OUT_OF_MEMORY);
-  // Decoding frees the object that it was given when it fails.
-  const unsigned char *in = der.get();
-  if (!d2i_PKCS7(&made, &in, length))
-    return openssl_failure(PKI_P7_DECRYPT_FAILED);
-  bound->reset(made);
-  return PKI_OK;
 }
 
 }  // namespace
@@ -81,9 +62,9 @@ int pkcs7_encrypt(X509 *recipient, const void *data, int length, const EVP_CIPHE
   bio_ptr in(bio_over(data, length));
   if (!in)
     return openssl_failure(PKI_BIO_CREAT_FAILED);
-  pkcs7_ptr p7(
-      PKCS7_encrypt_ex(recipients.get(), in.get(), cipher, PKCS7_BINARY, context, nullptr));
-  if (!p7)
+  pkcs7_ptr p7(PKCS7_encrypt_ex(recipients.get(), in.get(), cipher, PKCS7_BINARY | PKCS7_STREAM,
+                                context, nullptr));
+  if (!p7 || !fill_envelope(p7.get(), data, length))
     return openssl_failure(PKI_P7_ENCRYPT_FAILED);
   if (!is_whole_envelope(p7.get(), length, cipher))
     return openssl_failure(PKI_OUT_OF_MEMORY);
@@ -100,22 +81,13 @@ int pkcs7_decrypt(PKCS7 *p7, EVP_PKEY *key, X509 *cert, unsigned char **data, in
     return PKI_INVALID_ARGS;
   if (is_hollow_envelope(p7))
     return PKI_INVALID_DER;
-  pkcs7_ptr bound;
-  if (PKCS7_type_is_enveloped(p7))
-    if (int error = bind_to_cipher(p7, &bound))
-      return error;
-  bio_ptr out(BIO_new(BIO_s_mem()));
-  if (!out)
-    return openssl_failure(PKI_BIO_CREAT_FAILED);
-  if (PKCS7_decrypt(bound ? bound.get() : p7, key, cert, out.get(), PKCS7_BINARY) != 1)
-    return openssl_failure(PKI_P7_DECRYPT_FAILED);
-  char *plaintext = nullptr;
-  long plaintext_length = BIO_get_mem_data(out.get(), &plaintext);
-  if (plaintext_length < 0 || (!plaintext && plaintext_length > 0))
-    return openssl_failure(PKI_BIO_BUF_GET_FAILED);
-  *data = copy_octets(plaintext, static_cast<int>(plaintext_length));
+  secret_octets plaintext;
+  int plaintext_length = 0;
+  if (int error = open_envelope(p7, key, cert, &plaintext, &plaintext_length))
+    return error;
+  *data = copy_octets(plaintext.get(), plaintext_length);
   if (!*data)
     return PKI_OUT_OF_MEMORY;
-  *length = static_cast<int>(plaintext_length);
+  *length = plaintext_length;
   return PKI_OK;
 }

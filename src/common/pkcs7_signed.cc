@@ -144,30 +144,30 @@ void give_back_content(PKCS7 *p7) {
   p7->d.sign->contents = nullptr;
 }
 
-// OpenSSL's signing does not notice when it runs out of memory in some places. Only reading the
-// message back and checking its signature tells.
-bool reads_back_signed(PKCS7 *made, EVP_PKEY *key) {
-  int length;
-  malloc_ptr<unsigned char> der(der_encode(made, reinterpret_cast<i2d_fn *>(i2d_PKCS7), &length));
-  const unsigned char *in = der.get();
-  pkcs7_ptr copy(der ? d2i_PKCS7(nullptr, &in, length) : nullptr);
-  X509 *stand_in = nullptr;
-  if (!signed_data_of(copy.get()) || create_dummy_cert(key, &stand_in) != PKI_OK)
+// OpenSSL's signing does not notice when it runs out of memory in some places: then it signs what
+// was never written, or leaves parts out that the encoding needs. Only looking again tells.
+bool verifies_as_signed(PKCS7 *made, X509 *signer_cert, EVP_PKEY *key) {
+  if (i2d_PKCS7(made, nullptr) < 1)
     return false;
-  x509_ptr signer(stand_in);
+  x509_ptr stand_in;
+  if (!has_public_key(signer_cert, key)) {
+    if (create_dummy_cert(key, &signer_cert) != PKI_OK)
+      return false;
+    stand_in.reset(signer_cert);
+  }
   food content;
-  if (take_food(copy->d.sign->contents, &content) != PKI_OK)
+  if (take_food(made->d.sign->contents, &content) != PKI_OK)
     return false;
-  bio_chain_ptr digests(PKCS7_dataInit(copy.get(), content.bio.get()));
+  bio_chain_ptr digests(PKCS7_dataInit(made, content.bio.get()));
   if (!digests)
     return false;
   (void)content.bio.release();  // the chain's last link now
   unsigned char chunk[copy_chunk_bytes];
   while (BIO_read(digests.get(), chunk, sizeof chunk) > 0)
     continue;
-  return PKCS7_signatureVerify(digests.get(), copy.get(),
-                               sk_PKCS7_SIGNER_INFO_value(copy->d.sign->signer_info, 0),
-                               signer.get()) == 1;
+  return PKCS7_signatureVerify(digests.get(), made,
+                               sk_PKCS7_SIGNER_INFO_value(made->d.sign->signer_info, 0),
+                               signer_cert) == 1;
 }
 
 PKCS7_SIGNER_INFO *first_signer_info(PKCS7 *p7) {
@@ -261,7 +261,7 @@ int pkcs7_sign(X509 *signer_cert, EVP_PKEY *key, const EVP_MD *md, PKCS7 *conten
     return error;
   if (PKCS7_set_content(p7.get(), content) != 1)
     return openssl_failure(PKI_INTERNAL_ERROR);
-  if (!reads_back_signed(p7.get(), key)) {
+  if (!verifies_as_signed(p7.get(), signer_cert, key)) {
     give_back_content(p7.get());
     return openssl_failure(PKI_OUT_OF_MEMORY);
   }

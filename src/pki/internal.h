@@ -10,6 +10,8 @@
 namespace pki {
 
 using ca_info_ptr = std::unique_ptr<ca_info, free_with<free_ca_info>>;
+using key_info_ptr = std::unique_ptr<key_info, free_with<free_key_info>>;
+using cert_info_ptr = std::unique_ptr<cert_info, free_with<free_cert_info>>;
 
 // Taken for writing by the untrusted-certificate adds and the certificate searches, only there.
 extern pthread_rwlock_t store_lock;

@@ -139,7 +139,7 @@ int pki_add_crl_info(ca_info *info, const STACK *rules, const STACK *crl_infos, 
   status_info_ptr rule = make_status_rule(PKI_STATUS_CRL, status_flags(flag0, flag1), rules);
   STACK *shared = rule ? stack_dup(crl_infos, share_crl_info, release_crl_info) : nullptr;
   if (!shared)
-    return PKI_OUT_OF_MEMORY;
+    return log_reasons(PKI_OUT_OF_MEMORY);
   OPENSSL_sk_free(static_cast<STACK *>(rule->data));
   rule->data = shared;
   return log_reasons(add_status_rule(info, std::move(rule)));
@@ -151,13 +151,13 @@ int pki_add_ocsp_info(ca_info *info, const STACK *rules, const char *url, X509 *
     return PKI_INVALID_ARGS;
   status_info_ptr rule = make_status_rule(PKI_STATUS_OCSP, status_flags(flag0, flag1), rules);
   if (!rule)
-    return PKI_OUT_OF_MEMORY;
+    return log_reasons(PKI_OUT_OF_MEMORY);
   auto *ocsp = static_cast<ocsp_info *>(rule->data);
   ocsp->url = pki_strdup(url);
   if (!ocsp->url)
-    return PKI_OUT_OF_MEMORY;
+    return log_reasons(PKI_OUT_OF_MEMORY);
   if (responder_cert && !take_reference(responder_cert))
-    return PKI_CRYPTO_LOCK_FAILED;
+    return log_reasons(PKI_CRYPTO_LOCK_FAILED);
   ocsp->responder_cert = responder_cert;
   ocsp->option = option;
   return log_reasons(add_status_rule(info, std::move(rule)));

@@ -17,9 +17,17 @@ bool holds_same_cert(STACK *list, X509 *cert) {
 }
 
 // A device runs for years: the list of what it met stays bounded.
-X509 *take_oldest_if_full(STACK *list) {
+X509 *take_oldest_if_over_full() {
+  mutex_lock lock(&list_mutex);
+  STACK *list = pki_store->collected_certs;
   return OPENSSL_sk_num(list) > max_collected_certs ? static_cast<X509 *>(OPENSSL_sk_shift(list))
                                                     : nullptr;
+}
+
+// Called without a lock: a host can hang calls of its own on a certificate's end.
+void trim_collected_certs() {
+  while (x509_ptr oldest{take_oldest_if_over_full()})
+    continue;
 }
 
 int add_cert(STACK *list, X509 *cert) {
@@ -36,13 +44,12 @@ int share_ca(ca_info *info) {
 }
 
 int add_untrusted_cert(X509 *cert, bool keep) {
-  x509_ptr dropped;
-  mutex_lock lock(&list_mutex);
-  if (keep)
-    return add_cert_locked(pki_store->provisioned_certs, cert);
-  int error = add_cert_locked(pki_store->collected_certs, cert);
-  dropped.reset(take_oldest_if_full(pki_store->collected_certs));
-  return error;
+  return add_cert(keep ? pki_store->provisioned_certs : pki_store->collected_certs, cert);
+}
+
+int end_of_adding(int error) {
+  trim_collected_certs();
+  return log_reasons(error);
 }
 
 }  // namespace
@@ -72,7 +79,7 @@ int pki_add_ca_info(ca_info *info) {
 int pki_add_cert(STACK *list, X509 *cert) {
   if (!list || !cert)
     return PKI_INVALID_ARGS;
-  return log_reasons(add_cert(list, cert));
+  return end_of_adding(add_cert(list, cert));
 }
 
 int pki_add_trusted_cert(X509 *cert, ca_info *info) {
@@ -89,7 +96,7 @@ int pki_add_untrusted_cert(X509 *cert, unsigned char keep) {
     return PKI_LOCK_FAILED;
   int error = add_untrusted_cert(cert, keep != 0);
   lock.unlock();
-  return log_reasons(error);
+  return end_of_adding(error);
 }
 
 int pki_add_untrusted_certs(const STACK *certs, unsigned char keep) {
@@ -104,5 +111,5 @@ int pki_add_untrusted_certs(const STACK *certs, unsigned char keep) {
     error = cert ? add_untrusted_cert(cert, keep != 0) : PKI_INVALID_ARGS;
   }
   lock.unlock();
-  return log_reasons(error);
+  return end_of_adding(error);
 }

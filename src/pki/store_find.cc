@@ -134,7 +134,8 @@ match_result pki_kh_match(X509 *cert, const void *digest, const void *hash) {
     return no_match;
   unsigned char key_hash[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  // For want of memory, as a rule; to find nothing then would be a wrong answer.
+  // For want of memory, or of a digest that OpenSSL keeps in a provider which few hosts load; it
+  // does not tell which. To find nothing then would be a wrong answer.
   if (EVP_Digest(key->data, static_cast<size_t>(key->length), key_hash, &length,
                  static_cast<const EVP_MD *>(digest), nullptr) != 1)
     return match_failed;
@@ -154,7 +155,7 @@ ca_info *pki_find_ca_info_by_label(const char *label) {
 }
 
 ca_info *pki_find_ca_info_by_issuer(const X509_NAME *name) {
-  if (!name)
+  if (!name || prepare_to_compare(name))
     return nullptr;
   mutex_lock lock(&list_mutex);
   return dup_ca_info(first_record<ca_info>(pki_store->ca_infos, [&](ca_info *info) {
@@ -190,12 +191,16 @@ int pki_find_certs_by_issuer_serial(const X509_NAME *issuer, const ASN1_INTEGER 
                                     STACK **result) {
   if (!issuer || !serial || !result)
     return PKI_INVALID_ARGS;
+  if (int error = prepare_to_compare(issuer))
+    return error;
   return pki_find_certs_by_f(pki_is_match, issuer, serial, result);
 }
 
 int pki_find_certs_by_subject(const X509_NAME *subject, STACK **result) {
   if (!subject || !result)
     return PKI_INVALID_ARGS;
+  if (int error = prepare_to_compare(subject))
+    return error;
   return pki_find_certs_by_f(pki_sn_match, subject, nullptr, result);
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/locks.h"
+#include "common/log.h"
 #include "common/ossl_ptr.h"
 #include "pki/internal.h"
 
@@ -43,6 +44,12 @@ int delete_cert(STACK *list, const X509 *cert) {
 ca_info *ca_at(int index) {
   mutex_lock lock(&list_mutex);
   return dup_ca_info(static_cast<ca_info *>(OPENSSL_sk_value(pki_store->ca_infos, index)));
+}
+
+// A reference of one's own: what a list holds may be its own certificate's last.
+x509_ptr hold(const X509 *cert) {
+  auto *held = const_cast<X509 *>(cert);
+  return x509_ptr(take_reference(held) ? held : nullptr);
 }
 
 bool same_issuer_and_serial(const X509 *a, const X509 *b) {
@@ -101,6 +108,9 @@ int pki_delete_cert(STACK *list, const X509 *cert) {
 int pki_delete_untrusted_cert(const X509 *cert) {
   if (!cert)
     return PKI_INVALID_ARGS;
+  x509_ptr held = hold(cert);
+  if (!held)
+    return log_reasons(PKI_CRYPTO_LOCK_FAILED);
   int collected = delete_cert(pki_store->collected_certs, cert);
   int provisioned = delete_cert(pki_store->provisioned_certs, cert);
   return collected ? collected : provisioned;
@@ -111,6 +121,9 @@ int pki_delete_trusted_cert(const X509 *cert, ca_info *info) {
     return PKI_INVALID_ARGS;
   if (info)
     return delete_cert(info->trusted_roots, cert);
+  x509_ptr held = hold(cert);
+  if (!held)
+    return log_reasons(PKI_CRYPTO_LOCK_FAILED);
   for (int i = 0; ca_info_ptr ca{ca_at(i)}; i++)
     (void)delete_cert(ca->trusted_roots, cert);
   return PKI_OK;

@@ -1,5 +1,6 @@
 // The status cache: a short list that saves repeated fetches, not a large working set.
 #include <libpki/error.h>
+#include <openssl/x509v3.h>
 
 #include <climits>
 #include <ctime>
@@ -7,11 +8,12 @@
 #include "common/limits.h"
 #include "common/locks.h"
 #include "common/log.h"
+#include "common/ossl_ptr.h"
 #include "verifier/cert_verifier/internal.h"
 
 namespace pki {
 
-cert_sts_info_cache pki_csi_cache;
+cert_sts_info_cache pki_csi_cache = {nullptr, &pki_csi_cache.first, 0, PTHREAD_RWLOCK_INITIALIZER};
 int csi_is_init = 0;
 int disable_crl_check = 0;
 
@@ -21,6 +23,12 @@ namespace {
 bool has_expired(const cert_sts_info *info) {
   time_t now = time(nullptr);
   return !info->valid_until || X509_cmp_time(info->valid_until, &now) <= 0;
+}
+
+// OpenSSL's comparison finds a certificate that does not encode equal to others.
+bool is_comparable(X509 *cert) {
+  openssl_error_mark discard_errors;
+  return (X509_get_extension_flags(cert) & EXFLAG_NO_FINGERPRINT) == 0;
 }
 
 bool is_linked(const cert_sts_info *info) {
@@ -84,9 +92,6 @@ using namespace pki;
 void zv_cv_init(void) {
   if (csi_is_init)
     return;
-  pki_csi_cache.first = nullptr;
-  pki_csi_cache.last = &pki_csi_cache.first;
-  pki_csi_cache.count = 0;
   pthread_rwlockattr_t attributes;
   pthread_rwlockattr_init(&attributes);
   pthread_rwlock_init(&pki_csi_cache.lock, &attributes);
@@ -97,7 +102,7 @@ void zv_cv_init(void) {
 int zv_cv_add_cert_sts_info_cache(cert_sts_info *info) {
   if (!info)
     return PKI_INVALID_ARGS;
-  if (has_expired(info))
+  if (has_expired(info) || (info->cert && !is_comparable(info->cert)))
     return PKI_OK;
   write_lock lock(&pki_csi_cache.lock);
   if (!lock.held())
@@ -111,7 +116,7 @@ int zv_cv_add_cert_sts_info_cache(cert_sts_info *info) {
 }
 
 cert_sts_info *zv_cv_find_cert_sts_info_cache(const X509 *cert) {
-  if (!cert)
+  if (!cert || !is_comparable(const_cast<X509 *>(cert)))
     return nullptr;
   write_lock lock(&pki_csi_cache.lock);
   if (!lock.held())

@@ -192,7 +192,7 @@ void zv_crl_init(void) {
 X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons, X509 **signer) {
   if (signer)
     *signer = nullptr;
-  if (!issuer)
+  if (!issuer || prepare_to_compare(issuer))
     return nullptr;
   crl_search search = {issuer, reasons, signer, false};
   X509_CRL *found;
