@@ -69,6 +69,11 @@ pause::~pause() {
   paused--;
 }
 
+size_t sweep_step(size_t usual) {
+  const char *asked = std::getenv("SWEEP_STEP");
+  return asked ? std::strtoul(asked, nullptr, 10) : usual;
+}
+
 size_t sweep(const std::function<void()> &operation,
              const std::function<void(size_t)> &after_failure, bool stay_failed, size_t limit) {
   if (!available())

@@ -37,6 +37,10 @@ size_t sweep(const std::function<void()> &operation,
              const std::function<void(size_t n)> &after_failure, bool stay_failed = false,
              size_t limit = 100000);
 
+// The distance between the allocations that a sampled sweep lets fail: `usual`, or what the
+// environment's SWEEP_STEP says (1: each of them, which takes minutes).
+size_t sweep_step(size_t usual);
+
 }  // namespace fake_allocator
 
 #endif

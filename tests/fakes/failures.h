@@ -9,7 +9,8 @@
 namespace fake_failures {
 
 // What the next call returns instead of the real result, `after` successful calls later
-// (0: the very next). Each is armed for one call; poll and send fail on the arming thread only.
+// (0: the very next). Each is armed for one call; poll, send and X509_up_ref fail on the arming
+// thread only, X509_up_ref not when OpenSSL itself calls it.
 void fail_wrlock(int error, int after = 0);       // pthread_rwlock_wrlock returns `error`
 void fail_rdlock(int error, int after = 0);       // pthread_rwlock_rdlock
 void fail_rwlock_init(int error, int after = 0);  // pthread_rwlock_init

@@ -1,11 +1,12 @@
 #include "support/store_fixture.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 #include "fakes/allocator.h"
 #include "fakes/clock.h"
@@ -25,12 +26,33 @@ std::string make_board_folder() {
   return folder;
 }
 
-void remove_board_folder() {
-  std::string folder = getenv("BOARD_INFO_DIR");
-  unlink((folder + "/serialnumber").c_str());
-  unlink((folder + "/secret").c_str());
-  rmdir(folder.c_str());
-}
+// Names the folder to the processes that death tests start: they share it with the one that waits
+// for them, since they may end without cleaning up.
+constexpr char shared_folder_variable[] = "LIBPKI_TEST_BOARD_DIR";
+
+// Gone when the process that made it ends; a forked copy or a started process leaves it alone.
+struct board_folder {
+  board_folder() {
+    if (const char *shared = getenv(shared_folder_variable)) {
+      path = shared;
+      return;
+    }
+    path = make_board_folder();
+    maker = getpid();
+    setenv(shared_folder_variable, path.c_str(), 1);
+  }
+  board_folder(const board_folder &) = delete;
+  board_folder &operator=(const board_folder &) = delete;
+  ~board_folder() {
+    if (getpid() != maker)
+      return;
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+  }
+
+  std::string path;
+  pid_t maker = -1;
+};
 
 template <class Record>
 void empty_list(STACK *list, void (*release)(Record *)) {
@@ -42,8 +64,8 @@ void empty_list(STACK *list, void (*release)(Record *)) {
 
 void init_library() {
   static const bool done = [] {
-    setenv("BOARD_INFO_DIR", make_board_folder().c_str(), 1);
-    atexit(remove_board_folder);
+    static const board_folder board;
+    setenv("BOARD_INFO_DIR", board.path.c_str(), 1);
     libpki_init();
     return true;
   }();

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 #include <libpki/error.h>
 #include <openssl/err.h>
+#include <openssl/x509.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -115,6 +118,22 @@ TEST_F(LogOpensslErrors, OtherThreadsKeepTheirErrors) {
   std::thread([] { log_openssl_errors(3); }).join();
   EXPECT_TRUE(captured_log().empty()) << log_dump();
   EXPECT_NE(ERR_peek_error(), 0ul);
+}
+
+[[noreturn]] void log_a_first_error() {
+  ERR_raise(ERR_LIB_X509, X509_R_CERT_ALREADY_IN_HASH_TABLE);
+  log_openssl_errors(3);
+  bool in_words = captured_log().size() == 1 && logged_containing(3, "x509 certificate routines") &&
+                  logged_containing(3, "cert already in hash table");
+  fprintf(stderr, "%s", log_dump().c_str());
+  exit(in_words ? 0 : 1);
+}
+
+// In a process of its own, where nothing had OpenSSL load its texts before.
+TEST(LogOpensslErrorsDeathTest, FirstLineOfAProcessHasItsTexts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(log_a_first_error(), testing::ExitedWithCode(0), "");
+  GTEST_FLAG_SET(death_test_style, "fast");
 }
 
 TEST_F(LogOpensslErrors, LeavesTheLogsSetUpToTheHost) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <libpki/names.h>
+#include <openssl/err.h>
 
 #include <string>
 #include <vector>
@@ -131,6 +132,91 @@ TEST_F(NameParserErrors, OpenQuoteIsFoundBeforeTheUnknownKey) {
 TEST_F(NameParserErrors, NullOutputIs63) {
   EXPECT_EQ(parse_rfc1779_str("CN=a", nullptr), 63);
   EXPECT_EQ(parse_rfc1779_str(nullptr, nullptr), 63);
+}
+
+TEST_F(NameParserErrors, TextOf64KiBIsTheLongest) {
+  std::string longest = "CN=" + std::string(64 * 1024 - 3, 'x');
+  X509_NAME *name = nullptr;
+  EXPECT_EQ(parse_rfc1779_str(longest.c_str(), &name), 0);
+  EXPECT_EQ(X509_NAME_entry_count(name), 1);
+  X509_NAME_free(name);
+  EXPECT_EQ(code_of(longest + "x"), 63);
+  expect_log({});
+}
+
+TEST_F(NameParserErrors, LengthIsThatOfTheWholeTextBlanksIncluded) {
+  X509_NAME *name = nullptr;
+  EXPECT_EQ(parse_rfc1779_str(std::string(64 * 1024, ' ').c_str(), &name), 0);
+  EXPECT_EQ(X509_NAME_entry_count(name), 0);
+  X509_NAME_free(name);
+  EXPECT_EQ(code_of(std::string(64 * 1024 + 1, ' ')), 63);
+}
+
+TEST_F(NameParserErrors, TooLongTextIsRefusedWhateverItSays) {
+  std::string rest(64 * 1024, 'x');
+  for (const char *start : {"XYZ=", "CN", "CN=\""})
+    EXPECT_EQ(code_of(start + rest), 63) << start;
+  expect_log({});
+}
+
+// OpenSSL's queue may hold an allocation failure of an earlier call that was none of the parser's.
+class NameParserStaleErrors : public NameParserErrors {
+ protected:
+  static constexpr int before = 101, behind = 102;
+
+  static void queue_stale_errors() {
+    support::raise_openssl_error(before);
+    support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
+    support::raise_openssl_error(behind);
+  }
+  static void expect_stale_errors() {
+    for (int reason : {before, static_cast<int>(ERR_R_MALLOC_FAILURE), behind})
+      EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), reason);
+    EXPECT_EQ(ERR_get_error(), 0ul);
+  }
+};
+
+TEST_F(NameParserStaleErrors, UnknownKeyIsStill53) {
+  queue_stale_errors();
+  EXPECT_EQ(code_of("XYZ=1"), 53);
+  expect_log({{3, "Unknown key `XYZ' in name 'XYZ=1'"}});
+  expect_stale_errors();
+}
+
+TEST_F(NameParserStaleErrors, ValueThatIsNoUtf8IsStillAccepted) {
+  queue_stale_errors();
+  X509_NAME *name = nullptr;
+  EXPECT_EQ(parse_rfc1779_str("CN=\xE9", &name), 0);
+  EXPECT_EQ(X509_NAME_entry_count(name), 1);
+  X509_NAME_free(name);
+  expect_log({});
+  expect_stale_errors();
+}
+
+// The queue is a ring: stale entries may lie on either side of its seam.
+TEST_F(NameParserStaleErrors, ChangeNothingWhereverInTheRingTheyLie) {
+  for (int start = 0; start < 16; start++) {
+    SCOPED_TRACE(start);
+    support::raise_openssl_error(before);
+    ERR_get_error();
+    queue_stale_errors();
+    EXPECT_EQ(code_of("XYZ=1"), 53);
+    X509_NAME *name = nullptr;
+    EXPECT_EQ(parse_rfc1779_str("CN=\xE9", &name), 0);
+    X509_NAME_free(name);
+    expect_stale_errors();
+  }
+}
+
+TEST_F(NameParserStaleErrors, ChangeNothingWhenTheyFillTheRing) {
+  for (int i = 0; i < 15; i++)
+    support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
+  EXPECT_EQ(code_of("XYZ=1"), 53);
+  X509_NAME *name = nullptr;
+  EXPECT_EQ(parse_rfc1779_str("CN=\xE9", &name), 0);
+  EXPECT_NE(name, nullptr);
+  X509_NAME_free(name);
+  EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), ERR_R_MALLOC_FAILURE);
 }
 
 std::string der_of(const X509_NAME *name) {

@@ -160,6 +160,21 @@ TEST_F(OidsRegister, SecondCallReturnsAtOnce) {
   IN_A_FRESH_PROCESS(second_call_does_nothing);
 }
 
+void creates_each_object_once() {
+  int before = OBJ_new_nid(0);
+  EXPECT_EQ(pki_register_oids(), 1);
+  int after = OBJ_new_nid(0);
+  EXPECT_EQ(after, before + row_count);
+  EXPECT_EQ(pki_register_oids(), 1);
+  EXPECT_EQ(OBJ_new_nid(0), after);
+  pki_cleanup_oids();
+  EXPECT_EQ(pki_register_oids(), 1);
+  EXPECT_EQ(OBJ_new_nid(0), after);
+}
+TEST_F(OidsRegister, LaterCallsCreateNoObject) {
+  IN_A_FRESH_PROCESS(creates_each_object_once);
+}
+
 void registers_again_after_cleanup() {
   for (int round = 0; round < 3; round++) {
     EXPECT_EQ(pki_register_oids(), 1);
@@ -197,6 +212,23 @@ void keeps_the_hosts_objects() {
 }
 TEST_F(OidsRegister, ObjectsThatTheHostRegisteredKeepTheirNumbers) {
   IN_A_FRESH_PROCESS(keeps_the_hosts_objects);
+}
+
+void keeps_the_hosts_long_name() {
+  int secret = OBJ_create(VENDOR ".1.1.2", nullptr, "host's secret");
+  ASSERT_GE(secret, 1);
+  // OpenSSL frees no object that another one replaces in its table: the host may hold it, as here.
+  static const ASN1_OBJECT *hosts;
+  hosts = OBJ_nid2obj(secret);
+  EXPECT_EQ(pki_register_oids(), 1);
+  EXPECT_EQ(OBJ_obj2nid(hosts), secret);
+  EXPECT_EQ(pki_nid_list[PKI_OID_SECRET], secret);
+  EXPECT_STREQ(OBJ_nid2ln(secret), "host's secret");
+  EXPECT_EQ(OBJ_ln2nid("host's secret"), secret);
+  expect_all_rows();
+}
+TEST_F(OidsRegister, ObjectThatTheHostNamedAtLengthKeepsThatName) {
+  IN_A_FRESH_PROCESS(keeps_the_hosts_long_name);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <libpki/error.h>
 #include <libpki/pkcs7.h>
+#include <openssl/err.h>
 
 #include <cstdlib>
 #include <map>
@@ -19,7 +20,7 @@ struct VerifyBytesCorruption : testing::Test {
     support::clear_openssl_errors();
     clear_log();
   }
-  ~VerifyBytesCorruption() override { support::clear_openssl_errors(); }
+  ~VerifyBytesCorruption() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 
   const std::string document = "<QRNPkiConfig>the document</QRNPkiConfig>";
   support::key key = support::test_key(0);
@@ -110,6 +111,23 @@ TEST_F(VerifyBytesCorruption, EveryChangedOctetIsRefused) {
     report += "octet " + std::to_string(at) + " (was " +
               std::to_string(static_cast<unsigned char>(whole[at])) + "):" + values + "\n";
   EXPECT_EQ(report, "") << "of " << whole.size() << " octets";
+}
+
+// What a stranger may write behind or into a message without changing what it says.
+TEST_F(VerifyBytesCorruption, OctetsBehindTheMessageAreTolerated) {
+  std::string content;
+  EXPECT_EQ(open(sign() + "\r\n\r\n", &content), PKI_OK);
+  EXPECT_EQ(content, document);
+}
+
+TEST_F(VerifyBytesCorruption, SignatureAlgorithmMayNameTheDigestToo) {
+  // rsaEncryption and sha256WithRSAEncryption differ in their last octet.
+  const std::string rsa("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01", 9);
+  std::string changed = sign();
+  changed[changed.rfind(rsa) + rsa.size() - 1] = '\x0b';
+  std::string content;
+  EXPECT_EQ(open(changed, &content), PKI_OK);
+  EXPECT_EQ(content, document);
 }
 
 TEST_F(VerifyBytesCorruption, TwoMessagesPutTogetherWrongAreRefused) {

@@ -105,8 +105,13 @@ TEST_F(VerifyBytesInterop, OpensWhatCmsSigned) {
   EXPECT_EQ(open_signed_by("openssl cms -sign -binary -nodetach"), document);
 }
 
-TEST_F(VerifyBytesInterop, OpensWhatSmimeSignedWithoutAttributes) {
+TEST_F(VerifyBytesInterop, OpensWhatWasSignedWithoutAttributes) {
   EXPECT_EQ(open_signed_by("openssl smime -sign -binary -nodetach -noattr"), document);
+  EXPECT_EQ(open_signed_by("openssl cms -sign -binary -nodetach -noattr"), document);
+}
+
+TEST_F(VerifyBytesInterop, OpensWhatWasSignedWithoutCapabilities) {
+  EXPECT_EQ(open_signed_by("openssl smime -sign -binary -nodetach -nosmimecap"), document);
 }
 
 TEST_F(VerifyBytesInterop, OpensOtherDigests) {
@@ -117,6 +122,7 @@ TEST_F(VerifyBytesInterop, OpensOtherDigests) {
 }
 
 TEST_F(VerifyBytesInterop, OpensAMessageOfIndefiniteLengths) {
+  EXPECT_EQ(open_signed_by("openssl smime -sign -binary -nodetach -stream"), document);
   EXPECT_EQ(open_signed_by("openssl cms -sign -binary -nodetach -stream"), document);
 }
 

@@ -20,7 +20,7 @@ struct quiet : testing::Test {
     support::clear_openssl_errors();
     clear_log();
   }
-  ~quiet() override { support::clear_openssl_errors(); }
+  ~quiet() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 };
 
 struct CreateDummyCert : quiet {};
@@ -92,6 +92,13 @@ TEST_F(CreateDummyCert, HoldsTheKeyAndSerialNumberOne) {
   ASSERT_EQ(create_dummy_cert(test_key(0).get(), &cert), PKI_OK);
   EXPECT_EQ(EVP_PKEY_eq(X509_get0_pubkey(cert), test_key(0).get()), 1);
   EXPECT_EQ(ASN1_INTEGER_get(X509_get0_serialNumber(cert)), 1);
+  X509_free(cert);
+}
+
+TEST_F(CreateDummyCert, PublicKeyIsEnough) {
+  X509 *cert = nullptr;
+  ASSERT_EQ(create_dummy_cert(support::public_part(test_key(0)).get(), &cert), PKI_OK);
+  EXPECT_EQ(EVP_PKEY_eq(X509_get0_pubkey(cert), test_key(0).get()), 1);
   X509_free(cert);
 }
 
@@ -206,16 +213,17 @@ TEST_F(SignBytes, ErrorOfTheDummyCertificateIsPassedOn) {
 }
 
 TEST_F(SignBytes, NullAndNegativeArgumentsAreRefused) {
-  unsigned char *der = nullptr;
-  int length = 0;
+  auto *der = reinterpret_cast<unsigned char *>(this);
+  int length = 77;
   EVP_PKEY *key = test_key(0).get();
   EXPECT_EQ(sign_bytes(nullptr, 4, key, &der, &length), PKI_INVALID_ARGS);
+  EXPECT_EQ(der, nullptr);
+  EXPECT_EQ(length, 0);
   EXPECT_EQ(sign_bytes("data", -1, key, &der, &length), PKI_INVALID_ARGS);
   EXPECT_EQ(sign_bytes("data", INT_MIN, key, &der, &length), PKI_INVALID_ARGS);
   EXPECT_EQ(sign_bytes("data", 4, nullptr, &der, &length), PKI_INVALID_ARGS);
   EXPECT_EQ(sign_bytes("data", 4, key, nullptr, &length), PKI_INVALID_ARGS);
   EXPECT_EQ(sign_bytes("data", 4, key, &der, nullptr), PKI_INVALID_ARGS);
-  EXPECT_EQ(der, nullptr);
 }
 
 TEST_F(VerifyBytes, OpensWhatSignBytesMadeWithTheMatchingPublicKey) {
@@ -266,6 +274,16 @@ TEST_F(VerifyBytes, KeyOfAnotherTypeIsRefused) {
                  PKI_SIG_VERIFY_FAILED);
 }
 
+TEST_F(VerifyBytes, KeyOfAnotherPairOrTypeDoesNotOpenAnEllipticCurveSignature) {
+  std::string der = sign("data", support::make_ec_key());
+  expect_refused(open(der, support::make_ec_key().get()), PKI_SIG_VERIFY_FAILED);
+  expect_refused(open(der, test_key(0).get()), PKI_SIG_VERIFY_FAILED);
+}
+
+TEST_F(VerifyBytes, DerOfSomethingElseIsRefused) {
+  expect_refused(open(support::der(support::make_cert()), test_key(0).get()), PKI_P7_DECODE_ERROR);
+}
+
 TEST_F(VerifyBytes, WhatIsNoPkcs7IsRefused) {
   expect_refused(open("<QRNPkiConfig/>", test_key(0).get()), PKI_P7_DECODE_ERROR);
   EXPECT_TRUE(logged_containing(3, "OpenSSL error: ")) << log_dump();
@@ -292,6 +310,7 @@ TEST_F(VerifyBytes, ErrorsLeftInTheQueueDoNotRefuseAGoodMessage) {
   std::string der = sign("data", test_key(0));
   support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
   EXPECT_EQ(open(der, test_key(0).get()).code, PKI_OK);
+  support::clear_openssl_errors();
 }
 
 TEST_F(VerifyBytes, NullAndNegativeArgumentsAreRefused) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <libpki/error.h>
 #include <libpki/pkcs7.h>
+#include <openssl/err.h>
 
 #include <cstdlib>
 #include <string>
@@ -20,7 +21,7 @@ struct VerifyBytesStrangers : testing::Test {
     support::clear_openssl_errors();
     clear_log();
   }
-  ~VerifyBytesStrangers() override { support::clear_openssl_errors(); }
+  ~VerifyBytesStrangers() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 
   support::key ours = support::test_key(0);
   support::key theirs = support::test_key(1);
@@ -137,12 +138,23 @@ TEST_F(VerifyBytesStrangers, TwoCertificatesOfOneNameDoNotLetTheStrangerIn) {
 
 TEST_F(VerifyBytesStrangers, StrangersSignatureBesideOursIsRefusedInEitherPlace) {
   support::name issuer = support::common_name("stranger");
-  support::message_signer us = {ours, nullptr, 1};
+  support::name our_issuer = support::common_name("document signer");
   support::message_signer them = {theirs, issuer, 5};
-  std::vector<support::cert> carried = {certificate(theirs, issuer, 5)};
-  EXPECT_EQ(open(support::make_message({.signers = {us, them}, .carried = carried})),
-            PKI_SIG_VERIFY_FAILED);
-  EXPECT_EQ(open(support::make_message({.signers = {them, us}, .carried = carried})),
+  std::vector<support::cert> carried = {certificate(theirs, issuer, 5),
+                                        certificate(ours, our_issuer, 7)};
+  const support::message_signer unnamed = {ours, nullptr, 1};
+  const support::message_signer named = {ours, our_issuer, 7};
+  for (const support::message_signer &us : {unnamed, named}) {
+    EXPECT_EQ(open(support::make_message({.signers = {us, them}, .carried = carried})),
+              PKI_SIG_VERIFY_FAILED);
+    EXPECT_EQ(open(support::make_message({.signers = {them, us}, .carried = carried})),
+              PKI_SIG_VERIFY_FAILED);
+  }
+}
+
+TEST_F(VerifyBytesStrangers, StrangersSignatureWithoutACertificateBesideOursIsRefused) {
+  EXPECT_EQ(open(support::make_message(
+                {.signers = {{ours, nullptr, 1}, {theirs, support::common_name("x"), 5}}})),
             PKI_SIG_VERIFY_FAILED);
 }
 

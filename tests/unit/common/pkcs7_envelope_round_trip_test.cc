@@ -21,7 +21,7 @@ struct quiet_envelope : testing::Test {
     support::clear_openssl_errors();
     clear_log();
   }
-  ~quiet_envelope() override { support::clear_openssl_errors(); }
+  ~quiet_envelope() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 
   support::key key = support::test_key(0);
   support::cert cert = certificate(key, 5);

@@ -2,6 +2,7 @@
 #include <libpki/error.h>
 #include <libpki/pkcs7.h>
 #include <openssl/asn1t.h>
+#include <openssl/err.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -45,7 +46,7 @@ struct DigestFood : testing::Test {
   ~DigestFood() override {
     fake_encoding.reset();
     second_call_fails = false;
-    support::clear_openssl_errors();
+    EXPECT_EQ(ERR_peek_error(), 0u);
   }
 
   support::cert recipient = support::simple_cert("issuer", "recipient", 3);
@@ -186,9 +187,11 @@ TEST_F(DigestFood, StructureThatDoesNotEncodeIsOutOfMemory) {
 }
 
 TEST_F(DigestFood, NullArgumentsAreRefused) {
-  BIO *bio = nullptr;
-  unsigned char *buffer = nullptr;
+  auto *bio = reinterpret_cast<BIO *>(this);
+  auto *buffer = reinterpret_cast<unsigned char *>(this);
   EXPECT_EQ(get_pkcs7_digest_food(nullptr, &bio, &buffer), PKI_INVALID_DER);
+  EXPECT_EQ(bio, nullptr);
+  EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(get_pkcs7_digest_food(envelope.get(), nullptr, &buffer), PKI_INVALID_ARGS);
   EXPECT_EQ(get_pkcs7_digest_food(envelope.get(), &bio, nullptr), PKI_INVALID_ARGS);
 }

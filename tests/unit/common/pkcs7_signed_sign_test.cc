@@ -23,7 +23,7 @@ struct Pkcs7Sign : testing::Test {
   ~Pkcs7Sign() override {
     for (X509_ATTRIBUTE *attribute : attributes)
       X509_ATTRIBUTE_free(attribute);
-    support::clear_openssl_errors();
+    EXPECT_EQ(ERR_peek_error(), 0u);
   }
 
   support::key key = support::test_key(0);
@@ -102,7 +102,7 @@ TEST_F(Pkcs7Sign, AllCallersAttributesAreSignedBesideOpenSslsOwn) {
   add_attribute(NID_pkcs9_challengePassword, "A");
   add_attribute(NID_pkcs9_unstructuredName, "B");
   add_attribute(NID_pkcs9_unstructuredAddress, "C");
-  pkcs7 message = sign(data("inner"));
+  pkcs7 message = support::read_message(support::der(sign(data("inner"))));
   PKCS7_SIGNER_INFO *info = signer_of(message);
   EXPECT_EQ(text_attribute(info, NID_pkcs9_challengePassword), "A");
   EXPECT_EQ(text_attribute(info, NID_pkcs9_unstructuredName), "B");
@@ -188,6 +188,7 @@ TEST_F(Pkcs7Sign, KeyWithoutPrivatePartFailsToFinish) {
   pkcs7 content = support::make_data("inner");
   EXPECT_EQ(sign(content, &out), PKI_P7_DATAFINAL_FAILED);
   EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(ASN1_STRING_length(content->d.data), 5) << "the content stays the caller's";
   EXPECT_TRUE(logged_containing(3, "OpenSSL error: ")) << log_dump();
   EXPECT_EQ(ERR_peek_error(), 0u);
 }

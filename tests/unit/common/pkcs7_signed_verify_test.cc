@@ -19,7 +19,7 @@ struct Pkcs7Verify : testing::Test {
     support::clear_openssl_errors();
     clear_log();
   }
-  ~Pkcs7Verify() override { support::clear_openssl_errors(); }
+  ~Pkcs7Verify() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 
   support::key ours = support::test_key(0);
   support::key theirs = support::test_key(1);
@@ -144,6 +144,14 @@ TEST_F(Pkcs7Verify, ChangedContentIsAFailedVerification) {
   EXPECT_EQ(verify(message, signer_cert), PKI_P7_VERIFY_FAILED);
 }
 
+TEST_F(Pkcs7Verify, AnotherEnvelopeInItsPlaceIsAFailedVerification) {
+  support::cert recipient = certificate(theirs, "recipient", "recipient", 2);
+  pkcs7 message = honest(support::make_envelope("inner", recipient));
+  pkcs7 other = support::make_envelope("inner", recipient);
+  ASSERT_EQ(PKCS7_set_content(message.get(), PKCS7_dup(other.get())), 1);
+  EXPECT_EQ(verify(message, signer_cert), PKI_P7_VERIFY_FAILED);
+}
+
 TEST_F(Pkcs7Verify, MissingContentIsAFailedVerification) {
   EXPECT_EQ(
       verify(support::make_message(
@@ -238,6 +246,14 @@ TEST_F(Pkcs7Verify, OneOfTwoSignaturesThatFailsIsAFailedVerification) {
   EXPECT_EQ(verify(message, signer_cert), PKI_P7_VERIFY_FAILED);
 }
 
+TEST_F(Pkcs7Verify, StrangerWhoSignsSecondUnderTheSignersNameIsRefused) {
+  support::cert copy = certificate(theirs, "signer", "signer", 7);
+  pkcs7 message =
+      support::make_message({.signers = {named(ours, "signer", 7), named(theirs, "signer", 7)},
+                             .carried = {signer_cert, copy}});
+  EXPECT_EQ(verify(message, signer_cert), PKI_P7_VERIFY_FAILED);
+}
+
 TEST_F(Pkcs7Verify, OtherTypesAreNotSignedData) {
   support::cert recipient = certificate(theirs, "recipient", "recipient", 2);
   for (const pkcs7 &message :
@@ -266,6 +282,8 @@ TEST_F(Pkcs7Verify, NullListOfSignersIsNoSigners) {
   sk_PKCS7_SIGNER_INFO_free(message->d.sign->signer_info);
   message->d.sign->signer_info = nullptr;
   EXPECT_EQ(verify(message), PKI_NO_SIGNERS);
+  EXPECT_EQ(verify(message, signer_cert), PKI_NO_SIGNERS);
+  EXPECT_EQ(pkcs7_verify(message.get(), nullptr, nullptr), PKI_NO_SIGNERS);
 }
 
 TEST_F(Pkcs7Verify, InnerTypesThatCannotBeDigestedArePassedOn) {

@@ -106,6 +106,41 @@ TEST_F(UtilDer, SecondCallThatGivesZeroIsLoggedAndNull) {
   EXPECT_EQ(ERR_peek_error(), 0ul);
 }
 
+// An encoder whose second call does not keep what its first one promised.
+struct liar {
+  int size;
+  int second;   // what the second call returns
+  int advance;  // how far it moves the pointer
+};
+
+int i2d_liar(const void *object, unsigned char **out) {
+  const auto *play = static_cast<const liar *>(object);
+  if (!out || !*out)
+    return play->size;
+  *out += play->advance;
+  return play->second;
+}
+
+TEST_F(UtilDer, SecondCallThatDisagreesWithTheFirstIsNull) {
+  const liar lies[] = {{4, 3, 3}, {4, 3, 4},  {4, 5, 4}, {4, 4, 0},
+                       {4, 4, 3}, {4, -1, 0}, {4, -1, 4}};
+  for (const liar &play : lies) {
+    encoding der(&play, i2d_liar);
+    EXPECT_EQ(der.bytes, nullptr) << play.second << " " << play.advance;
+    EXPECT_EQ(der.length, 4);
+  }
+  EXPECT_TRUE(captured_log().empty()) << log_dump();
+}
+
+TEST_F(UtilDer, SecondCallThatGivesANegativeLengthIsLoggedAndNull) {
+  script play{4, -1};
+  encoding der(&play, i2d_script);
+  EXPECT_EQ(der.bytes, nullptr);
+  ASSERT_EQ(captured_log().size(), 1u) << log_dump();
+  EXPECT_TRUE(logged_containing(3, "OpenSSL error: error:")) << log_dump();
+  EXPECT_EQ(ERR_peek_error(), 0ul);
+}
+
 TEST_F(UtilDer, OutOfMemoryIsNull) {
   if (!fake_allocator::available())
     GTEST_SKIP() << "this build's allocator cannot be told to fail";
@@ -135,6 +170,19 @@ TEST_F(UtilDer, HexOfWhatCannotBeEncodedIsNull) {
   EXPECT_EQ(hex_der(&no_size, i2d_script), "null");
   script no_octets{4, 0};
   EXPECT_EQ(hex_der(&no_octets, i2d_script), "null");
+}
+
+TEST_F(UtilDer, HexOfWhatDisagreesWithItsSizeIsNull) {
+  liar shorter{4, 3, 3}, still{4, 4, 0};
+  EXPECT_EQ(hex_der(&shorter, i2d_liar), "null");
+  EXPECT_EQ(hex_der(&still, i2d_liar), "null");
+}
+
+TEST_F(UtilDer, HexOfNothingIsNullWithoutAWord) {
+  EXPECT_EQ(hex_der(nullptr, i2d_integer), "null");
+  EXPECT_EQ(hex_der(nullptr, i2d_cert), "null");
+  EXPECT_TRUE(captured_log().empty()) << log_dump();
+  EXPECT_EQ(ERR_peek_error(), 0ul);
 }
 
 TEST_F(UtilDer, HexIsNullWheneverMemoryRunsOut) {

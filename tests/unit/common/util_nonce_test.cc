@@ -90,6 +90,16 @@ TEST_F(UtilNonce, NoRandomOctetsIsNull) {
   EXPECT_TRUE(captured_log().empty()) << log_dump();
 }
 
+TEST_F(UtilNonce, NoOctetsNeedTheGeneratorToo) {
+  length = 0;
+  fake_failures::fail_rand_bytes();
+  EXPECT_EQ(gen_nonce(&length), nullptr);
+  unsigned char *bytes = gen_nonce(&length);  // works again
+  EXPECT_NE(bytes, nullptr);
+  EXPECT_EQ(length, 0);
+  free(bytes);
+}
+
 TEST_F(UtilNonce, OutOfMemoryIsNull) {
   if (!fake_allocator::available())
     GTEST_SKIP() << "this build's allocator cannot be told to fail";

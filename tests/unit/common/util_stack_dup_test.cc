@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 #include <libpki/util.h>
+#include <openssl/err.h>
 #include <openssl/stack.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "fakes/allocator.h"
+#include "fakes/log_capture.h"
 #include "support/certs.h"
 
 namespace {
@@ -100,6 +103,16 @@ TEST_F(UtilStackDup, EmptyListGivesANewEmptyList) {
   OPENSSL_sk_free(empty);
 }
 
+TEST_F(UtilStackDup, NullListGivesANewEmptyListWithoutAWord) {
+  clear_log();
+  STACK *copy = stack_dup(nullptr, dup_element, release_element);
+  EXPECT_NE(copy, nullptr);
+  EXPECT_EQ(OPENSSL_sk_num(copy), 0);
+  OPENSSL_sk_free(copy);
+  EXPECT_TRUE(captured_log().empty()) << log_dump();
+  EXPECT_EQ(ERR_peek_error(), 0ul);
+}
+
 TEST_F(UtilStackDup, SharesReferenceCountedElements) {
   support::cert cert = support::simple_cert("issuer", "subject", 1);
   STACK *certs = OPENSSL_sk_new_null();
@@ -129,7 +142,7 @@ TEST_F(UtilStackDup, DupThatGivesNullReleasesAllBefore) {
       EXPECT_EQ(elements[i].dups, i < at ? 1 : 0) << at << " " << i;
       EXPECT_EQ(elements[i].releases, i < at ? 1 : 0) << at << " " << i;
     }
-    EXPECT_LE(null_releases, 1);
+    EXPECT_EQ(null_releases, 1) << at;  // what dup gave
   }
 }
 
@@ -177,6 +190,35 @@ TEST_F(UtilStackDup, FailedPushReleasesTheElementInHand) {
         support::clear_openssl_errors();
       });
   EXPECT_GE(dups_at_failure, 1);
+}
+
+TEST_F(UtilStackDup, FailedPushReleasesEachElementOnceAndNoNull) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be told to fail";
+  clear_log();
+  size_t most = 0;
+  fake_allocator::sweep(
+      [&] {
+        for (element &each : elements)
+          each = element();
+        null_releases = 0;
+        if (STACK *copy = stack_dup(list, dup_element, release_element))
+          OPENSSL_sk_free(copy);
+      },
+      [&](size_t n) {
+        size_t reached = 0;
+        while (reached < elements.size() && elements[reached].dups == 1)
+          reached++;
+        for (size_t i = 0; i < elements.size(); i++) {
+          EXPECT_EQ(elements[i].dups, i < reached ? 1 : 0) << n << " " << i;
+          EXPECT_EQ(elements[i].releases, i < reached ? 1 : 0) << n << " " << i;
+        }
+        EXPECT_EQ(null_releases, 0) << n;
+        EXPECT_EQ(ERR_peek_error(), 0ul) << n;
+        most = std::max(most, reached);
+      });
+  EXPECT_GE(most, 2u);  // one in hand behind one that was pushed
+  EXPECT_TRUE(captured_log().empty()) << log_dump();
 }
 
 }  // namespace

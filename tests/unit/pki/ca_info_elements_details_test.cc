@@ -1,8 +1,9 @@
-// Details of the grammar that a document's author may rely on.
+// What a document's elements put into the CA, and details that their author may rely on.
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
 #include <openssl/err.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -29,14 +30,49 @@ class CaInfoDetails : public support::ca_info_test {
       out += text.substr(i, columns) + line_end;
     return out;
   }
+  // Records and certificates of all lists.
+  int stored() const {
+    int count = 0;
+    for (const STACK *list :
+         {ca->cert_req_methods, ca->cert_lookup_methods, ca->cert_status_methods, ca->trusted_roots,
+          pki_store->provisioned_certs})
+      count += OPENSSL_sk_num(list);
+    return count;
+  }
   int parse_root_cert(const std::string &text) {
     return parse_body(element("TrustedRoots", element("X509Certificate", text)));
   }
 };
 
+TEST_F(CaInfoDetails, WholeDocumentFillsEveryField) {
+  ASSERT_EQ(parse(support::sample().document), 0) << log_dump();
+  EXPECT_EQ(support::sample_difference(ca.get()), "");
+  EXPECT_EQ(support::ders(pki_store->provisioned_certs),
+            std::vector<std::string>{support::der(support::sample().additional)});
+  const struct tm zero = {};
+  EXPECT_EQ(memcmp(&ca->expires, &zero, sizeof zero), 0);
+  EXPECT_EQ(captured_log(), std::vector<log_entry>());
+}
+
+TEST_F(CaInfoDetails, MethodsHaveTheirMechanismNumbers) {
+  ASSERT_EQ(parse(support::sample().document), 0);
+  EXPECT_EQ(support::at<cert_req_info>(ca->cert_req_methods, 0)->mechanism, PKI_CERT_REQ_SCEP);
+  EXPECT_EQ(support::at<cert_query_info>(ca->cert_lookup_methods, 0)->mechanism,
+            PKI_CERT_QUERY_SCEP);
+  EXPECT_EQ(support::at<cert_query_info>(ca->cert_lookup_methods, 1)->mechanism,
+            PKI_CERT_QUERY_LDAP);
+  EXPECT_EQ(support::at<cert_status_info>(ca->cert_status_methods, 0)->mechanism, PKI_STATUS_OCSP);
+}
+
+TEST_F(CaInfoDetails, EmptyRootStoresNothing) {
+  EXPECT_EQ(parse_body(""), 0);
+  EXPECT_EQ(stored(), 0);
+  EXPECT_EQ(ca->issuer_name, nullptr);
+}
+
 TEST_F(CaInfoDetails, EveryUrlArrivesDecoded) {
-  const std::string url = "url=\"x://h/?a=1&amp;b=&lt;2&gt;\"";
-  const char plain[] = "x://h/?a=1&b=<2>";
+  const std::string url = "url=\"x://h/?a=1&amp;b=&lt;2&gt;&quot;&#65;&#x42;&apos;\"";
+  const char plain[] = "x://h/?a=1&b=<2>\"AB'";
   ASSERT_EQ(parse_body(element("CertReqMethod", element("SCEP", "", url)) +
                        element("CertLookupMethod",
                                element("SCEPGetCert", "", url) + element("LDAPGetCert", "", url)) +
@@ -53,6 +89,38 @@ TEST_F(CaInfoDetails, AttributesAreDecodedOnce) {
                                element("SCEP", "", "url=\"http://h/?a=&amp;amp;&#38;lt;\""))),
             0);
   EXPECT_STREQ(scep_method()->url, "http://h/?a=&amp;&lt;");
+}
+
+TEST_F(CaInfoDetails, CharacterDataSectionsArePartOfTheText) {
+  ASSERT_EQ(parse_body(element("IssuerName", "CN=a &amp; b&#33;<![CDATA[ <c>]]>")), 0);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a & b! <c>");
+}
+
+TEST_F(CaInfoDetails, ChildOfATextElementDoesNotAddItsText) {
+  ASSERT_EQ(parse_body(element("IssuerName", "CN=a<x>b</x>c")), 0);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=ac");
+}
+
+TEST_F(CaInfoDetails, ScepMethodsKeepDocumentOrderAndTheirOwnDetails) {
+  auto scep = [](const std::string &url, const std::string &details) {
+    return element("SCEP", details, "url=\"" + url + "\"");
+  };
+  support::cert second = support::simple_cert("i", "second", 2);
+  ASSERT_EQ(parse_body(element("CertReqMethod",
+                               scep("http://1", cert_element(cert)) +
+                                   scep("http://2", cert_element(second) +
+                                                        element("Digest", "", "alg=\"MD5\""))) +
+                       element("CertReqMethod", scep("http://3", ""))),
+            0);
+  ASSERT_EQ(OPENSSL_sk_num(ca->cert_req_methods), 3);
+  EXPECT_STREQ(scep_method(0)->url, "http://1");
+  EXPECT_STREQ(scep_method(1)->url, "http://2");
+  EXPECT_STREQ(scep_method(2)->url, "http://3");
+  EXPECT_EQ(X509_cmp(scep_method(0)->ca_cert, cert.get()), 0);
+  EXPECT_EQ(X509_cmp(scep_method(1)->ca_cert, second.get()), 0);
+  EXPECT_EQ(scep_method(2)->ca_cert, nullptr);
+  EXPECT_EQ(scep_method(0)->digest, nullptr);
+  EXPECT_STREQ(scep_method(1)->digest, "MD5");
 }
 
 TEST_F(CaInfoDetails, LookupMethodsKeepDocumentOrder) {
@@ -80,12 +148,87 @@ TEST_F(CaInfoDetails, OcspRuleAppliesToEveryCertificate) {
   EXPECT_STREQ(ocsp_method(1)->url, "http://b");
 }
 
+TEST_F(CaInfoDetails, CertificateInsideOcspIsReportedAndPassedOver) {
+  ASSERT_EQ(parse_body(element("CertStatusQueryMethod",
+                               element("OCSP", cert_element(cert), "url=\"http://a/\"")) +
+                       element("IssuerName", "CN=a")),
+            0);
+  EXPECT_EQ(captured_log(),
+            (std::vector<log_entry>{{3,
+                                     "Internal error parsing ca-info document: unexpected state "
+                                     "24, tag 'X509Certificate'"}}));
+  EXPECT_EQ(ocsp_method()->responder_cert, nullptr);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
+}
+
+TEST_F(CaInfoDetails, UnknownElementsAreSkippedWithALineEach) {
+  auto ignoring = [](const std::string &tag) {
+    return log_entry{4, "Parsing ca-info document: ignoring unexpected tag '" + tag + "'"};
+  };
+  ASSERT_EQ(
+      parse_body("<x><y><IssuerName>CN=no</IssuerName></y></x>" + element("IssuerName", "CN=yes")),
+      0);
+  EXPECT_EQ(captured_log(),
+            (std::vector<log_entry>{ignoring("x"), ignoring("y"), ignoring("IssuerName")}));
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=yes");
+}
+
+TEST_F(CaInfoDetails, UnknownRootIsSkippedWhole) {
+  ASSERT_EQ(parse(element("Other", element("IssuerName", "CN=no"))), 0);
+  EXPECT_EQ(ca->issuer_name, nullptr);
+  EXPECT_EQ(captured_log().size(), 2u) << log_dump();
+}
+
+TEST_F(CaInfoDetails, CrsIsAcceptedAndNotStored) {
+  std::string details = cert_element(cert) + element("X509Certificate", "stray") +
+                        element("Digest", "", "alg=\"SHA1\"") + element("Cipher");
+  ASSERT_EQ(parse_body(element("CertReqMethod", element("CRS", details)) +
+                       element("CertLookupMethod", element("CRSGetCert")) + " stray " +
+                       element("IssuerName", "CN=a")),
+            0);
+  EXPECT_EQ(stored(), 0);
+  EXPECT_EQ(captured_log(), std::vector<log_entry>());
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
+}
+
 TEST_F(CaInfoDetails, ChildrenOfCrsGetCertAreIgnored) {
   ASSERT_EQ(parse_body(element("CertLookupMethod", element("CRSGetCert", cert_element(cert)))), 0);
   EXPECT_EQ(captured_log(),
             (std::vector<log_entry>{
                 {4, "Parsing ca-info document: ignoring unexpected tag 'X509Certificate'"}}));
   EXPECT_EQ(OPENSSL_sk_num(ca->cert_lookup_methods), 0);
+}
+
+TEST_F(CaInfoDetails, MissingAttributeEndsTheReadingWithItsLine) {
+  const struct {
+    std::string parent, tag, attribute;
+  } cases[] = {
+      {"CertReqMethod", "SCEP", "url"},
+      {"CertLookupMethod", "SCEPGetCert", "url"},
+      {"CertLookupMethod", "LDAPGetCert", "url"},
+      {"CertStatusQueryMethod", "OCSP", "url"},
+      {"SCEP", "Digest", "alg"},
+      {"SCEP", "Cipher", "alg"},
+  };
+  for (const auto &it : cases) {
+    SCOPED_TRACE(it.tag);
+    clear_log();
+    std::string content =
+        element(it.parent, element(it.tag, "", "other=\"1\""), "url=\"http://a/\"");
+    if (it.parent == "SCEP")
+      content = element("CertReqMethod", content);
+    EXPECT_EQ(parse_body(content + element("IssuerName", "CN=a")), PKI_XML_ATTR_NOT_FOUND);
+    EXPECT_EQ(captured_log(),
+              (std::vector<log_entry>{{3, "Error parsing ca-info document: attribute " +
+                                              it.attribute + " not found for tag " + it.tag}}));
+    EXPECT_EQ(ca->issuer_name, nullptr);
+  }
+}
+
+TEST_F(CaInfoDetails, MethodWithoutItsUrlStaysInTheRecord) {
+  EXPECT_EQ(parse_body(element("CertReqMethod", element("SCEP"))), PKI_XML_ATTR_NOT_FOUND);
+  ASSERT_EQ(OPENSSL_sk_num(ca->cert_req_methods), 1);
+  EXPECT_EQ(scep_method()->url, nullptr);
 }
 
 TEST_F(CaInfoDetails, CertificateMayStandInLinesOfOtherLengths) {
@@ -111,7 +254,29 @@ TEST_F(CaInfoDetails, TruncatedCertificateIsRefused) {
   std::string der = support::der(cert);
   EXPECT_EQ(parse_root_cert("\n" + support::base64_lines(der.substr(0, der.size() - 1))),
             PKI_XML_CERT_DEC_FAILED);
+  EXPECT_TRUE(logged_containing(3, "OpenSSL error: ")) << log_dump();
   EXPECT_EQ(OPENSSL_sk_num(ca->trusted_roots), 0);
+}
+
+TEST_F(CaInfoDetails, CertificatesOfMethodsMustDecodeToo) {
+  const std::string bad = element("X509Certificate", "\nAAAA\n");
+  EXPECT_EQ(parse_body(element("CertReqMethod", element("SCEP", bad, "url=\"http://a/\""))),
+            PKI_XML_CERT_DEC_FAILED);
+  EXPECT_EQ(scep_method()->ca_cert, nullptr);
+  EXPECT_EQ(
+      parse_body(element("CertLookupMethod", element("SCEPGetCert", bad, "url=\"http://a/\""))),
+      PKI_XML_CERT_DEC_FAILED);
+  EXPECT_EQ(scep_query()->ca_cert, nullptr);
+  EXPECT_EQ(parse_body(element("AdditionalCerts", bad)), PKI_XML_CERT_DEC_FAILED);
+  EXPECT_EQ(OPENSSL_sk_num(pki_store->provisioned_certs), 0);
+}
+
+TEST_F(CaInfoDetails, EmptyTextBehindOtherTextIsAText) {
+  const std::string name = element("IssuerName", "CN=a");
+  EXPECT_EQ(parse_body(name + element("TrustedRoots", element("X509Certificate"))),
+            PKI_XML_CERT_DEC_FAILED);
+  EXPECT_EQ(parse_body(name + element("IssuerName")), 0);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "");
 }
 
 TEST_F(CaInfoDetails, AllocationFailureInTheQueueIsOutOfMemory) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
 
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -34,11 +36,49 @@ class CaInfoHostileText : public support::ca_info_test {
     support::empty_store();
     clear_log();
   }
+
+  // Reads a copy that ends where its memory does.
+  int parse_exactly(const std::string &document) {
+    auto copy = std::make_unique<unsigned char[]>(document.size());
+    memcpy(copy.get(), document.data(), document.size());
+    return parse_ca_info_doc(copy.get(), static_cast<int>(document.size()), pki_store, ca.get());
+  }
 };
+
+TEST_F(CaInfoHostileText, MissingArgumentsAndNegativeLengthsAreRefused) {
+  const auto *text = reinterpret_cast<const unsigned char *>("<QRNPkiConfig/>");
+  EXPECT_EQ(parse_ca_info_doc(nullptr, 0, pki_store, ca.get()), PKI_INVALID_ARGS);
+  EXPECT_EQ(parse_ca_info_doc(text, 15, nullptr, ca.get()), PKI_INVALID_ARGS);
+  EXPECT_EQ(parse_ca_info_doc(text, 15, pki_store, nullptr), PKI_INVALID_ARGS);
+  EXPECT_EQ(parse_ca_info_doc(text, -1, pki_store, ca.get()), PKI_INVALID_ARGS);
+  EXPECT_EQ(parse_ca_info_doc(text, 15, pki_store, ca.get()), PKI_OK);
+}
+
+TEST_F(CaInfoHostileText, WhatIsNotWellFormedIsMalformed) {
+  for (const char *text : {"", " ", "text", "<QRNPkiConfig>", "<QRNPkiConfig></Other>",
+                           "<QRNPkiConfig/><QRNPkiConfig/>", "<QRNPkiConfig a=b/>",
+                           "<QRNPkiConfig a=\"1\" a=\"2\"/>", "<QRNPkiConfig>&lt</QRNPkiConfig>"})
+    EXPECT_EQ(parse(text), PKI_XML_CA_PTR_PARSE_ERROR) << text;
+}
+
+TEST_F(CaInfoHostileText, MalformedIsToldBeforeWhatAnElementRecorded) {
+  EXPECT_EQ(parse("<QRNPkiConfig>" + element("CertReqMethod", element("SCEP"))),
+            PKI_XML_CA_PTR_PARSE_ERROR);
+  EXPECT_EQ(parse("<QRNPkiConfig>" + element("Expires", "Sun, 06 Nov 2044 08:49:37 GMT")),
+            PKI_XML_CA_PTR_PARSE_ERROR);
+}
+
+TEST_F(CaInfoHostileText, NothingIsPrinted) {
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  parse("<QRNPkiConfig>&a;</Other>");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
 
 TEST_F(CaInfoHostileText, EveryTruncationIsMalformed) {
   for (size_t length = 0; length < whole.size(); length++) {
-    EXPECT_EQ(parse(whole.substr(0, length)), PKI_XML_CA_PTR_PARSE_ERROR) << length;
+    EXPECT_EQ(parse_exactly(whole.substr(0, length)), PKI_XML_CA_PTR_PARSE_ERROR) << length;
     EXPECT_LE(OPENSSL_sk_num(pki_store->provisioned_certs), 1);
     start_again();
   }
@@ -82,18 +122,26 @@ TEST_F(CaInfoHostileText, NulBehindTheDocumentIsMalformed) {
   EXPECT_EQ(parse(support::ca_info_doc("") + std::string(1000, '\0')), PKI_XML_CA_PTR_PARSE_ERROR);
 }
 
+TEST_F(CaInfoHostileText, NulByReferenceIsMalformed) {
+  EXPECT_EQ(parse_body(element("IssuerName", "CN=a&#0;b")), PKI_XML_CA_PTR_PARSE_ERROR);
+}
+
 TEST_F(CaInfoHostileText, HundredThousandNestedElementsAreRefused) {
   int code = parse(support::nested_elements(100000));
   EXPECT_THAT(code, testing::AnyOf(PKI_XML_STATE_STACK_OVFL, PKI_XML_CA_PTR_PARSE_ERROR));
   // One line each up to the overflow, and none behind it.
-  EXPECT_LE(captured_log().size(), 45u);
+  EXPECT_LE(captured_log().size(), 41u);
 }
 
 TEST_F(CaInfoHostileText, HundredThousandUnclosedElementsAreMalformed) {
-  std::string open;
-  for (int i = 0; i < 100000; i++)
-    open += "<QRNPkiConfig>";
-  EXPECT_EQ(parse(open), PKI_XML_CA_PTR_PARSE_ERROR);
+  for (const char *tag : {"<QRNPkiConfig>", "<x>"}) {
+    clear_log();
+    std::string open;
+    for (int i = 0; i < 100000; i++)
+      open += tag;
+    EXPECT_EQ(parse(open), PKI_XML_CA_PTR_PARSE_ERROR);
+    EXPECT_LE(captured_log().size(), 41u);
+  }
 }
 
 TEST_F(CaInfoHostileText, HundredThousandElementsInARowAreRead) {
@@ -104,7 +152,28 @@ TEST_F(CaInfoHostileText, HundredThousandElementsInARowAreRead) {
   EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
 }
 
+// A document of exactly `size` octets: an issuer name behind comments.
+std::string document_of_size(size_t size) {
+  const std::string comment = "<!--" + std::string(1000, 'c') + "-->";
+  const std::string end = element("IssuerName", "CN=a") + "</QRNPkiConfig>";
+  std::string document = "<QRNPkiConfig>";
+  while (document.size() + comment.size() + end.size() <= size)
+    document += comment;
+  document.append(size - document.size() - end.size(), ' ');
+  return document + end;
+}
+
+TEST_F(CaInfoHostileText, DocumentOfTenMillionOctetsIsRead) {
+  EXPECT_EQ(parse(document_of_size(10000000)), PKI_OK);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
+}
+
 TEST_F(CaInfoHostileText, DocumentAboveTenMillionOctetsIsRefused) {
+  EXPECT_EQ(parse(document_of_size(10000001)), PKI_XML_CA_PTR_PARSE_ERROR);
+  EXPECT_EQ(parse(document_of_size(10100000)), PKI_XML_CA_PTR_PARSE_ERROR);
+}
+
+TEST_F(CaInfoHostileText, TenMillionBlanksAreRefused) {
   std::string padding(10000000, ' ');
   EXPECT_EQ(parse_body(padding + element("IssuerName", "CN=a")), PKI_XML_CA_PTR_PARSE_ERROR);
 }

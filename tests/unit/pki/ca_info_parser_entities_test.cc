@@ -1,6 +1,7 @@
 // Entities and document types: nothing is expanded, opened or fetched because of them.
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -16,6 +17,41 @@
 namespace {
 
 using support::element;
+
+// A file that tells whether it was opened.
+class watched_file {
+ public:
+  explicit watched_file(const std::string &content) {
+    char name[] = "/tmp/libpki-entity-XXXXXX";
+    close(mkstemp(name));
+    path = name;
+    std::ofstream(path) << content;
+    notify_ = inotify_init1(IN_NONBLOCK);
+    inotify_add_watch(notify_, path.c_str(), IN_OPEN | IN_ACCESS);
+  }
+  ~watched_file() {
+    close(notify_);
+    unlink(path.c_str());
+  }
+  watched_file(const watched_file &) = delete;
+  watched_file &operator=(const watched_file &) = delete;
+  bool was_opened() const {
+    char events[512];
+    return read(notify_, events, sizeof events) > 0;
+  }
+  std::string path;
+
+ private:
+  int notify_;
+};
+
+std::string with_doctype(const std::string &doctype, const std::string &content) {
+  return "<!DOCTYPE QRNPkiConfig " + doctype + ">" + support::ca_info_doc(content);
+}
+
+std::string scep_url(const std::string &url) {
+  return element("CertReqMethod", element("SCEP", "", "url=\"" + url + "\""));
+}
 
 class CaInfoEntities : public support::ca_info_test {
  protected:
@@ -61,6 +97,17 @@ TEST_F(CaInfoEntities, DeclaredEntityIsRefusedInAnAttribute) {
   EXPECT_EQ(parse_with("<!ENTITY x 'http://a/'>",
                        element("CertReqMethod", element("SCEP", "", "url=\"&x;\""))),
             PKI_XML_CA_PTR_PARSE_ERROR);
+}
+
+TEST_F(CaInfoEntities, EntityThatBringsElementsIsRefused) {
+  EXPECT_EQ(parse_with("<!ENTITY x '<IssuerName>CN=no</IssuerName>'>", "&x;"),
+            PKI_XML_CA_PTR_PARSE_ERROR);
+  EXPECT_EQ(ca->issuer_name, nullptr);
+}
+
+TEST_F(CaInfoEntities, DeclarationThatNothingUsesIsIgnored) {
+  EXPECT_EQ(parse_with("<!ENTITY x 'text'>", element("IssuerName", "CN=a")), PKI_OK);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
 }
 
 TEST_F(CaInfoEntities, EntityBombIsRefused) {
@@ -116,15 +163,18 @@ TEST_F(CaInfoEntities, NetworkEntityIsNotFetched) {
 
 TEST_F(CaInfoEntities, NetworkParameterEntityIsNotFetched) {
   std::string declaration = "<!ENTITY % n SYSTEM \"" + server.url("/entity") + "\"> %n;";
-  parse_with(declaration, element("IssuerName", "CN=a"));
+  EXPECT_EQ(parse_with(declaration, element("IssuerName", "CN=a")), PKI_XML_CA_PTR_PARSE_ERROR);
   EXPECT_EQ(server.requests(), std::vector<std::string>());
 }
 
 TEST_F(CaInfoEntities, ExternalDocumentTypeIsNotFetched) {
   for (const std::string &id : {"SYSTEM \"" + server.url("/type.dtd") + "\"",
-                                "PUBLIC \"-//x//y\" \"" + server.url("/type.dtd") + "\""})
-    parse("<!DOCTYPE QRNPkiConfig " + id + ">" +
-          support::ca_info_doc(element("IssuerName", "CN=a")));
+                                "PUBLIC \"-//x//y\" \"" + server.url("/type.dtd") + "\""}) {
+    EXPECT_EQ(parse(with_doctype(id, element("IssuerName", "CN=x&a;y"))),
+              PKI_XML_CA_PTR_PARSE_ERROR);
+    EXPECT_EQ(parse(with_doctype(id, element("IssuerName", "CN=a"))), PKI_OK) << id;
+    EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
+  }
   EXPECT_EQ(server.requests(), std::vector<std::string>());
 }
 
@@ -135,6 +185,44 @@ TEST_F(CaInfoEntities, ExternalDocumentTypeOnDiskIsNotRead) {
                   support::ca_info_doc(element("IssuerName", "&x;"))),
             PKI_XML_CA_PTR_PARSE_ERROR);
   EXPECT_EQ(ca->issuer_name, nullptr);
+}
+
+// With an external document type the entity might be declared there, so XML itself lets it pass.
+TEST_F(CaInfoEntities, UndeclaredEntityDoesNotShortenATextOrAnAttribute) {
+  for (const char *doctype : {"SYSTEM \"file:///nonexistent.dtd\"",
+                              "[<!ENTITY % p SYSTEM \"file:///nonexistent\"> %p;]"}) {
+    EXPECT_EQ(parse(with_doctype(doctype, element("IssuerName", "CN=x&a;y"))),
+              PKI_XML_CA_PTR_PARSE_ERROR);
+    ca.reset(alloc_ca_info());
+    EXPECT_EQ(parse(with_doctype(doctype, scep_url("x&a;y"))), PKI_XML_CA_PTR_PARSE_ERROR);
+  }
+}
+
+TEST_F(CaInfoEntities, NoFileIsOpened) {
+  watched_file watched("<!ENTITY a \"text\">");
+  for (const std::string &url : {"file://" + watched.path, watched.path}) {
+    const std::string system = "SYSTEM \"" + url + "\"";
+    for (const std::string &doctype :
+         {"[<!ENTITY a " + system + ">]", "[<!ENTITY % a " + system + "> %a;]", system})
+      EXPECT_EQ(parse(with_doctype(doctype, element("IssuerName", "CN=x&a;y"))),
+                PKI_XML_CA_PTR_PARSE_ERROR)
+          << doctype;
+    EXPECT_EQ(parse(with_doctype(system, element("IssuerName", "CN=x"))), PKI_OK);
+  }
+  EXPECT_FALSE(watched.was_opened());
+  std::ifstream(watched.path).get();
+  EXPECT_TRUE(watched.was_opened()) << "the watch does not work";
+}
+
+TEST_F(CaInfoEntities, InclusionOfAFileIsAnUnknownElement) {
+  watched_file watched("CN=secret");
+  EXPECT_EQ(
+      parse_body(element("IssuerName",
+                         "CN=a<xi:include xmlns:xi=\"http://www.w3.org/2001/XInclude\" href=\"" +
+                             watched.path + "\" parse=\"text\"/>")),
+      PKI_OK);
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
+  EXPECT_FALSE(watched.was_opened());
 }
 
 TEST_F(CaInfoEntities, StylesheetsAndInclusionsAreNotFetched) {

@@ -182,6 +182,8 @@ TEST_F(ProvisionStore, EachErrorOfTheDocumentIsTheResult) {
     EXPECT_EQ(add_body(it.content), it.code) << it.content;
     EXPECT_EQ(ca_count(), 0);
   }
+  EXPECT_EQ(add(""), PKI_XML_CA_PTR_PARSE_ERROR);
+  EXPECT_EQ(ca_count(), 0);
 }
 
 TEST_F(ProvisionStore, ExpiryAsTheLastElementIsTaken) {

@@ -3,9 +3,11 @@
 #include <libpki/libpki.h>
 
 #include <cstring>
+#include <utility>
 
 #include "fakes/allocator.h"
 #include "fakes/failures.h"
+#include "fakes/log_capture.h"
 #include "unit/pki/store_helpers.h"
 
 namespace {
@@ -242,6 +244,17 @@ TEST_F(StatusRulesOcsp, ResponderThatCannotBeReferencedIsRefused) {
   EXPECT_EQ(*destroyed, 1);
 }
 
+TEST_F(StatusRulesOcsp, ResponderThatCannotBeReferencedEmptiesOpensslsQueueIntoTheLog) {
+  cert responder = support::make_ca("responder");
+  rule_list rules{subject_};
+  support::raise_openssl_error(101);
+  fake_failures::fail_x509_up_ref();
+  EXPECT_EQ(pki_add_ocsp_info(nullptr, rules, "http://ocsp.example/", responder.get(), 0, 0, 0),
+            49);
+  EXPECT_TRUE(logged_containing(3, "OpenSSL error: ")) << log_dump();
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
 TEST_F(StatusRulesCrl, NoRuleOperationTakesTheStoreLock) {
   rule_list rules{subject_};
   cert responder = support::make_ca("responder");
@@ -255,11 +268,11 @@ TEST_F(StatusRulesCrl, NoRuleOperationTakesTheStoreLock) {
   EXPECT_EQ(fake_failures::rdlock_calls(), 0);
 }
 
-// Runs `add` on fresh lists with each allocation failing in turn.
+// Runs `add` on fresh lists with each allocation failing in turn, alone or with all behind it.
 template <class Add>
 void sweep_add(const support::rule &shared, Add add) {
   int32_t references = shared->ref_count;
-  for (bool to_ca : {false, true}) {
+  for (auto [to_ca, stay_failed] : {std::pair(false, false), {true, false}, {false, true}}) {
     support::ca ca;
     int code = -1;
     size_t failures = fake_allocator::sweep(
@@ -279,7 +292,8 @@ void sweep_add(const support::rule &shared, Add add) {
           // What OpenSSL had to say of a failed call belongs into the log.
           EXPECT_EQ(ERR_peek_error(), 0u) << "allocation " << n;
           support::clear_openssl_errors();
-        });
+        },
+        stay_failed);
     EXPECT_EQ(code, 0);
     EXPECT_GE(failures, 4u);
     fresh_store();

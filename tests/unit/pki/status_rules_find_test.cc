@@ -155,6 +155,14 @@ TEST_F(StatusRulesFind, NameOfSeveralEntriesMatchesInItsOrder) {
   EXPECT_FALSE(applies({name_rule(2, make_name({{"O", "Example"}, {"C", "US"}}))}, object));
 }
 
+TEST_F(StatusRulesFind, IssuerOfSeveralEntriesMatchesInItsOrder) {
+  support::cert_options options;
+  options.issuer = make_name({{"C", "US"}, {"L", "Town"}, {"O", "Example"}});
+  cert object = support::make_cert(options);
+  EXPECT_TRUE(applies({name_rule(1, make_name({{"C", "US"}, {"O", "Example"}}))}, object));
+  EXPECT_FALSE(applies({name_rule(1, make_name({{"O", "Example"}, {"C", "US"}}))}, object));
+}
+
 TEST_F(StatusRulesFind, NullArgumentsAreRefused) {
   add({});
   support::status_list found;

@@ -143,6 +143,22 @@ TEST_F(StoreFindByKeyHash, HashOfWrongLengthLeavesAGivenListAlone) {
   EXPECT_EQ(elements(found.get()), pointers{mine.get()});
 }
 
+// MD4 comes from OpenSSL's legacy provider, which nothing here loads.
+TEST_F(StoreFindByKeyHash, DigestThatOpensslDoesNotOfferIsRefused) {
+  cert held = cert_of_key(rsa_, 1), mine = cert_of_key(other_, 2);
+  ASSERT_EQ(pki_add_untrusted_cert(held.get(), 1), 0);
+  std::string hash(16, 'h');
+  STACK *result = nullptr;
+  EXPECT_EQ(find(EVP_md4(), hash, &result), 2);
+  EXPECT_EQ(result, nullptr);
+  cert_list found{mine};
+  STACK *list = found;
+  EXPECT_EQ(find(EVP_md4(), hash, found.handle()), 2);
+  EXPECT_EQ(found.get(), list);
+  EXPECT_EQ(elements(found.get()), pointers{mine.get()});
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
 TEST_F(StoreFindByKeyHash, NullArgumentsAreRefused) {
   std::string hash(20, 'h');
   STACK *result = nullptr;

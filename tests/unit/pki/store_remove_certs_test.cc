@@ -111,6 +111,56 @@ TEST_F(StoreDeleteUntrustedCert, ReferencesOfBothListsAreDropped) {
   EXPECT_EQ(*destroyed, 1);
 }
 
+// What a list holds may be named by the list's own element, and the list be its only holder.
+X509 *only_element(const STACK *list) {
+  EXPECT_EQ(OPENSSL_sk_num(list), 1);
+  return static_cast<X509 *>(OPENSSL_sk_value(list, 0));
+}
+
+TEST_F(StoreDeleteCert, TakesTheListsOwnElement) {
+  cert held = simple_cert("issuer", "a", 1);
+  auto destroyed = watch(held);
+  cert_list list{held};
+  held.reset();
+  EXPECT_EQ(pki_delete_cert(list, only_element(list)), 0);
+  EXPECT_EQ(*destroyed, 1);
+  EXPECT_EQ(OPENSSL_sk_num(list), 0);
+}
+
+TEST_F(StoreDeleteUntrustedCert, TakesTheCollectedListsOwnElement) {
+  cert held = simple_cert("issuer", "a", 1);
+  auto destroyed = watch(held);
+  ASSERT_EQ(pki_add_untrusted_cert(held.get(), 0), 0);
+  held.reset();
+  EXPECT_EQ(pki_delete_untrusted_cert(only_element(pki_store->collected_certs)), 52);
+  EXPECT_EQ(*destroyed, 1);
+  EXPECT_EQ(OPENSSL_sk_num(pki_store->collected_certs), 0);
+}
+
+TEST_F(StoreDeleteUntrustedCert, CollectedListsOwnElementTakesItsEqualWithIt) {
+  ASSERT_EQ(pki_add_untrusted_cert(simple_cert("issuer", "a", 1).get(), 0), 0);
+  ASSERT_EQ(pki_add_untrusted_cert(simple_cert("issuer", "a", 1).get(), 1), 0);
+  EXPECT_EQ(pki_delete_untrusted_cert(only_element(pki_store->collected_certs)), 0);
+  EXPECT_EQ(OPENSSL_sk_num(pki_store->collected_certs), 0);
+  EXPECT_EQ(OPENSSL_sk_num(pki_store->provisioned_certs), 0);
+}
+
+TEST_F(StoreDeleteUntrustedCert, TakesTheProvisionedListsOwnElement) {
+  ASSERT_EQ(pki_add_untrusted_cert(simple_cert("issuer", "a", 1).get(), 1), 0);
+  EXPECT_EQ(pki_delete_untrusted_cert(only_element(pki_store->provisioned_certs)), 52);
+  EXPECT_EQ(OPENSSL_sk_num(pki_store->provisioned_certs), 0);
+}
+
+TEST_F(StoreDeleteUntrustedCert, WithoutAReferenceNothingGoes) {
+  cert held = simple_cert("issuer", "a", 1);
+  ASSERT_EQ(pki_add_untrusted_cert(held.get(), 0), 0);
+  ASSERT_EQ(pki_add_untrusted_cert(held.get(), 1), 0);
+  auto before = store_contents();
+  fake_failures::fail_x509_up_ref();
+  EXPECT_EQ(pki_delete_untrusted_cert(held.get()), 49);
+  EXPECT_EQ(store_contents(), before);
+}
+
 TEST_F(StoreDeleteUntrustedCert, TrustedRootsStay) {
   cert held = support::make_ca("root");
   support::ca ca = support::make_ca_info("ca");
@@ -164,6 +214,47 @@ TEST_F(StoreDeleteTrustedCert, WithoutACaItSucceedsEvenWhenNoneHeldIt) {
   support::ca ca = support::make_ca_info("ca");
   ASSERT_EQ(pki_add_ca_info(ca.get()), 0);
   EXPECT_EQ(pki_delete_trusted_cert(root.get(), nullptr), 0);
+}
+
+TEST_F(StoreDeleteTrustedCert, TakesTheListsOwnElement) {
+  support::ca ca = support::make_ca_info("ca");
+  ASSERT_EQ(pki_add_ca_info(ca.get()), 0);
+  cert root = support::make_ca("root");
+  auto destroyed = watch(root);
+  ASSERT_EQ(pki_add_trusted_cert(root.get(), ca.get()), 0);
+  root.reset();
+  EXPECT_EQ(pki_delete_trusted_cert(only_element(ca->trusted_roots), nullptr), 0);
+  EXPECT_EQ(*destroyed, 1);
+  EXPECT_EQ(OPENSSL_sk_num(ca->trusted_roots), 0);
+}
+
+TEST_F(StoreDeleteTrustedCert, ListsOwnElementTakesItsEqualsFromEveryCa) {
+  support::ca first = support::make_ca_info("a"), second = support::make_ca_info("b"),
+              third = support::make_ca_info("c");
+  for (const support::ca &each : {first, second, third}) {
+    ASSERT_EQ(pki_add_ca_info(each.get()), 0);
+    ASSERT_EQ(pki_add_trusted_cert(support::make_ca("root").get(), each.get()), 0);
+  }
+  EXPECT_EQ(pki_delete_trusted_cert(only_element(first->trusted_roots), nullptr), 0);
+  for (const support::ca &each : {first, second, third})
+    EXPECT_EQ(OPENSSL_sk_num(each->trusted_roots), 0);
+}
+
+TEST_F(StoreDeleteTrustedCert, TakesTheOwnElementOfTheGivenCa) {
+  support::ca ca = support::make_ca_info("ca");
+  ASSERT_EQ(pki_add_trusted_cert(support::make_ca("root").get(), ca.get()), 0);
+  EXPECT_EQ(pki_delete_trusted_cert(only_element(ca->trusted_roots), ca.get()), 0);
+  EXPECT_EQ(OPENSSL_sk_num(ca->trusted_roots), 0);
+}
+
+TEST_F(StoreDeleteTrustedCert, WithoutAReferenceNothingGoes) {
+  cert root = support::make_ca("root");
+  support::ca ca = support::make_ca_info("ca");
+  ASSERT_EQ(pki_add_ca_info(ca.get()), 0);
+  ASSERT_EQ(pki_add_trusted_cert(root.get(), ca.get()), 0);
+  fake_failures::fail_x509_up_ref();
+  EXPECT_EQ(pki_delete_trusted_cert(root.get(), nullptr), 49);
+  EXPECT_EQ(elements(ca->trusted_roots), pointers{root.get()});
 }
 
 TEST_F(StoreDeleteTrustedCert, UntrustedCertificatesStay) {

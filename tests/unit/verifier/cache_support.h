@@ -5,6 +5,7 @@
 
 #include <libpki/verify.h>
 #include <openssl/err.h>
+#include <openssl/x509v3.h>
 
 #include <atomic>
 #include <memory>
@@ -109,6 +110,11 @@ inline record make_record(const support::cert &cert, time_t valid_until = start 
 
 inline record make_record(long serial, time_t valid_until = start + 3600) {
   return make_record(support::simple_cert("issuer", "device", serial), valid_until);
+}
+
+// Has OpenSSL look at the record's certificate, which takes locks and memory at the first time.
+inline void look_at_cert(const record &info) {
+  X509_get_extension_flags(info->cert);
 }
 
 inline void make_unreadable(ASN1_TIME *time) {

@@ -79,8 +79,27 @@ TEST_F(StatusCacheAdd, ExpiryIsLookedAtBeforeTheLock) {
   EXPECT_EQ(0, zv_cv_add_cert_sts_info_cache(info.get()));
 }
 
+TEST_F(StatusCacheAdd, RecordOfACertificateThatDoesNotEncodeIsPassedOver) {
+  support::cert unfinished(X509_new(), X509_free);
+  record info = make_record(unfinished);
+  EXPECT_EQ(0, zv_cv_add_cert_sts_info_cache(info.get()));
+  EXPECT_FALSE(is_cached(info));
+  EXPECT_EQ(1U, info->ref_count);
+  EXPECT_EQ(nullptr, zv_cv_find_cert_sts_info_cache(unfinished.get()));
+  EXPECT_EQ(nullptr,
+            zv_cv_find_cert_sts_info_cache(support::simple_cert("issuer", "device", 1).get()));
+}
+
+TEST_F(StatusCacheAdd, RecordThatIsPassedOverLeavesNothingInOpensslsQueue) {
+  support::cert unfinished(X509_new(), X509_free);
+  record info = make_record(unfinished);
+  EXPECT_EQ(0, zv_cv_add_cert_sts_info_cache(info.get()));
+  EXPECT_EQ(0UL, ERR_peek_error());
+}
+
 TEST_F(StatusCacheAdd, WithoutTheLockNothingIsCached) {
   record info = make_record(1);
+  look_at_cert(info);
   fake_failures::fail_wrlock(EDEADLK);
   EXPECT_EQ(80, zv_cv_add_cert_sts_info_cache(info.get()));
   EXPECT_FALSE(is_cached(info));

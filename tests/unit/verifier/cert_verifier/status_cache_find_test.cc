@@ -169,6 +169,22 @@ TEST_F(StatusCacheFind, RecordWithoutACertificateIsSkipped) {
   EXPECT_EQ(wanted.get(), found.get());
 }
 
+// OpenSSL's comparison of a certificate that has no encoding says "equal".
+TEST_F(StatusCacheFind, ACertificateThatDoesNotEncodeMatchesNoRecord) {
+  record info = make_record(1);
+  zv_cv_add_cert_sts_info_cache(info.get());
+  support::cert unfinished(X509_new(), X509_free);
+  EXPECT_EQ(nullptr, zv_cv_find_cert_sts_info_cache(unfinished.get()));
+  EXPECT_EQ(0U, info->hits);
+  EXPECT_EQ(2U, info->ref_count);
+}
+
+TEST_F(StatusCacheFind, ACertificateThatDoesNotEncodeLeavesNothingInOpensslsQueue) {
+  support::cert unfinished(X509_new(), X509_free);
+  EXPECT_EQ(nullptr, zv_cv_find_cert_sts_info_cache(unfinished.get()));
+  EXPECT_EQ(0UL, ERR_peek_error());
+}
+
 // OpenSSL computes a certificate's fingerprint when it is first compared, and needs memory then.
 TEST_F(StatusCacheFind, AnAllocationFailureNeverFindsAnotherRecord) {
   if (!fake_allocator::available())

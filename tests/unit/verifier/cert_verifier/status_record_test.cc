@@ -122,6 +122,16 @@ TEST_F(StatusRecord, DuplicateIsTheSameRecordWithOneMoreHolder) {
   EXPECT_TRUE(*watched.freed);
 }
 
+// A count that went wrong must not keep a record for ever.
+TEST_F(StatusRecord, RecordWithoutHoldersIsDestroyedWhenFreed) {
+  watched_cert watched = make_watched_cert();
+  record info = make_record(watched.cert);
+  watched.cert.reset();
+  info->ref_count = 0;
+  info.reset();
+  EXPECT_TRUE(*watched.freed);
+}
+
 TEST_F(StatusRecord, NullIsDuplicatedAndFreedAsNull) {
   EXPECT_EQ(nullptr, cv_dup_cert_sts_info(nullptr));
   cv_free_cert_sts_info(nullptr);

@@ -2,6 +2,7 @@
 #include <cerrno>
 
 #include "../cache_support.h"
+#include "fakes/allocator.h"
 #include "fakes/failures.h"
 #include "fakes/log_capture.h"
 
@@ -40,6 +41,59 @@ TEST_F(CrlCacheFind, AnotherIssuerGivesNull) {
   zv_cv_add_crl_to_cache(a.get(), nullptr);
   EXPECT_EQ(nullptr, peek("B"));
   EXPECT_EQ(nullptr, peek("AA"));
+}
+
+// RFC 5280 7.1: names compare without regard to letter case and to runs of blanks.
+TEST_F(CrlCacheFind, LetterCaseAndBlankRunsDoNotCount) {
+  support::crl crl = make_crl("An Example  CA");
+  zv_cv_add_crl_to_cache(crl.get(), nullptr);
+  EXPECT_EQ(crl.get(), peek("AN example ca"));
+  EXPECT_EQ(crl.get(), peek("  an   Example CA "));
+  EXPECT_EQ(nullptr, peek("AnExample CA"));
+}
+
+// OpenSSL encodes a name for its first comparison, and needs memory then.
+TEST_F(CrlCacheFind, FreshNameFindsItsCrlUnlessMemoryIsOut) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "the allocator cannot be replaced in this build";
+  support::crl crl = make_crl("A");
+  zv_cv_add_crl_to_cache(crl.get(), signer.get());
+  X509_CRL *found = nullptr;
+  size_t missed = 0;
+  fake_allocator::sweep(
+      [&] {
+        support::name fresh;
+        {
+          fake_allocator::pause no_failures;
+          fresh = support::common_name("A");
+        }
+        X509 *found_signer = nullptr;
+        found = zv_cv_find_crl_in_cache(fresh.get(), 0, &found_signer);
+        EXPECT_EQ(found ? signer.get() : nullptr, found_signer);
+        X509_CRL_free(found);
+        X509_free(found_signer);
+        fake_allocator::pause no_failures;
+        fresh.reset();
+      },
+      [&](size_t n) {
+        missed += !found;
+        EXPECT_TRUE(!found || found == crl.get()) << n;
+        EXPECT_EQ(0UL, ERR_peek_error()) << n;
+        support::clear_openssl_errors();
+      });
+  EXPECT_GE(missed, 1U);
+  EXPECT_EQ(crl.get(), found);
+  EXPECT_EQ(0UL, ERR_peek_error());
+}
+
+TEST_F(CrlCacheFind, NameThatDoesNotEncodeFindsNothing) {
+  support::crl crl = make_crl("A");
+  zv_cv_add_crl_to_cache(crl.get(), nullptr);
+  X509_NAME *odd = nullptr;
+  ASSERT_EQ(0, parse_rfc1779_str("CN=\xE9", &odd));
+  EXPECT_EQ(nullptr, zv_cv_find_crl_in_cache(odd, 0, nullptr));
+  EXPECT_EQ(0UL, ERR_peek_error());
+  X509_NAME_free(odd);
 }
 
 TEST_F(CrlCacheFind, EmptyCacheGivesNull) {
