@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Shows the provisioning of a CA from end to end: a document is signed, served, downloaded and
-# checked, and what is in the store is printed; then two bad documents are refused. Everything
-# happens in a temporary folder and on the loopback. Exit code 0 only if all of it went as told.
+# Shows a device's way to its certificate from end to end: a CA's document is signed, served,
+# downloaded and checked; a key is made, a certificate for it requested by SCEP, verified and looked
+# up again; then three bad documents are refused. Everything happens in a temporary folder and on
+# the loopback. Exit code 0 only if all of it went as told.
 #
 # usage: scripts/demo.sh BUILD_DIR
 set -euo pipefail
@@ -79,15 +80,23 @@ must_show() {
   grep -qF "$1" output || fail "the output should have shown: $1"
 }
 
-step "1. A device with a serial number"
+must_be_private() {
+  local mode
+  mode=$(stat -c %a "$1")
+  [ "$mode" = 600 ] || fail "$1 should have mode 600, not $mode"
+}
+
+step "1. A device with a serial number and a secret"
 mkdir board
+secret="demo-secret-$RANDOM$RANDOM"
 echo "DEMO-0001" >board/serialnumber
-export BOARD_INFO_DIR="$work/board"
+printf '%s' "$secret" >board/secret
+export BOARD_INFO_DIR="$work/board" XDG_STATE_HOME="$work/home"
 echo "  Its board says: serial number $(cat board/serialnumber)"
 
 step "2. A CA, on a loopback port of its own"
-echo "  \$ pkilab serve --dir lab --document office.p7 &"
-pkilab serve --dir lab --document office.p7 --ready-file ready >lab.out 2>lab.log &
+echo "  \$ pkilab serve --dir lab --document office.p7 --scep-save messages &"
+pkilab serve --dir lab --document office.p7 --scep-save messages --ready-file ready >lab.out 2>lab.log &
 lab=$!
 for _ in $(seq 300); do
   [ ! -e ready ] || break
@@ -109,7 +118,7 @@ must_work pkictl cainfo sign --issuer-name "CN=Office CA, O=Example" --expires 2
 must_work pkictl cainfo verify office.p7 --doc-key lab/doc-key.pub.pem
 
 step "4. The device downloads it, checks the signature, and holds the CA in its store"
-must_work pkictl provision "$url/ca-info" --doc-key lab/doc-key.pub.pem --label office
+must_work pkictl provision "$url/ca-info" --doc-key lab/doc-key.pub.pem --label office --state state
 must_show "CN=Office CA, O=Example"
 must_show "$url/scep"
 must_show "CN=pkilab root CA, O=pkilab"
@@ -120,15 +129,49 @@ indent <lab.log
 grep -qF "GET /ca-info?serial=DEMO-0001 -> 200" lab.log ||
   fail "the CA should have seen the serial number"
 
-step "5. A document that a stranger signed is refused"
+step "5. The device makes a key"
+must_work pkictl key generate device --state state
+must_be_private state/keys/device.pem
+
+step "6. It asks the CA for a certificate, and gets one"
+must_work pkictl enroll --ca office --key device --cert first --subject "CN=device, O=Example" \
+  --state state
+must_show "CN=pkilab issuing CA, O=pkilab"
+must_be_private state/certs/device/first.pem
+echo
+echo "  What the CA saw:"
+tail -n 1 lab.log | indent
+grep -qF ": SUCCESS" lab.log || fail "the CA should have issued a certificate"
+
+step "7. The certificate is the CA's, and for the device's key"
+must_work openssl verify -CAfile lab/issuing-cert.pem state/certs/device/first.pem
+must_show "first.pem: OK"
+openssl pkey -in state/keys/device.pem -pubout >key.pub
+openssl x509 -in state/certs/device/first.pem -noout -pubkey | cmp -s - key.pub ||
+  fail "the certificate should be for the device's key"
+
+step "8. The request, opened with the CA's key: the device's secret travelled in the envelope"
+must_work pkictl scep decode messages/0001-PKCSReq.der --key lab/issuing-key.pem
+must_show "DEMO-0001"
+must_show "a secret, not shown"
+for file in messages/*.der lab.log output; do
+  ! grep -qF "$secret" "$file" || fail "the secret should not be in $file"
+done
+
+step "9. The CA hands the certificate out again to whoever knows its serial number"
+serial=$(openssl x509 -in state/certs/device/first.pem -noout -serial)
+must_work pkictl cert find "${serial#serial=}" --ca office --key device --state state
+must_show "CN=device, O=Example"
+
+step "10. A document that a stranger signed is refused"
 must_be_refused "SIG VERIFY FAILED (29)" \
   pkictl provision "$url/misbehave/wrong-key/ca-info" --doc-key lab/doc-key.pub.pem
 
-step "6. So is a download that breaks off"
+step "11. So is a download that breaks off"
 must_be_refused "HTTP ERROR (47)" \
   pkictl provision "$url/misbehave/truncate-body/ca-info" --doc-key lab/doc-key.pub.pem
 
-step "7. And a document that was changed on its way"
+step "12. And a document that was changed on its way"
 must_be_refused "SIG VERIFY FAILED (29)" \
   pkictl provision "$url/misbehave/corrupt-signature/ca-info" --doc-key lab/doc-key.pub.pem
 
@@ -138,5 +181,5 @@ wait "$lab" || code=$?
 lab=''
 [ "$code" -eq 0 ] || fail "pkilab should have ended with 0, not $code"
 
-printf '\n%sDEMO OK: the honest document was provisioned, the three bad ones were refused.%s\n' \
+printf '\n%sDEMO OK: the device was provisioned and enrolled, three bad documents were refused.%s\n' \
   "$bold" "$plain"

@@ -47,7 +47,11 @@ TEST(PkictlUsage, HelpIsEverywhere) {
   for (const tool_test::strings &command :
        {tool_test::strings{}, tool_test::strings{"cainfo"}, tool_test::strings{"cainfo", "sign"},
         tool_test::strings{"cainfo", "verify"}, tool_test::strings{"cainfo", "show"},
-        tool_test::strings{"provision"}, tool_test::strings{"error"}}) {
+        tool_test::strings{"provision"}, tool_test::strings{"error"}, tool_test::strings{"key"},
+        tool_test::strings{"key", "generate"}, tool_test::strings{"key", "list"},
+        tool_test::strings{"key", "remove"}, tool_test::strings{"enroll"},
+        tool_test::strings{"scep"}, tool_test::strings{"scep", "decode"},
+        tool_test::strings{"cert"}, tool_test::strings{"cert", "find"}}) {
     tool_test::strings arguments = command;
     arguments.push_back("--help");
     result done = pkictl(arguments);
@@ -67,7 +71,10 @@ TEST(PkictlUsage, MistakesAreOneLineAndTwo) {
   for (const tool_test::strings &arguments :
        {tool_test::strings{}, tool_test::strings{"nothing"}, tool_test::strings{"cainfo"},
         tool_test::strings{"provision"}, tool_test::strings{"error", "1", "2"},
-        tool_test::strings{"cainfo", "verify", "file"}, tool_test::strings{"--unknown"}}) {
+        tool_test::strings{"cainfo", "verify", "file"}, tool_test::strings{"--unknown"},
+        tool_test::strings{"key"}, tool_test::strings{"key", "generate"},
+        tool_test::strings{"enroll"}, tool_test::strings{"scep"}, tool_test::strings{"cert"},
+        tool_test::strings{"cert", "find", "01"}, tool_test::strings{"scep", "decode"}}) {
     result done = pkictl(arguments);
     EXPECT_EQ(done.exit_code, 2);
     EXPECT_EQ(done.out, "");

@@ -36,6 +36,8 @@ std::vector<char *> pointers(strings *texts) {
 
 strings whole_environment(const strings &additions) {
   strings entries = additions;
+  static const folder state;
+  entries.push_back("XDG_STATE_HOME=" + (state / "state"));  // the first of a name counts
   for (char **entry = environ; *entry; entry++)
     entries.emplace_back(*entry);
   return entries;
@@ -134,6 +136,7 @@ std::string read_file(const std::string &path) {
 
 lab_process::lab_process(const std::string &dir, const strings &arguments) {
   std::string ready = dir + ".ready";
+  unlink(ready.c_str());  // of another lab with this folder
   strings words = {"serve", "--dir", dir, "--ready-file", ready};
   words.insert(words.end(), arguments.begin(), arguments.end());
   process started = start("pkilab", words, {});
@@ -143,7 +146,9 @@ lab_process::lab_process(const std::string &dir, const strings &arguments) {
   while (first_line_.find('\n') == std::string::npos && drain(out_, &first_line_)) {
   }
   url_ = read_file(ready);
-  url_.resize(url_.empty() ? 0 : url_.size() - 1);
+  if (url_.empty())
+    throw std::runtime_error("pkilab does not start: " + end(SIGKILL).err);
+  url_.pop_back();
 }
 
 lab_process::~lab_process() {
@@ -151,9 +156,43 @@ lab_process::~lab_process() {
     end(SIGKILL);
 }
 
+int lab_process::port() const {
+  return std::stoi(url_.substr(url_.rfind(':') + 1));
+}
+
+void lab_process::wait_for_log(const std::string &text) {
+  while (log_.find(text) == std::string::npos)
+    if (!drain(err_, &log_))
+      throw std::runtime_error("pkilab ended without logging: " + text);
+}
+
 result lab_process::end(int signal_number) {
   result done;
   done.out = first_line_;
+  done.err = log_;
+  kill(pid_, signal_number);
+  read_both(out_, err_, &done);
+  done.exit_code = wait_for(pid_);
+  close(out_);
+  close(err_);
+  pid_ = -1;
+  return done;
+}
+
+background_pkictl::background_pkictl(const strings &arguments, const strings &environment) {
+  process started = start("pkictl", arguments, environment);
+  pid_ = started.pid;
+  out_ = started.out;
+  err_ = started.err;
+}
+
+background_pkictl::~background_pkictl() {
+  if (pid_ > 0)
+    end(SIGKILL);
+}
+
+result background_pkictl::end(int signal_number) {
+  result done;
   kill(pid_, signal_number);
   read_both(out_, err_, &done);
   done.exit_code = wait_for(pid_);

@@ -19,7 +19,7 @@ struct result {
 };
 
 // Runs TOOL_DIR/name to its end, with an empty standard input and further environment entries
-// "NAME=VALUE".
+// "NAME=VALUE". Without one XDG_STATE_HOME is a folder of the test program's own.
 result run(const std::string &name, const strings &arguments, const strings &environment = {});
 inline result pkictl(const strings &arguments, const strings &environment = {}) {
   return run("pkictl", arguments, environment);
@@ -56,6 +56,9 @@ class lab_process {
 
   // "http://127.0.0.1:PORT"
   const std::string &url() const { return url_; }
+  int port() const;
+  // Waits until the lab has logged a line with this text in it.
+  void wait_for_log(const std::string &text);
   // Sends a signal and waits for the end.
   result end(int signal_number);
 
@@ -65,6 +68,24 @@ class lab_process {
   int err_ = -1;
   std::string url_;
   std::string first_line_;
+  std::string log_;
+};
+
+// A pkictl that runs beside the test.
+class background_pkictl {
+ public:
+  background_pkictl(const strings &arguments, const strings &environment);
+  ~background_pkictl();
+  background_pkictl(const background_pkictl &) = delete;
+  background_pkictl &operator=(const background_pkictl &) = delete;
+
+  // Sends a signal and waits for the end.
+  result end(int signal_number);
+
+ private:
+  pid_t pid_;
+  int out_;
+  int err_;
 };
 
 }  // namespace tool_test

@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "tools/common/failure.h"
@@ -79,6 +82,28 @@ std::string read_file(const std::string &path) {
 bool file_exists(const std::string &path) {
   struct stat info;
   return stat(path.c_str(), &info) == 0;
+}
+
+void make_folders(const std::string &path) {
+  for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
+    std::string part = path.substr(0, at);
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
+      fail("make the folder", part);
+    if (at == std::string::npos)
+      return;
+  }
+}
+
+std::vector<std::string> list_folder(const std::string &path) {
+  std::error_code error;
+  std::vector<std::string> names;
+  std::filesystem::directory_iterator entries(path, error);
+  for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error))
+    names.push_back(entries->path().filename());
+  if (error && error != std::errc::no_such_file_or_directory)
+    throw failure("cannot read the folder " + path + ": " + error.message());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 void write_file(const std::string &path, const std::string &bytes, mode_t mode) {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace tools {
 
@@ -15,6 +16,13 @@ inline constexpr size_t max_file_bytes = 64u << 20;
 std::string read_file(const std::string &path);
 
 bool file_exists(const std::string &path);
+
+// Makes a folder, and the folders above it that are missing, for their owner only; one that is
+// there stays as it is. Throws failure.
+void make_folders(const std::string &path);
+
+// The names in a folder, sorted; none when there is no such folder. Throws failure.
+std::vector<std::string> list_folder(const std::string &path);
 
 // Writes a new file beside `path` and renames it into place, so that a reader sees the old
 // content or the new, never a part. Throws failure and leaves `path` as it was.

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <charconv>
 #include <cstdint>
 #include <vector>
 
@@ -93,6 +94,19 @@ std::string percent_encode(std::string_view text) {
     encoded += hex_digit(octet);
   }
   return encoded;
+}
+
+std::string percent_decode(std::string_view text) {
+  std::string decoded;
+  for (size_t at = 0; at < text.size(); at++) {
+    unsigned octet = 0;
+    const char *digits = text.data() + at + 1;
+    bool escaped = text[at] == '%' && text.size() - at > 2 &&
+                   std::from_chars(digits, digits + 2, octet, 16).ptr == digits + 2;
+    decoded += escaped ? static_cast<char>(octet) : text[at];
+    at += escaped ? 2 : 0;
+  }
+  return decoded;
 }
 
 std::string trim(std::string_view text) {

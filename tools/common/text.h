@@ -20,6 +20,9 @@ std::string base64_lines(std::string_view octets);
 // Blanks, control characters and octets above 126 as "%XX"; all others unchanged.
 std::string percent_encode(std::string_view text);
 
+// "%XX" as the octet that it stands for; all others, and a "%" without two digits, unchanged.
+std::string percent_decode(std::string_view text);
+
 // Without white space at both ends.
 std::string trim(std::string_view text);
 

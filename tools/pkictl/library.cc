@@ -87,9 +87,12 @@ json code_json(unsigned code) {
   return {{"code", code}, {"name", code_name(code)}, {"text", code_text(code)}};
 }
 
+std::string code_text_and_number(int code) {
+  return code_text(static_cast<unsigned>(code)) + " (" + std::to_string(code) + ")";
+}
+
 std::string failure_text(const std::string &what, int code) {
-  std::string text =
-      what + ": " + code_text(static_cast<unsigned>(code)) + " (" + std::to_string(code) + ")";
+  std::string text = what + ": " + code_text_and_number(code);
   std::string advice = hint(code);
   return advice.empty() ? text : text + ": " + advice;
 }

@@ -20,6 +20,9 @@ std::string code_text(unsigned code);
 // {"code": 47, "name": "PKI_HTTP_ERROR", "text": "HTTP ERROR"}
 json code_json(unsigned code);
 
+// "HTTP ERROR (47)"
+std::string code_text_and_number(int code);
+
 // "WHAT: HTTP ERROR (47): what to do about it"
 std::string failure_text(const std::string &what, int code);
 

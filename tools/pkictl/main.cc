@@ -28,6 +28,10 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
   pkictl::add_cainfo_verify_command(*cainfo, chosen);
   pkictl::add_cainfo_show_command(*cainfo, chosen);
   pkictl::add_provision_command(app, chosen);
+  pkictl::add_key_command(app, chosen);
+  pkictl::add_enroll_command(app, chosen);
+  pkictl::add_cert_command(app, chosen);
+  pkictl::add_scep_command(app, chosen);
   pkictl::add_error_command(app, chosen);
 }
 
@@ -69,7 +73,7 @@ int main(int argc, char **argv) {
   tools::keep_standard_streams();
   context where;
   action chosen;
-  CLI::App app("Work with CA-info documents and with the library's store", "pkictl");
+  CLI::App app("Provision CAs, enroll with them, and look into what they send", "pkictl");
   int code = tools::exit_done;
   add_commands(app, &where, &chosen);
   if (!tools::parse_command_line(app, argc, argv, &code))

@@ -9,8 +9,11 @@
 #include "tools/common/failure.h"
 #include "tools/common/keys.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/fetched_document.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
+#include "tools/pkictl/signed_file.h"
+#include "tools/pkictl/state.h"
 
 namespace pkictl {
 
@@ -20,10 +23,25 @@ struct options {
   std::string url;
   std::string doc_key;
   std::string label = "ca";
+  std::string state;
 };
+
+// The library does not hand the document out, so it is fetched once more to be kept.
+void keep(const options &given, tools::key_ptr key) {
+  if (!state_folder::is_known(given.state)) {
+    tools::complain("pkictl", "note: the CA is not kept, as there is no home folder; give --state");
+    return;
+  }
+  std::string document = fetch_document(given.url);
+  std::string xml;
+  require_ok("cannot keep what " + given.url + " sent the second time",
+             open_signed(document, key.get(), &xml));
+  state_folder(given.state).save_ca(given.label, {given.url, document, std::move(key)});
+}
 
 int provision(const context &where, const options &given) {
   tools::key_ptr key = tools::load_public_key(given.doc_key);
+  check_label("the CA", given.label);
   start_library();
   require_ok("cannot provision " + given.url,
              pki_add_ca(given.label.c_str(), given.url.c_str(), key.get()));
@@ -31,6 +49,7 @@ int provision(const context &where, const options &given) {
   if (!info)
     throw tools::failure("the store does not find the CA that was provisioned");
   json ca = ca_json(info.get(), pki_store->provisioned_certs);
+  keep(given, std::move(key));
   if (where.json)
     where.out->write_json({{"ca", ca}});
   else
@@ -51,14 +70,16 @@ void add_provision_command(CLI::App &app, action *chosen) {
       ->required();
   command->add_option("--label", given->label, "The CA's label in the store")
       ->capture_default_str();
+  add_state_option(command, &given->state);
   command->footer(
       std::string(
           "The device's serial number goes along in the query \"?serial=\". The reference board\n"
           "library reads it from the file serialnumber in the folder that the environment "
           "variable\n"
-          "BOARD_INFO_DIR names (/etc/board by default). The store lives as long as this "
-          "command.\n\n") +
-      common_footer);
+          "BOARD_INFO_DIR names (/etc/board by default). The document is then fetched once more, "
+          "and kept\n"
+          "for enroll and cert find.\n\n") +
+      state_footer + common_footer);
   command->callback(
       [=] { *chosen = [=](const context &where) { return provision(where, *given); }; });
 }

@@ -21,6 +21,8 @@ json list_json(const STACK *list, Make make) {
   return made;
 }
 
+}  // namespace
+
 json cert_json(X509 *cert) {
   if (!cert)
     return nullptr;
@@ -31,6 +33,8 @@ json cert_json(X509 *cert) {
           {"not_after", tools::time_text(X509_get0_notAfter(cert))},
           {"sha256", tools::fingerprint_text(cert)}};
 }
+
+namespace {
 
 json enrollment_json(cert_req_info *method) {
   if (method->mechanism != PKI_CERT_REQ_SCEP)

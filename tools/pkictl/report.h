@@ -14,6 +14,15 @@ namespace pkictl {
 // library read none.
 json ca_json(const ca_info *info, const STACK *additional_certs);
 
+json cert_json(X509 *cert);
+
+// One line "  NAME        VALUE", indented by two blanks a depth; none for null.
+std::string text_line(int depth, const std::string &name, const json &value);
+// A name, or "(no name)" for an empty one.
+json name_or_note(const json &name);
+// The lines of a cert_json.
+std::string cert_text(int depth, const std::string &name, const json &cert);
+
 // Several lines, each ended. Texts that came from outside are made printable.
 std::string ca_text(const json &ca);
 

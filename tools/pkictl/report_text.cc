@@ -3,10 +3,7 @@
 
 namespace pkictl {
 
-namespace {
-
-// One line "  NAME        VALUE"; none for null.
-std::string line(int depth, const std::string &name, const json &value) {
+std::string text_line(int depth, const std::string &name, const json &value) {
   if (value.is_null())
     return "";
   std::string padded = std::string(static_cast<size_t>(depth) * 2, ' ') + name;
@@ -15,38 +12,44 @@ std::string line(int depth, const std::string &name, const json &value) {
   return padded + tools::printable(text) + "\n";
 }
 
-std::string cert_lines(int depth, const std::string &name, const json &cert) {
+json name_or_note(const json &name) {
+  return name.is_string() && name.get<std::string>().empty() ? json("(no name)") : name;
+}
+
+std::string cert_text(int depth, const std::string &name, const json &cert) {
   if (cert.is_null())
     return "";
   std::string validity =
       cert["not_before"].get<std::string>() + " to " + cert["not_after"].get<std::string>();
-  std::string text = line(depth, name, cert["subject"]);
+  std::string text = text_line(depth, name, name_or_note(cert["subject"]));
   if (cert["issuer"] != cert["subject"])
-    text += line(depth + 1, "issuer", cert["issuer"]);
-  return text + line(depth + 1, "serial", cert["serial"]) + line(depth + 1, "valid", validity) +
-         line(depth + 1, "SHA-256", cert["sha256"]);
+    text += text_line(depth + 1, "issuer", cert["issuer"]);
+  return text + text_line(depth + 1, "serial", cert["serial"]) +
+         text_line(depth + 1, "valid", validity) + text_line(depth + 1, "SHA-256", cert["sha256"]);
 }
+
+namespace {
 
 std::string method_lines(const json &method) {
   std::string name = method["mechanism"].is_string() ? method["mechanism"].get<std::string>()
                                                      : "mechanism " + method["mechanism"].dump();
-  std::string text = line(2, name, method.value("url", json("")));
-  text += line(3, "digest", method.value("digest", json(nullptr)));
-  text += line(3, "cipher", method.value("cipher", json(nullptr)));
-  return text + cert_lines(3, "certificate", method.value("ca_cert", json(nullptr)));
+  std::string text = text_line(2, name, method.value("url", json("")));
+  text += text_line(3, "digest", method.value("digest", json(nullptr)));
+  text += text_line(3, "cipher", method.value("cipher", json(nullptr)));
+  return text + cert_text(3, "certificate", method.value("ca_cert", json(nullptr)));
 }
 
 std::string method_list(const std::string &title, const json &methods) {
-  std::string text = line(1, title, methods.empty() ? json("none") : json(methods.size()));
+  std::string text = text_line(1, title, methods.empty() ? json("none") : json(methods.size()));
   for (const json &method : methods)
     text += method_lines(method);
   return text;
 }
 
 std::string cert_list(const std::string &title, const json &certs) {
-  std::string text = line(1, title, certs.empty() ? json("none") : json(certs.size()));
+  std::string text = text_line(1, title, certs.empty() ? json("none") : json(certs.size()));
   for (const json &cert : certs)
-    text += cert_lines(2, "-", cert);
+    text += cert_text(2, "-", cert);
   return text;
 }
 
@@ -54,10 +57,10 @@ std::string cert_list(const std::string &title, const json &certs) {
 
 std::string ca_text(const json &ca) {
   std::string text = "CA\n";
-  text += line(1, "label", ca["label"]);
-  text += line(1, "document", ca["url"]);
-  text += line(1, "issuer", ca["issuer"].is_null() ? json("none") : ca["issuer"]);
-  text += line(1, "expires", ca["expires"]);
+  text += text_line(1, "label", ca["label"]);
+  text += text_line(1, "document", ca["url"]);
+  text += text_line(1, "issuer", ca["issuer"].is_null() ? json("none") : ca["issuer"]);
+  text += text_line(1, "expires", ca["expires"]);
   text += method_list("enrollment", ca["cert_req_methods"]);
   text += method_list("look-up", ca["cert_lookup_methods"]);
   text += method_list("status", ca["cert_status_methods"]);

@@ -17,6 +17,7 @@ namespace pkilab {
  *   issuing-key.pem, issuing-cert.pem       the SCEP CA; self-signed, so that issuer and subject
  *                                           are the same
  *   additional-key.pem, additional-cert.pem a CA below the root
+ *   issued/SERIAL.pem                       what the SCEP CA issued; see issued_certs.h
  */
 class ca {
  public:
@@ -31,6 +32,7 @@ class ca {
   ca(const ca &) = delete;
   ca &operator=(const ca &) = delete;
 
+  const std::string &folder() const { return folder_; }
   EVP_PKEY *document_key() const { return document_key_.get(); }
   const pair &root() const { return root_; }
   const pair &issuing() const { return issuing_; }

@@ -55,6 +55,13 @@ bool add_extensions(X509 *cert, X509 *issuer) {
          add_extension(cert, issuer, NID_authority_key_identifier, "keyid");
 }
 
+bool add_device_extensions(X509 *cert, X509 *issuer) {
+  return add_extension(cert, issuer, NID_basic_constraints, "critical,CA:FALSE") &&
+         add_extension(cert, issuer, NID_key_usage, "critical,digitalSignature,keyEncipherment") &&
+         add_extension(cert, issuer, NID_subject_key_identifier, "hash") &&
+         add_extension(cert, issuer, NID_authority_key_identifier, "keyid");
+}
+
 }  // namespace
 
 tools::key_ptr make_rsa_key(int bits) {
@@ -78,6 +85,21 @@ tools::cert_ptr make_ca_cert(EVP_PKEY *key, const std::string &common_name, X509
           "fill a certificate");
   require(X509_sign(cert.get(), signer_key ? signer_key : key, EVP_sha256()) > 0,
           "sign a certificate");
+  return cert;
+}
+
+tools::cert_ptr make_device_cert(EVP_PKEY *public_key, const X509_NAME *subject, X509 *signer_cert,
+                                 EVP_PKEY *signer_key) {
+  tools::cert_ptr cert(X509_new());
+  require(cert && X509_set_version(cert.get(), X509_VERSION_3) == 1 &&
+              set_random_serial(cert.get()) && X509_set_subject_name(cert.get(), subject) == 1 &&
+              X509_set_pubkey(cert.get(), public_key) == 1 &&
+              X509_set_issuer_name(cert.get(), X509_get_subject_name(signer_cert)) == 1 &&
+              X509_gmtime_adj(X509_getm_notBefore(cert.get()), -day) &&
+              X509_gmtime_adj(X509_getm_notAfter(cert.get()), 365 * day) &&
+              add_device_extensions(cert.get(), signer_cert),
+          "fill a certificate");
+  require(X509_sign(cert.get(), signer_key, EVP_sha256()) > 0, "sign a certificate");
   return cert;
 }
 

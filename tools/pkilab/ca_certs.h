@@ -15,6 +15,10 @@ tools::key_ptr make_rsa_key(int bits);
 tools::cert_ptr make_ca_cert(EVP_PKEY *key, const std::string &common_name, X509 *signer_cert,
                              EVP_PKEY *signer_key);
 
+// A device's certificate, valid for a year, signed with SHA-256. Throws tools::failure.
+tools::cert_ptr make_device_cert(EVP_PKEY *public_key, const X509_NAME *subject, X509 *signer_cert,
+                                 EVP_PKEY *signer_key);
+
 }  // namespace pkilab
 
 #endif

@@ -42,6 +42,7 @@ struct response {
   std::string content_type = "text/plain";
   std::string body;
   std::vector<std::string> headers;  // further lines, without line ends
+  std::string note;                  // for the lab's log only: what was answered
 };
 
 response text_response(int status, const std::string &text);

@@ -1,8 +1,10 @@
 #include "tools/pkilab/lab.h"
 
+#include <libpki/store.h>
+
 #include "tools/common/text.h"
-#include "tools/pkilab/ca_info.h"
 #include "tools/pkilab/misbehave.h"
+#include "tools/pkilab/scep_room.h"
 
 namespace pkilab {
 
@@ -16,10 +18,21 @@ void add_index(route_table *routes) {
                }});
 }
 
+// A SCEP message in a query would fill the reader's screen.
+std::string shortened(const std::string &target) {
+  constexpr size_t longest = 160;
+  constexpr size_t shown = 64;
+  if (target.size() <= longest)
+    return target;
+  return target.substr(0, shown) + "... (" + std::to_string(target.size()) + " characters)";
+}
+
 // Every room of the lab.
 route_table *add_rooms(route_table *routes, const ca &keys, const lab_options &options) {
+  (void)libpki_init();  // the rooms use the library; a process that has it up already is fine
   add_index(routes);
-  add_ca_info_room(routes, keys, options.document_file);
+  add_ca_info_room(routes, keys, options.document_file, options.algorithms);
+  add_scep_room(routes, keys, options.scep);
   return routes;
 }
 
@@ -43,13 +56,14 @@ void lab::respond(const request &asked, connection &peer) {
     return;
   }
   response answer = routes_.answer(asked);
-  log(asked, std::to_string(answer.status) + " " + std::to_string(answer.body.size()));
+  std::string text = std::to_string(answer.status) + " " + std::to_string(answer.body.size());
+  log(asked, answer.note.empty() ? text : text + ", " + answer.note);
   send_response(answer, peer);
 }
 
 void lab::log(const request &asked, const std::string &answer) const {
   if (log_)
-    log_(tools::printable(asked.method + " " + asked.target + " -> " + answer));
+    log_(tools::printable(asked.method + " " + shortened(asked.target) + " -> " + answer));
 }
 
 }  // namespace pkilab

@@ -6,8 +6,10 @@
 #include <string>
 
 #include "tools/pkilab/ca.h"
+#include "tools/pkilab/ca_info.h"
 #include "tools/pkilab/http_routes.h"
 #include "tools/pkilab/http_server.h"
+#include "tools/pkilab/scep_options.h"
 
 namespace pkilab {
 
@@ -16,6 +18,8 @@ struct lab_options {
   server_options server;
   std::string document_file;  // see add_ca_info_room
   int key_bits = 2048;
+  scep_algorithms algorithms;
+  scep_options scep;
   // Receives a printable line a request, in several threads at once; may be empty.
   std::function<void(const std::string &line)> log;
 };

@@ -13,6 +13,7 @@
 #include "tools/common/text.h"
 #include "tools/pkilab/lab.h"
 #include "tools/pkilab/misbehave.h"
+#include "tools/pkilab/scep_command_line.h"
 
 namespace {
 
@@ -76,6 +77,9 @@ std::string serve_footer() {
          "request,\n"
          "where \"...\" is the path to answer badly (/ca-info by default):\n\n" +
          pkilab::misbehaviour_list() +
+         "\nSCEP is at /scep. It issues at once, unless the options say otherwise. Names for\n"
+         "--scep-misbehave:\n\n" +
+         pkilab::misdeed_list() +
          "\nExit codes: 0 ended by SIGTERM or SIGINT, 1 failed, 2 wrong usage.";
 }
 
@@ -94,6 +98,7 @@ void add_serve_command(CLI::App *app, options *given) {
                     "File that receives the server's URL when it is ready");
   serve->add_option("--document", given->lab.document_file,
                     "Serve this signed document at /ca-info instead of the lab's own");
+  pkilab::add_scep_options(serve, &given->lab);
   serve->add_flag("-q,--quiet", given->quiet, "No line a request on stderr");
   serve->footer(serve_footer());
 }

@@ -1,0 +1,116 @@
+// Enrollments that the CA keeps waiting. Nothing here waits: the sleep is a fake, or ended by a
+// signal.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "device.h"
+
+namespace {
+
+using tool_test::device;
+using tool_test::result;
+using tool_test::strings;
+
+const strings no_wait = {"LD_PRELOAD=" SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0"};
+
+strings sleep_ended_by(int signal_number) {
+  strings environment = no_wait;
+  environment.push_back("SLEEP_SIGNAL=" + std::to_string(signal_number));
+  return environment;
+}
+
+const std::string not_yet = "pkictl: the CA has not issued the certificate yet, and ";
+
+TEST(PkictlEnrollPending, PollsEvery600SecondsUntilTheCertificateIsThere) {
+  device test({"--scep-pending", "3"});
+  test.prepare();
+  result done = test.enroll({}, no_wait);
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(done.err, "sleep 600\nsleep 600\nsleep 600\n");
+  EXPECT_EQ(test.messages(),
+            (strings{"0001-PKCSReq.der", "0001-reply.der", "0002-GetCertInitial.der",
+                     "0002-reply.der", "0003-GetCertInitial.der", "0003-reply.der",
+                     "0004-GetCertInitial.der", "0004-reply.der"}));
+}
+
+TEST(PkictlEnrollPending, PollLimitEndsIt) {
+  device test({"--scep-pending", "5"});
+  test.prepare();
+  result done = test.enroll({"--polls", "2"}, no_wait);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err,
+            "sleep 600\nsleep 600\n" + not_yet + "2 polls are over; enroll again to go on\n");
+  EXPECT_FALSE(tool_test::exists(test.state("certs")));
+}
+
+TEST(PkictlEnrollPending, LimitOfNoPollsEndsItWithoutASleep) {
+  device test({"--scep-pending", "5"});
+  test.prepare();
+  result done = test.enroll({"--polls", "0", "--json"}, no_wait);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, not_yet + "0 polls are over; enroll again to go on\n");
+  EXPECT_EQ(nlohmann::json::parse(done.out)["error"]["code"], 52);
+}
+
+TEST(PkictlEnrollPending, EnrollingAgainGoesOnWithTheTransaction) {
+  device test({"--scep-pending", "2"});
+  test.prepare();
+  EXPECT_EQ(test.enroll({"--polls", "0"}).exit_code, 1);
+  EXPECT_EQ(test.enroll({"--polls", "0"}).exit_code, 1);
+  EXPECT_EQ(test.enroll({"--polls", "0"}).exit_code, 0);
+}
+
+TEST(PkictlEnrollPending, LimitDoesNotMatterWhenTheCaIssuesAtOnce) {
+  device test;
+  test.prepare();
+  EXPECT_EQ(test.enroll({"--polls", "0", "--timeout", "100"}).exit_code, 0);
+}
+
+TEST(PkictlEnrollPending, InterruptInTheSleepEndsIt) {
+  device test({"--scep-pending", "5"});
+  test.prepare();
+  for (int number : {SIGINT, SIGTERM}) {
+    result done = test.enroll({}, sleep_ended_by(number));
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_EQ(done.err,
+              "sleep 600\n" + not_yet + "the enrollment was interrupted; enroll again to go on\n");
+  }
+}
+
+TEST(PkictlEnrollPending, RealInterruptEndsARealSleep) {
+  device test({"--scep-pending", "5"});
+  test.prepare();
+  strings arguments = test.enroll_arguments({"--state", test.state()});
+  tool_test::background_pkictl enrolling(arguments, test.environment());
+  test.lab().wait_for_log(": PENDING");
+  result done = enrolling.end(SIGINT);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, not_yet + "the enrollment was interrupted; enroll again to go on\n");
+}
+
+TEST(PkictlEnrollPending, TimeLimitInTheSleepEndsIt) {
+  device test({"--scep-pending", "5"});
+  test.prepare();
+  result done = test.enroll({"--timeout", "1000"}, sleep_ended_by(SIGALRM));
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "sleep 600\n" + not_yet + "1000 seconds are over; enroll again to go on\n");
+}
+
+TEST(PkictlEnrollPending, RefusalAfterPendingIsARefusal) {
+  device test({"--scep-pending", "1", "--scep-refuse", "badTime"});
+  test.prepare();
+  result done = test.enroll({}, no_wait);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find("SCEP REQ REJ (58)"), std::string::npos) << done.err;
+}
+
+TEST(PkictlEnrollPending, LimitsThatAreNoneAreWrongUsage) {
+  for (const strings &options : {strings{"--polls", "-1"}, strings{"--polls", "x"},
+                                 strings{"--timeout", "0"}, strings{"--timeout", "9999999999"}}) {
+    strings arguments = {"enroll", "--key", "device"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    EXPECT_EQ(tool_test::pkictl(arguments).exit_code, 2);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,325 @@
+#include <gtest/gtest.h>
+#include <openssl/x509.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "device.h"
+#include "lab_fixture.h"
+#include "tools/common/cert_text.h"
+#include "tools/common/keys.h"
+#include "tools/common/scep_message.h"
+
+namespace {
+
+using nlohmann::json;
+using tool_test::device;
+using tool_test::result;
+using tool_test::strings;
+
+std::string cert_file(const device &test, const std::string &label = "cert") {
+  return test.state("certs/device/" + label + ".pem");
+}
+
+tools::pkcs7_ptr message(const device &test, const std::string &name) {
+  return tools::decode_pkcs7(tool_test::read_file(test.message(name)));
+}
+
+TEST(PkictlEnroll, SavesACertificateOfTheCaForTheKey) {
+  device test;
+  test.prepare();
+  result done = test.enroll();
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(done.err, "");
+  tools::cert_ptr cert = tools::load_certificate(cert_file(test));
+  tools::key_ptr key = tools::load_private_key(test.state("keys/device.pem"));
+  tools::cert_ptr ca = tools::load_certificate(test.lab_file("issuing-cert.pem"));
+  EXPECT_EQ(EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key.get()), 1);
+  EXPECT_EQ(X509_verify(cert.get(), X509_get0_pubkey(ca.get())), 1);
+  EXPECT_EQ(X509_get_signature_nid(cert.get()), NID_sha256WithRSAEncryption);
+  EXPECT_EQ(tools::name_text(X509_get_subject_name(cert.get())), "CN=device, O=Example");
+  EXPECT_EQ(tool_test::mode_of(cert_file(test)), 0600u);
+  EXPECT_EQ(tool_test::mode_of(test.state("certs/device")), 0700u);
+  EXPECT_EQ(tool_test::mode_of(test.state("cas/office.pem")), 0600u);
+}
+
+TEST(PkictlEnroll, PrintsTheCertificate) {
+  device test;
+  test.prepare();
+  result done = test.enroll({"--cert", "first"});
+  EXPECT_TRUE(
+      done.out.starts_with("enrolled device with the CA office\n"
+                           "  first             CN=device, O=Example\n"
+                           "    issuer          CN=pkilab issuing CA, O=pkilab\n"))
+      << done.out;
+  EXPECT_TRUE(done.out.ends_with("\nsaved " + cert_file(test, "first") + "\n")) << done.out;
+}
+
+TEST(PkictlEnroll, PrintsJson) {
+  device test;
+  test.prepare();
+  json printed = json::parse(test.enroll({"--json"}).out);
+  EXPECT_EQ(printed["key"], "device");
+  EXPECT_EQ(printed["label"], "cert");
+  EXPECT_EQ(printed["file"], cert_file(test));
+  EXPECT_EQ(printed["certificate"]["subject"], "CN=device, O=Example");
+}
+
+TEST(PkictlEnroll, WithoutASubjectTheNameIsEmpty) {
+  device test;
+  test.prepare();
+  result done = test.pkictl({"enroll", "--ca", "office", "--key", "device", "--json"});
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(json::parse(done.out)["certificate"]["subject"], "");
+}
+
+TEST(PkictlEnroll, CertificateIsListedWithItsKeyAndRemovedWithIt) {
+  device test;
+  test.prepare();
+  test.enroll({"--cert", "first"});
+  test.enroll({"--cert", "second"});
+  json key = json::parse(test.pkictl({"key", "list", "--json"}).out)["keys"][0];
+  ASSERT_EQ(key["certs"].size(), 2u);
+  EXPECT_EQ(key["certs"][0]["label"], "first");
+  EXPECT_EQ(key["certs"][1]["certificate"]["subject"], "CN=device, O=Example");
+  result done = test.pkictl({"key", "remove", "device"});
+  EXPECT_EQ(done.out, "removed device and 2 certificates\n");
+  EXPECT_FALSE(tool_test::exists(test.state("certs/device")));
+  EXPECT_FALSE(tool_test::exists(test.state("keys/device.pem")));
+}
+
+TEST(PkictlEnroll, LeavesACertificateThatIsThereUnlessToldToReplaceIt) {
+  device test;
+  test.prepare();
+  test.enroll();
+  std::string before = tool_test::read_file(cert_file(test));
+  result done = test.enroll();
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err,
+            "pkictl: the key device has a certificate cert already; take another --cert, or"
+            " --replace it\n");
+  EXPECT_EQ(tool_test::read_file(cert_file(test)), before);
+  EXPECT_EQ(test.messages().size(), 2u);  // the CA was not asked again
+  done = test.enroll({"--replace", "--json"});
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  tools::cert_ptr cert = tools::load_certificate(cert_file(test));
+  EXPECT_NE(tool_test::read_file(cert_file(test)), before);
+  EXPECT_EQ(json::parse(done.out)["certificate"]["serial"],
+            tools::serial_text(X509_get0_serialNumber(cert.get())));
+}
+
+// ---- algorithms ----
+
+struct algorithms {
+  std::string name;
+  strings lab_options;
+  strings key_options;
+  std::string digest;
+  std::string cipher;
+};
+
+class algorithms_test : public testing::TestWithParam<algorithms> {};
+
+TEST_P(algorithms_test, EnrollsAndBothSidesUseThem) {
+  device test(GetParam().lab_options);
+  test.prepare(GetParam().key_options);
+  result done = test.enroll();
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  for (const char *name : {"0001-PKCSReq.der", "0001-reply.der"}) {
+    tools::pkcs7_ptr sent = message(test, name);
+    EXPECT_EQ(tools::digest_name(sent.get()), GetParam().digest) << name;
+    EXPECT_EQ(tools::cipher_name(tools::read_envelope(sent.get()).get()), GetParam().cipher)
+        << name;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Enrollment, algorithms_test,
+    testing::Values(algorithms{"TheLabsOwn", {}, {}, "SHA256", "DES-EDE3-CBC"},
+                    algorithms{"TheLibrarysDefaults",
+                               {"--scep-digest", "none", "--scep-cipher", "none"},
+                               {},
+                               "MD5",
+                               "DES-CBC"},
+                    algorithms{"Rsa2048Sha256Aes128",
+                               {"--scep-digest", "SHA256", "--scep-cipher", "AES-128-CBC"},
+                               {"--bits", "2048"},
+                               "SHA256",
+                               "AES-128-CBC"},
+                    algorithms{"NamesThatNobodyKnows",
+                               {"--scep-digest", "NODIGEST", "--scep-cipher", "NOCIPHER"},
+                               {},
+                               "MD5",
+                               "DES-CBC"}),
+    [](const auto &named) { return named.param.name; });
+
+// ---- the secret ----
+
+TEST(PkictlEnroll, SecretIsInNoOutputLogOrMessage) {
+  device test({"--scep-pending", "1"});
+  test.prepare();
+  strings preload = {"LD_PRELOAD=" SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0"};
+  ASSERT_EQ(test.enroll({"-v", "--json"}, preload).exit_code, 0);  // outputs: see device::pkictl
+  std::string everything = test.lab().end(SIGTERM).err;
+  ASSERT_EQ(test.messages().size(), 4u);
+  for (const std::string &name : test.messages())
+    everything += tool_test::read_file(test.message(name));
+  for (const char *file : {"keys/device.pem", "cas/office.pem", "certs/device/cert.pem"})
+    everything += tool_test::read_file(test.state(file));
+  EXPECT_EQ(everything.find(tool_test::device_secret), std::string::npos);
+}
+
+TEST(PkictlEnroll, SecretTravelsInTheEnvelope) {
+  device test;
+  test.prepare();
+  test.enroll();
+  result done = tool_test::pkictl({"scep", "decode", test.message("0001-PKCSReq.der"), "--key",
+                                   test.lab_file("issuing-key.pem")});
+  EXPECT_NE(done.out.find("  qrn-serial-number SN-0815\n"
+                          "  qrn-secret        16 octets, a secret, not shown\n"),
+            std::string::npos)
+      << done.out;
+}
+
+// ---- what cannot be ----
+
+TEST(PkictlEnroll, WithoutTheSecretItSaysWhatIsMissing) {
+  device test;
+  test.prepare();
+  unlink(test.file("secret").c_str());
+  result done = test.enroll();
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err,
+            "pkictl: cannot enroll device: FLASH ERROR (78): the board gave no serial number or no"
+            " secret; put them into $BOARD_INFO_DIR/serialnumber and secret\n");
+}
+
+TEST(PkictlEnroll, CaAndKeyHaveToBeThere) {
+  device test;
+  result done = test.enroll();
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkictl: there is no CA office in " + (test.home() / "state") +
+                          "; provision it with 'pkictl provision URL --label office'\n");
+  test.prepare();
+  done = test.pkictl({"enroll", "--ca", "office", "--key", "other"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkictl: there is no key other in " + (test.home() / "state") +
+                          "; make it with 'pkictl key generate other'\n");
+}
+
+TEST(PkictlEnroll, BadSubjectsAreRefusedBeforeTheCaIsAsked) {
+  device test;
+  test.prepare();
+  for (const char *subject : {"nonsense", "NOKEY=x", "CN=\"open"}) {
+    result done =
+        test.pkictl({"enroll", "--ca", "office", "--key", "device", "--subject", subject});
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_NE(done.err.find("write the subject as in CN=device, O=Example, C=US"),
+              std::string::npos)
+        << done.err;
+  }
+  EXPECT_TRUE(test.messages().empty());
+}
+
+TEST(PkictlEnroll, LabelsCannotLeaveTheFolder) {
+  device test;
+  test.prepare();
+  for (const strings &options :
+       {strings{"--key", "device", "--cert", "../x"}, strings{"--key", "device", "--ca", "a/b"},
+        strings{"--key", ".."}, strings{"--key", "device", "--cert", ""}}) {
+    strings arguments = {"enroll"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    result done = test.pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 2) << done.err;
+    EXPECT_NE(done.err.find("is no label"), std::string::npos) << done.err;
+  }
+}
+
+TEST(PkictlEnroll, CaThatIsGoneIsAnHttpError) {
+  device test;
+  test.prepare();
+  test.lab().end(SIGTERM);
+  result done = test.enroll();
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find("HTTP ERROR (47)"), std::string::npos) << done.err;
+  EXPECT_FALSE(tool_test::exists(test.state("certs")));
+}
+
+// ---- damaged files ----
+
+TEST(PkictlEnroll, DamagedCaIsNamedAndStays) {
+  device test;
+  test.prepare();
+  std::string file = test.state("cas/office.pem");
+  std::string whole = tool_test::read_file(file);
+  for (const std::string &text : {std::string("garbage"), std::string(), whole.substr(0, 2000),
+                                  whole.substr(whole.find('\n') + 1)}) {
+    test.home().write("state/cas/office.pem", text);
+    result done = test.enroll();
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_EQ(done.err, "pkictl: " + file + " is damaged; provision the CA again\n");
+    EXPECT_EQ(tool_test::read_file(file), text);
+  }
+}
+
+TEST(PkictlEnroll, CaWhoseDocumentAnotherKeySignedIsRefused) {
+  device test;
+  test.prepare();
+  std::string file = test.state("cas/office.pem");
+  std::string text = tool_test::read_file(file);
+  tools::key_ptr other = tools::load_private_key(test.state("keys/device.pem"));
+  text = text.substr(0, text.find("-----BEGIN PUBLIC")) + tools::public_pem(other.get());
+  test.home().write("state/cas/office.pem", text);
+  result done = test.enroll();
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(
+      done.err.starts_with("pkictl: " + file + " has no good signature: SIG VERIFY FAILED (29)"))
+      << done.err;
+}
+
+TEST(PkictlEnroll, CertificateOfAnotherKeyIsNamedAndStays) {
+  device test;
+  test.prepare();
+  test.enroll();
+  std::string foreign = tool_test::read_file(test.lab_file("root-cert.pem"));
+  test.home().write("state/certs/device/cert.pem", foreign);
+  for (const strings &arguments : {strings{"key", "list"}, test.enroll_arguments({"--replace"})}) {
+    result done = test.pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_EQ(done.err, "pkictl: " + cert_file(test) + " does not belong to " +
+                            test.state("keys/device.pem") + "\n");
+  }
+  EXPECT_EQ(tool_test::read_file(cert_file(test)), foreign);
+}
+
+// ---- provision ----
+
+TEST(PkictlProvisionState, LabelsCannotLeaveTheFolder) {
+  result done =
+      tool_test::pkictl({"provision", "http://127.0.0.1:1/ca-info", "--doc-key",
+                         tool_test::the_lab().file("doc-key.pub.pem"), "--label", "../office"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_NE(done.err.find("the CA \"../office\" is no label"), std::string::npos) << done.err;
+}
+
+TEST(PkictlProvisionState, WithoutAHomeFolderTheCaIsPrintedAndNotKept) {
+  device test;
+  result done = tool_test::pkictl(
+      {"provision", test.lab().url() + "/ca-info", "--doc-key", test.lab_file("doc-key.pub.pem")},
+      test.environment({"XDG_STATE_HOME=", "HOME="}));
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err,
+            "pkictl: note: the CA is not kept, as there is no home folder; give --state\n");
+  EXPECT_TRUE(done.out.starts_with("CA\n")) << done.out;
+}
+
+TEST(PkictlProvisionState, RefusedDocumentIsNotKeptAndAnOlderOneStays) {
+  device test;
+  test.prepare();
+  std::string before = tool_test::read_file(test.state("cas/office.pem"));
+  result done = test.pkictl({"provision", test.lab().url() + "/misbehave/wrong-key/ca-info",
+                             "--doc-key", test.lab_file("doc-key.pub.pem"), "--label", "office"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(tool_test::read_file(test.state("cas/office.pem")), before);
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+// pkictl cert find: an issued certificate, looked up at its CA.
+#include <libpki/error.h>
+#include <libpki/names.h>
+#include <libpki/scep_client.h>
+#include <libpki/store.h>
+#include <libpki/util.h>
+#include <openssl/bn.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/common/keys.h"
+#include "tools/common/text.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/library.h"
+#include "tools/pkictl/report.h"
+#include "tools/pkictl/state.h"
+#include "tools/pkictl/state_store.h"
+
+namespace pkictl {
+
+namespace {
+
+struct options {
+  std::string serial;
+  std::string issuer;
+  std::string ca = "ca";
+  std::string key;
+  std::string out;
+  std::string state;
+};
+
+using scep_req_info_ptr = std::unique_ptr<scep_req_info, tools::free_with<free_scep_req_info>>;
+
+template <class Method>
+Method *first_method(const STACK *list, int mechanism) {
+  for (int i = 0; i < OPENSSL_sk_num(list); i++) {
+    auto *method = static_cast<Method *>(OPENSSL_sk_value(list, i));
+    if (method->mechanism == mechanism)
+      return method;
+  }
+  return nullptr;
+}
+
+// The look-up names no algorithms, so those of the enrollment are taken.
+scep_req_info_ptr make_access(const ca_info &ca) {
+  auto *look_up = first_method<cert_query_info>(ca.cert_lookup_methods, PKI_CERT_QUERY_SCEP);
+  if (!look_up)
+    throw tools::failure("the CA's document names no SCEP look-up");
+  const auto *query = static_cast<scep_query_info *>(look_up->data);
+  if (!query->url || !query->ca_cert)
+    throw tools::failure("the CA's document names no certificate for the SCEP look-up");
+  scep_req_info_ptr access(alloc_scep_req_info());
+  if (!access || X509_up_ref(query->ca_cert) != 1)
+    throw tools::failure("out of memory");
+  access->ca_cert = query->ca_cert;
+  access->url = pki_strdup(query->url);
+  if (auto *method = first_method<cert_req_info>(ca.cert_req_methods, PKI_CERT_REQ_SCEP)) {
+    const auto *enrollment = static_cast<scep_req_info *>(method->data);
+    access->digest = pki_strdup(enrollment->digest);
+    access->cipher = pki_strdup(enrollment->cipher);
+  }
+  return access;
+}
+
+ASN1_INTEGER *read_serial(const std::string &text) {
+  constexpr size_t max_digits = 128;
+  bool is_hex = !text.empty() && text.size() <= max_digits &&
+                text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  BIGNUM *number = nullptr;
+  if (!is_hex || BN_hex2bn(&number, text.c_str()) == 0)
+    throw tools::usage_failure("SERIAL " + text +
+                               " is no hexadecimal number of at most 128 digits");
+  ASN1_INTEGER *serial = BN_to_ASN1_INTEGER(number, nullptr);
+  BN_free(number);
+  return serial;
+}
+
+cert_info_ptr make_query(const options &given, X509 *ca_cert) {
+  cert_info_ptr query(alloc_cert_info());
+  if (!query)
+    throw tools::failure("out of memory");
+  query->serial = read_serial(given.serial);
+  if (given.issuer.empty())
+    query->issuer = X509_NAME_dup(X509_get_subject_name(ca_cert));
+  else
+    require_ok("cannot read --issuer " + given.issuer,
+               parse_rfc1779_str(given.issuer.c_str(), &query->issuer));
+  return query;
+}
+
+// The library takes whatever certificate the CA hands out.
+bool is_what_was_asked_for(const cert_info &query) {
+  return X509_NAME_cmp(X509_get_issuer_name(query.cert), query.issuer) == 0 &&
+         ASN1_INTEGER_cmp(X509_get0_serialNumber(query.cert), query.serial) == 0;
+}
+
+[[noreturn]] void fail(int code) {
+  std::string what = "cannot find the certificate";
+  if (code == PKI_SCEP_REQ_REJ)
+    throw tools::library_failure(
+        code, what + ": " + code_text_and_number(code) + ": the CA has none, or refuses; -v says");
+  if (code == PKI_INVALID_SCEP_RSP)
+    throw tools::library_failure(code, what + ": " + code_text_and_number(code) +
+                                           ": what the CA answered is no good answer to this"
+                                           " request; -v says why");
+  throw tools::library_failure(code, failure_text(what, code));
+}
+
+int find(const context &where, const options &given) {
+  state_folder state(given.state);
+  start_library();
+  tools::ca_info_ptr ca = enter_ca(state, given.ca);
+  key_info_ptr key = enter_key(state, given.key);
+  scep_req_info_ptr access = make_access(*ca);
+  cert_info_ptr query = make_query(given, access->ca_cert);
+  int code = scep_qry_cert(query.get(), access.get(), key->key);
+  if (code != PKI_OK)
+    fail(code);
+  if (!is_what_was_asked_for(*query))
+    throw tools::failure("the CA handed out another certificate than the one asked for");
+  if (!given.out.empty())
+    tools::write_file(given.out, tools::cert_pem(query->cert), 0644);
+  json cert = cert_json(query->cert);
+  if (where.json)
+    where.out->write_json({{"certificate", cert}});
+  else
+    where.out->write_text("found\n" + cert_text(1, "certificate", cert) +
+                          (given.out.empty() ? "" : "saved " + tools::printable(given.out) + "\n"));
+  return 0;
+}
+
+}  // namespace
+
+void add_cert_command(CLI::App &app, action *chosen) {
+  CLI::App *cert = app.add_subcommand("cert", "Look certificates up");
+  cert->require_subcommand(1);
+  cert->fallthrough();
+  auto given = std::make_shared<options>();
+  CLI::App *command =
+      cert->add_subcommand("find", "Fetch an issued certificate from its CA by SCEP GetCert");
+  command->add_option("SERIAL", given->serial, "Its serial number, hexadecimal")->required();
+  command->add_option("--key", given->key, "Label of the key that signs the request")->required();
+  command->add_option("--ca", given->ca, "The CA's label")->capture_default_str();
+  command->add_option("--issuer", given->issuer,
+                      "Its issuer, most specific part first; the CA by default");
+  command->add_option("--out", given->out, "File that receives it (PEM)");
+  add_state_option(command, &given->state);
+  command->footer(std::string(state_footer) + common_footer);
+  command->callback([=] { *chosen = [=](const context &where) { return find(where, *given); }; });
+}
+
+}  // namespace pkictl

@@ -1,0 +1,164 @@
+// pkictl enroll: a certificate for a key, from a provisioned CA.
+#include <libpki/error.h>
+#include <libpki/scep_client.h>
+#include <libpki/store.h>
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <memory>
+
+#include "tools/common/failure.h"
+#include "tools/common/text.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/give_up.h"
+#include "tools/pkictl/library.h"
+#include "tools/pkictl/report.h"
+#include "tools/pkictl/state.h"
+#include "tools/pkictl/state_store.h"
+
+namespace pkictl {
+
+namespace {
+
+constexpr int unlimited = -1;
+constexpr unsigned longest_timeout_s = 10u * 365 * 24 * 60 * 60;
+
+struct options {
+  std::string ca = "ca";
+  std::string key;
+  std::string cert = "cert";
+  std::string subject;
+  std::string state;
+  int polls = unlimited;
+  unsigned timeout_s = 0;
+  bool replace = false;
+};
+
+std::string advice(int code) {
+  switch (code) {
+    case PKI_FLASH_ERROR:
+      return "the board gave no serial number or no secret; put them into"
+             " $BOARD_INFO_DIR/serialnumber and secret";
+    case PKI_SCEP_REQ_REJ:
+      return "the CA refused the request; -v shows its reason";
+    case PKI_INVALID_SCEP_RSP:
+      return "what the CA answered is no good answer to this request; -v says why";
+    case PKI_KEY_MISMATCH:
+      return "the CA issued the certificate for another key";
+    case PKI_NO_SUPP_CERT_REQ_METH:
+      return "the CA's document names no SCEP";
+    case PKI_INVALID_ARGS:
+      return "the CA's document names no certificate for SCEP, or the subject is too long";
+    case PKI_P7_ENCRYPT_FAILED:
+      return "the document's cipher cannot be used here; -v says why";
+    case PKI_DN_UNKNOWN_KEY:
+    case PKI_DN_NO_VALUE:
+    case PKI_DN_OPEN_QS:
+      return "write the subject as in CN=device, O=Example, C=US";
+    default:
+      return "";
+  }
+}
+
+std::string pending_text(const options &given, const give_up_watch &watch) {
+  std::string text = "the CA has not issued the certificate yet, and ";
+  if (watch.interrupted())
+    text += "the enrollment was interrupted";
+  else if (watch.timed_out())
+    text += std::to_string(given.timeout_s) + " seconds are over";
+  else
+    text += std::to_string(given.polls) + (given.polls == 1 ? " poll is" : " polls are") + " over";
+  return text + "; enroll again to go on";
+}
+
+[[noreturn]] void fail(const options &given, int code, const give_up_watch &watch) {
+  if (code == PKI_NO_SUCH_CERT)
+    throw tools::library_failure(code, pending_text(given, watch));
+  std::string what = "cannot enroll " + given.key;
+  std::string told = advice(code);
+  throw tools::library_failure(code, told.empty()
+                                         ? failure_text(what, code)
+                                         : what + ": " + code_text_and_number(code) + ": " + told);
+}
+
+void request_certificate(const options &given) {
+  if (given.polls > 0)
+    scep_limit_polls(static_cast<unsigned>(given.polls));
+  if (given.polls == 0)
+    scep_stop_polling(1);
+  give_up_watch watch(given.timeout_s);
+  int code = pki_get_certificate(given.ca.c_str(), given.key.c_str(), given.cert.c_str(),
+                                 given.subject.empty() ? nullptr : given.subject.c_str());
+  if (code != PKI_OK)
+    fail(given, code, watch);
+}
+
+// The new certificate stands behind a replaced one of the same label.
+X509 *newest_cert(const key_info *key) {
+  const void *last = OPENSSL_sk_value(key->certs, OPENSSL_sk_num(key->certs) - 1);
+  if (!last)
+    throw tools::failure("the store does not find the certificate that was issued");
+  return static_cast<const cert_info *>(last)->cert;
+}
+
+int enroll(const context &where, const options &given) {
+  state_folder state(given.state);
+  if (state.has_cert(given.key, given.cert) && !given.replace)
+    throw tools::failure("the key " + given.key + " has a certificate " + given.cert +
+                         " already; take another --cert, or --replace it");
+  start_library();
+  tools::ca_info_ptr ca = enter_ca(state, given.ca);
+  key_info_ptr key = enter_key(state, given.key);
+  request_certificate(given);
+  X509 *issued = newest_cert(key.get());
+  state.save_cert(given.key, given.cert, issued);
+  std::string file = state.cert_file(given.key, given.cert);
+  json cert = cert_json(issued);
+  if (where.json)
+    where.out->write_json(
+        {{"key", given.key}, {"label", given.cert}, {"file", file}, {"certificate", cert}});
+  else
+    where.out->write_text("enrolled " + given.key + " with the CA " + given.ca + "\n" +
+                          cert_text(1, given.cert, cert) + "saved " + tools::printable(file) +
+                          "\n");
+  return 0;
+}
+
+void add_limits(CLI::App *command, options *given) {
+  command
+      ->add_option("--polls", given->polls,
+                   "Give up after so many polls, 600 seconds apart; 0 at the first PENDING")
+      ->check(CLI::Range(0, INT_MAX))
+      ->type_name("N");
+  command
+      ->add_option("--timeout", given->timeout_s,
+                   "Give up a request that is still pending after so many seconds")
+      ->check(CLI::Range(1u, longest_timeout_s))
+      ->type_name("SECONDS");
+}
+
+}  // namespace
+
+void add_enroll_command(CLI::App &app, action *chosen) {
+  auto given = std::make_shared<options>();
+  CLI::App *command =
+      app.add_subcommand("enroll", "Get a certificate for a key from a provisioned CA by SCEP");
+  command->add_option("--key", given->key, "The key's label")->required();
+  command->add_option("--ca", given->ca, "The CA's label")->capture_default_str();
+  command->add_option("--cert", given->cert, "The label for the certificate")
+      ->capture_default_str();
+  command->add_option("--subject", given->subject,
+                      "The name to ask for, most specific part first: \"CN=device, O=Example\"");
+  add_limits(command, given.get());
+  command->add_flag("--replace", given->replace, "Replace a certificate of this label");
+  add_state_option(command, &given->state);
+  command->footer(
+      std::string("The device's serial number and secret go along, encrypted for the CA. The\n"
+                  "reference board library reads them from the files serialnumber and secret in\n"
+                  "the folder $BOARD_INFO_DIR (/etc/board by default). While the CA answers\n"
+                  "PENDING the command waits and polls; Ctrl-C ends it.\n\n") +
+      state_footer + common_footer);
+  command->callback([=] { *chosen = [=](const context &where) { return enroll(where, *given); }; });
+}
+
+}  // namespace pkictl

@@ -1,0 +1,133 @@
+// pkictl key: the device's key pairs.
+#include <libpki/store.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "tools/common/failure.h"
+#include "tools/common/text.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/library.h"
+#include "tools/pkictl/report.h"
+#include "tools/pkictl/state.h"
+#include "tools/pkictl/state_store.h"
+
+namespace pkictl {
+
+namespace {
+
+constexpr int default_bits = 1024;  // what a device makes when nobody says otherwise
+constexpr int lowest_bits = 512;
+constexpr int highest_bits = 16384;
+
+struct options {
+  std::string label;
+  std::string state;
+  int bits = default_bits;
+};
+
+json key_json(const state_folder &state, const std::string &label, EVP_PKEY *key) {
+  json certs = json::array();
+  for (const std::string &cert : state.certs(label)) {
+    json entry = {{"label", cert}, {"file", state.cert_file(label, cert)}};
+    entry["certificate"] = cert_json(state.load_cert(label, cert).get());
+    certs.push_back(entry);
+  }
+  return {{"label", label},
+          {"type", "RSA"},
+          {"bits", EVP_PKEY_get_bits(key)},
+          {"file", state.key_file(label)},
+          {"certs", certs}};
+}
+
+std::string key_text(const json &key) {
+  std::string text = key["label"].get<std::string>() + " (RSA " + key["bits"].dump() + ")\n";
+  for (const json &cert : key["certs"])
+    text += cert_text(1, cert["label"], cert["certificate"]);
+  return text;
+}
+
+int generate(const context &where, const options &given) {
+  state_folder state(given.state);
+  if (state.has_key(given.label))
+    throw tools::failure("there is a key " + given.label +
+                         " already; take another label, or remove it with 'pkictl key remove " +
+                         given.label + "'");
+  start_library();
+  require_ok("cannot make the key " + given.label,
+             pki_generate_key_pair(given.label.c_str(), "RSA", given.bits));
+  key_info_ptr made(pki_find_key_info_by_label(given.label.c_str()));
+  if (!made)
+    throw tools::failure("the store does not find the key that was made");
+  state.save_key(given.label, made->key);
+  json key = key_json(state, given.label, made->key);
+  if (where.json)
+    where.out->write_json({{"key", key}});
+  else
+    where.out->write_text("made " + key_text(key) + "saved " +
+                          tools::printable(key["file"].get<std::string>()) + "\n");
+  return 0;
+}
+
+int list(const context &where, const options &given) {
+  state_folder state(given.state);
+  json keys = json::array();
+  for (const std::string &label : state.keys())
+    keys.push_back(key_json(state, label, state.load_key(label).get()));
+  if (where.json) {
+    where.out->write_json({{"keys", keys}});
+    return 0;
+  }
+  std::string text;
+  for (const json &key : keys)
+    text += key_text(key);
+  where.out->write_text(text.empty() ? "no keys\n" : text);
+  return 0;
+}
+
+int remove(const context &where, const options &given) {
+  state_folder state(given.state);
+  start_library();
+  key_info_ptr key = enter_key(state, given.label);
+  int certs = OPENSSL_sk_num(key->certs);
+  require_ok("cannot remove the key " + given.label, pki_remove_key(given.label.c_str()));
+  state.remove_key(given.label);
+  if (where.json)
+    where.out->write_json({{"removed", given.label}, {"certs", certs}});
+  else
+    where.out->write_text("removed " + given.label + " and " + std::to_string(certs) +
+                          (certs == 1 ? " certificate\n" : " certificates\n"));
+  return 0;
+}
+
+CLI::App *add_command(CLI::App *key, const char *name, const char *help,
+                      int (*run)(const context &, const options &), action *chosen,
+                      const std::shared_ptr<options> &given) {
+  CLI::App *command = key->add_subcommand(name, help);
+  add_state_option(command, &given->state);
+  command->footer(std::string(state_footer) + common_footer);
+  command->callback([=] { *chosen = [=](const context &where) { return run(where, *given); }; });
+  return command;
+}
+
+}  // namespace
+
+void add_key_command(CLI::App &app, action *chosen) {
+  CLI::App *key = app.add_subcommand("key", "Make, list and remove the device's keys");
+  key->require_subcommand(1);
+  key->fallthrough();
+  auto made = std::make_shared<options>();
+  CLI::App *command = add_command(key, "generate", "Make an RSA key pair", generate, chosen, made);
+  command->add_option("LABEL", made->label, "The key's label")->required();
+  command->add_option("--bits", made->bits, "Its size")
+      ->check(CLI::Range(lowest_bits, highest_bits))
+      ->capture_default_str();
+  add_command(key, "list", "Print the keys and their certificates", list, chosen,
+              std::make_shared<options>());
+  auto removed = std::make_shared<options>();
+  command =
+      add_command(key, "remove", "Remove a key with its certificates", remove, chosen, removed);
+  command->add_option("LABEL", removed->label, "The key's label")->required();
+}
+
+}  // namespace pkictl

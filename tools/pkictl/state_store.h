@@ -1,0 +1,25 @@
+// Puts what the tool has kept into the library's store.
+#ifndef TOOLS_PKICTL_STATE_STORE_H
+#define TOOLS_PKICTL_STATE_STORE_H
+
+#include <libpki/records.h>
+
+#include <memory>
+#include <string>
+
+#include "tools/common/ca_info_reader.h"
+#include "tools/pkictl/state.h"
+
+namespace pkictl {
+
+using key_info_ptr = std::unique_ptr<key_info, tools::free_with<free_key_info>>;
+using cert_info_ptr = std::unique_ptr<cert_info, tools::free_with<free_cert_info>>;
+
+// Each enters what is kept under a label and returns the store's record. start_library must have
+// run. Throw failure, naming a file that is damaged.
+tools::ca_info_ptr enter_ca(const state_folder &state, const std::string &label);
+key_info_ptr enter_key(const state_folder &state, const std::string &label);
+
+}  // namespace pkictl
+
+#endif
