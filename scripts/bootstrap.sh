@@ -3,6 +3,7 @@
 #
 #   bootstrap.sh build          compile, test, benchmark
 #   bootstrap.sh build lint     the same, and the checkers of `make lint`
+#   bootstrap.sh peers          programs of others that the tests talk to
 set -eu
 
 # binutils (nm, readelf), make and the sanitizers' run-time libraries come with g++ and its
@@ -11,14 +12,16 @@ build_packages="g++ cmake ninja-build pkg-config ccache openssl python3 \
   libssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
   libcli11-dev nlohmann-json3-dev"
 lint_packages="clang-format clang-tidy cppcheck python3"
+peers_packages="scep certmonger"
 
 wanted=""
 for group in "$@"; do
   case "$group" in
     build) wanted="$wanted $build_packages" ;;
     lint) wanted="$wanted $lint_packages" ;;
+    peers) wanted="$wanted $peers_packages" ;;
     *)
-      echo "bootstrap.sh: unknown group '$group' (build, lint)" >&2
+      echo "bootstrap.sh: unknown group '$group' (build, lint, peers)" >&2
       exit 2
       ;;
   esac
