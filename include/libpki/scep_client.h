@@ -60,7 +60,8 @@ PKI_API int parse_scep_rsp(const unsigned char *der, int der_length, EVP_PKEY *p
  * Lets a host out of an enrollment that is pending: while stopped (non-zero), scep_cert_req
  * returns 52 after the current answer instead of sleeping, and after a sleep that ends, with a line
  * at level 4. A signal to the enrolling thread, with a handler of the host's, ends a sleep that has
- * begun. Off (0) at load. Returns the previous value. Any thread.
+ * begun; one that comes just before it does not, so repeat it until the call returns. Off (0) at
+ * load. Returns the previous value. Any thread.
  */
 PKI_API int scep_stop_polling(int stop);
 

@@ -34,12 +34,17 @@ bool is_usable(OSSL_LIB_CTX *context, const EVP_CIPHER *cipher) {
 // each time that it does not find one. Should the host load the provider later, ours does as well.
 int lacking_by_default = NID_undef;
 
-bool is_usable_by_default(const EVP_CIPHER *cipher) {
+// `*lacking` says that this was no want of memory.
+bool is_usable_by_default(const EVP_CIPHER *cipher, bool *lacking) {
   int nid = EVP_CIPHER_get_nid(cipher);
-  if (__atomic_load_n(&lacking_by_default, __ATOMIC_RELAXED) == nid)
+  *lacking = __atomic_load_n(&lacking_by_default, __ATOMIC_RELAXED) == nid;
+  if (*lacking)
     return false;
+  int queue_end = openssl_queue_end();
   openssl_error_mark discard_errors;
-  return is_usable(nullptr, cipher);
+  bool usable = is_usable(nullptr, cipher);
+  *lacking = !usable && !openssl_malloc_failure_behind(queue_end);
+  return usable;
 }
 
 void remember_lacking_by_default(const EVP_CIPHER *cipher) {
@@ -71,13 +76,15 @@ OSSL_LIB_CTX *get_private_context() {
 
 int find_cipher_context(const EVP_CIPHER *cipher, int unusable, OSSL_LIB_CTX **context) {
   *context = nullptr;
-  if (is_usable_by_default(cipher))
+  bool lacking;
+  if (is_usable_by_default(cipher, &lacking))
     return PKI_OK;
   int queue_end = openssl_queue_end();
   OSSL_LIB_CTX *made = get_private_context();
   if (made && is_usable(made, cipher)) {
     *context = made;
-    remember_lacking_by_default(cipher);
+    if (lacking)
+      remember_lacking_by_default(cipher);
     return PKI_OK;
   }
   int error = openssl_malloc_failure_behind(queue_end) ? PKI_OUT_OF_MEMORY : unusable;

@@ -13,6 +13,12 @@ namespace pki {
 [[nodiscard]] int find_cipher_context(const EVP_CIPHER *cipher, int unusable,
                                       OSSL_LIB_CTX **context);
 
+// RFC 2315 has no place for an authentication tag, and a key-wrapping mode takes no message.
+[[nodiscard]] inline bool fits_envelopes(const EVP_CIPHER *cipher) {
+  return (EVP_CIPHER_get_flags(cipher) & EVP_CIPH_FLAG_AEAD_CIPHER) == 0 &&
+         EVP_CIPHER_get_mode(cipher) != EVP_CIPH_WRAP_MODE;
+}
+
 }  // namespace pki
 
 #endif

@@ -50,8 +50,7 @@ int pkcs7_encrypt(X509 *recipient, const void *data, int length, const EVP_CIPHE
   *out = nullptr;
   if (!recipient || (!data && length != 0) || length < 0 || !cipher)
     return PKI_INVALID_ARGS;
-  // RFC 2315 has no place for an authentication tag.
-  if (EVP_CIPHER_flags(cipher) & EVP_CIPH_FLAG_AEAD_CIPHER)
+  if (!fits_envelopes(cipher))
     return PKI_P7_ENCRYPT_FAILED;
   OSSL_LIB_CTX *context;
   if (int error = find_cipher_context(cipher, PKI_P7_ENCRYPT_FAILED, &context))

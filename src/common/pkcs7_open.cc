@@ -3,6 +3,7 @@
 // private key there first, and forget parts of it when memory runs out. And no buffer keeps the
 // plaintext when it is freed.
 #include <libpki/error.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
@@ -51,12 +52,23 @@ int unwrap_key(const PKCS7_RECIP_INFO *recipient, EVP_PKEY *key, secret_octets *
   if (size < 1 || !context || !allocate_secret(content_key, size) ||
       EVP_PKEY_decrypt_init(context.get()) != 1)
     return -1;
-  openssl_error_mark discard_errors;
+  int queue_end = openssl_queue_end();
+  ERR_set_mark();
   auto length = static_cast<size_t>(size);
   bool unwrapped = EVP_PKEY_decrypt(context.get(), content_key->get(), &length,
                                     ASN1_STRING_get0_data(recipient->enc_key),
                                     static_cast<size_t>(recipient->enc_key->length)) == 1;
+  if (!unwrapped && openssl_malloc_failure_behind(queue_end)) {
+    ERR_clear_last_mark();
+    return -1;
+  }
+  ERR_pop_to_mark();
   return unwrapped ? static_cast<int>(length) : 0;
+}
+
+bool takes_key_length(EVP_CIPHER_CTX *cipher, int length) {
+  openssl_error_mark discard_errors;
+  return EVP_CIPHER_CTX_set_key_length(cipher, length) == 1;
 }
 
 // A key that does not unwrap is replaced by a random one, so that nobody learns from our answer
@@ -70,8 +82,7 @@ bool set_content_key(EVP_CIPHER_CTX *cipher, const PKCS7_RECIP_INFO *recipient, 
   int got = unwrap_key(recipient, key, &unwrapped);
   if (got < 0)
     return false;
-  openssl_error_mark discard_errors;
-  bool fits = got == length || (got > 0 && EVP_CIPHER_CTX_set_key_length(cipher, got) == 1);
+  bool fits = got == length || (got > 0 && takes_key_length(cipher, got));
   return EVP_DecryptInit_ex(cipher, nullptr, nullptr, fits ? unwrapped.get() : random_key.get(),
                             nullptr) == 1;
 }
@@ -91,9 +102,7 @@ bool decrypt_content(EVP_CIPHER_CTX *cipher, const ASN1_OCTET_STRING *ciphertext
 }
 
 bool start_cipher(EVP_CIPHER_CTX *started, const EVP_CIPHER *cipher, const X509_ALGOR *algorithm) {
-  // RFC 2315 has no place for an authentication tag.
-  return (EVP_CIPHER_get_flags(cipher) & EVP_CIPH_FLAG_AEAD_CIPHER) == 0 &&
-         EVP_DecryptInit_ex(started, cipher, nullptr, nullptr, nullptr) == 1 &&
+  return EVP_DecryptInit_ex(started, cipher, nullptr, nullptr, nullptr) == 1 &&
          EVP_CIPHER_asn1_to_param(started, algorithm->parameter) > 0;
 }
 
@@ -104,7 +113,7 @@ int open_envelope(PKCS7 *p7, EVP_PKEY *key, X509 *cert, secret_octets *plaintext
     return refuse(PKCS7_R_WRONG_CONTENT_TYPE);
   const PKCS7_ENC_CONTENT *encrypted = p7->d.enveloped->enc_data;
   const EVP_CIPHER *known = EVP_get_cipherbyobj(encrypted->algorithm->algorithm);
-  if (!known)
+  if (!known || !fits_envelopes(known))
     return refuse(PKCS7_R_UNSUPPORTED_CIPHER_TYPE);
   const PKCS7_RECIP_INFO *recipient = recipient_of(p7, cert);
   if (!recipient)

@@ -91,15 +91,17 @@ bool set_md5_algorithm(X509_REQ *request, EVP_PKEY *key) {
          X509_REQ_set1_signature_algo(request, algorithm.get()) == 1;
 }
 
-bool sign_filled(X509_REQ *blank, EVP_PKEY *key, X509_ATTRIBUTE **attrs) {
+int sign_filled(X509_REQ *blank, EVP_PKEY *key, X509_ATTRIBUTE **attrs) {
   secret_octets text;
   asn1_bit_string_ptr signature(ASN1_BIT_STRING_new());
-  if (!signature || !set_md5_algorithm(blank, key) ||
-      !encode_filled(blank, reinterpret_cast<i2d_fn *>(i2d_re_X509_REQ_tbs), attrs, &text) ||
-      !sign_octets(key, EVP_md5(), text.get(), text.length(), signature.get()))
-    return false;
+  if (!signature || !set_md5_algorithm(blank, key))
+    return openssl_failure(PKI_SIGN_FAILED);
+  if (!encode_filled(blank, reinterpret_cast<i2d_fn *>(i2d_re_X509_REQ_tbs), attrs, &text))
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  if (!sign_octets(key, EVP_md5(), text.get(), text.length(), signature.get()))
+    return openssl_failure(PKI_SIGN_FAILED);
   X509_REQ_set0_signature(blank, signature.release());
-  return true;
+  return PKI_OK;
 }
 
 }  // namespace
@@ -115,8 +117,8 @@ int make_request(EVP_PKEY *sign_key, EVP_PKEY *pub_key, const X509_NAME *subject
   for (int i = 0; i < attr_count; i++)
     if (!attrs[i] || !add_blanked(blank.get(), attrs[i]))
       return openssl_failure(PKI_OUT_OF_MEMORY);
-  if (!sign_filled(blank.get(), sign_key, attrs))
-    return openssl_failure(PKI_SIGN_FAILED);
+  if (int error = sign_filled(blank.get(), sign_key, attrs))
+    return error;
   if (!encode_filled(blank.get(), reinterpret_cast<i2d_fn *>(i2d_X509_REQ), attrs, der))
     return openssl_failure(PKI_OUT_OF_MEMORY);
   *blanked = std::move(blank);

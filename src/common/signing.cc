@@ -1,6 +1,7 @@
 #include "common/signing.h"
 
 #include <libpki/util.h>
+#include <openssl/err.h>
 #include <openssl/objects.h>
 
 #include "common/ossl_ptr.h"
@@ -22,6 +23,8 @@ bool sign_octets(EVP_PKEY *key, const EVP_MD *md, const unsigned char *octets, i
   evp_md_ctx_ptr context(EVP_MD_CTX_new());
   auto capacity = static_cast<size_t>(EVP_PKEY_get_size(key));
   malloc_ptr<unsigned char> made(static_cast<unsigned char *>(allocate(capacity)));
+  if (!made)
+    ERR_raise(ERR_LIB_X509, ERR_R_MALLOC_FAILURE);
   if (!context || !made || EVP_DigestSignInit(context.get(), nullptr, md, nullptr, key) != 1 ||
       EVP_DigestSign(context.get(), made.get(), &capacity, octets, static_cast<size_t>(length)) !=
           1 ||

@@ -73,9 +73,10 @@ bool push_cert_info(key_info *key, cert_info_ptr info) {
   return true;
 }
 
-void take_back_cert_info(key_info *key, cert_info *info) {
+// Null when somebody else has taken it meanwhile.
+cert_info *take_back_cert_info(key_info *key, cert_info *info) {
   mutex_lock lock(&list_mutex);
-  OPENSSL_sk_delete_ptr(key->certs, info);
+  return static_cast<cert_info *>(OPENSSL_sk_delete_ptr(key->certs, info));
 }
 
 int file_cert(const char *label, X509 *cert, key_info *key) {
@@ -84,10 +85,8 @@ int file_cert(const char *label, X509 *cert, key_info *key) {
   if (!info || !push_cert_info(key, std::move(info)))
     return openssl_failure(PKI_OUT_OF_MEMORY);
   int error = pki_add_cert(pki_store->provisioned_certs, cert);
-  if (error) {
-    take_back_cert_info(key, filed);
-    free_cert_info(filed);
-  }
+  if (error)
+    free_cert_info(take_back_cert_info(key, filed));
   return error;
 }
 

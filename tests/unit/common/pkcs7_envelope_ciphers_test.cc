@@ -90,6 +90,18 @@ TEST_F(EnvelopeCiphers, OneWithAnAuthenticationTagIsRefused) {
   EXPECT_EQ(out, nullptr);
 }
 
+TEST_F(EnvelopeCiphers, OneThatOnlyWrapsKeysIsRefused) {
+  for (const char *name : {"id-aes128-wrap", "id-aes128-wrap-pad", "id-smime-alg-CMS3DESwrap"}) {
+    const EVP_CIPHER *cipher = EVP_get_cipherbyname(name);
+    ASSERT_NE(cipher, nullptr) << name;
+    const std::string data(64, 'x');
+    auto *out = reinterpret_cast<PKCS7 *>(this);
+    EXPECT_EQ(pkcs7_encrypt(cert.get(), data.data(), 64, cipher, &out), PKI_P7_ENCRYPT_FAILED)
+        << name;
+    EXPECT_EQ(out, nullptr) << name;
+  }
+}
+
 TEST_F(EnvelopeCiphers, HostsOwnContextStaysWithoutDes) {
   ASSERT_EQ(decrypt(encrypt("x", EVP_des_cbc())), "x");
   EXPECT_EQ(EVP_CIPHER_fetch(nullptr, "DES-CBC", nullptr), nullptr);
