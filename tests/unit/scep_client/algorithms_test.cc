@@ -86,8 +86,8 @@ TEST_F(ScepAlgorithms, EmptyNameIsUnknown) {
 TEST_F(ScepAlgorithms, TwoUnknownNamesAreTwoLines) {
   expect_used("no-such-digest", "no-such-cipher", NID_md5, NID_des_cbc);
   ASSERT_EQ(own_lines().size(), 2u) << log_dump();
-  EXPECT_TRUE(logged_containing(4, "no-such-digest"));
-  EXPECT_TRUE(logged_containing(4, "no-such-cipher"));
+  EXPECT_TRUE(was_logged(4, "unknown scep digest 'no-such-digest', using the default"));
+  EXPECT_TRUE(was_logged(4, "unknown scep cipher 'no-such-cipher', using the default"));
 }
 
 TEST_F(ScepAlgorithms, UnknownNameIsReportedOnceAnEnrollmentNotOnceAPoll) {

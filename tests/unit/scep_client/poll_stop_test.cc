@@ -46,6 +46,7 @@ TEST_F(ScepStop, PendingAnswerEndsAStoppedEnrollmentWithoutASleep) {
   EXPECT_EQ(enroll_after(for_ever), PKI_NO_SUCH_CERT);
   EXPECT_EQ(sent, 1u);
   EXPECT_EQ(slept(), 0u);
+  EXPECT_EQ(count_logged(4, "gave up polling for a pending certificate"), 1u);
   EXPECT_EQ(issued, nullptr);
 }
 
@@ -63,6 +64,7 @@ TEST_F(ScepStop, SwitchSetDuringASleepEndsItWithoutAnotherRequest) {
   EXPECT_EQ(enroll_after(for_ever), PKI_NO_SUCH_CERT);
   EXPECT_EQ(slept(), 3u);
   EXPECT_EQ(sent, 3u);
+  EXPECT_EQ(count_logged(4, "gave up polling for a pending certificate"), 1u);
   EXPECT_EQ(issued, nullptr);
 }
 
