@@ -14,6 +14,7 @@
 #include <libpki/scep_client.h>
 #include <libpki/scep_msg.h>
 #include <libpki/store.h>
+#include <libpki/trace.h>
 #include <libpki/types.h>
 #include <libpki/util.h>
 #include <libpki/verify.h>

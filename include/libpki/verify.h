@@ -1,15 +1,84 @@
 /*
- * verify.h: certificate statuses, the status cache and the CRL cache.
+ * verify.h: the verify callbacks, certificate statuses, the status cache and the CRL cache.
  *
- * Any thread may use the caches once libpki_init has run. Records and CRLs that are in a cache
- * are shared: treat them as constant.
+ * Any thread may use all of it once libpki_init has run. Records and CRLs that are in a cache are
+ * shared: treat them as constant.
  */
 #ifndef LIBPKI_VERIFY_H
 #define LIBPKI_VERIFY_H
 
 #include <libpki/types.h>
+#include <openssl/x509_vfy.h>
 
 PKI_BEGIN_DECLS
+
+/* ---- verifying ---- */
+
+/*
+ * Verify callbacks, for X509_STORE_set_verify_cb, X509_STORE_CTX_set_verify_cb or
+ * SSL_CTX_set_verify. OpenSSL builds the chain and checks signatures, names and constraints; the
+ * callback judges what it reports, certificate by certificate from the top down. Return 1 to
+ * accept, 0 to reject.
+ *
+ * Of OpenSSL's errors these are forgiven, deliberately:
+ *   2        a missing issuer behind a certificate of the X509_STORE: the chain ends there. (A
+ *            chain without any certificate of the store's is error 20, and rejected.)
+ *   21       a single certificate whose signature nobody could check; OpenSSL 3 reports 20 first.
+ *   9, 10    the validity period, by the local flavour only: for devices without a clock.
+ *   19       a self-signed top that is not trusted, when the X509_STORE has an issuer for the
+ *            certificate below the next one: that issuer takes the place of both. OpenSSL 3 looks
+ *            for it itself, unless X509_V_FLAG_TRUSTED_FIRST is cleared and
+ *            X509_V_FLAG_NO_ALT_CHAINS set. X509_STORE_CTX_get_num_untrusted stays as it was.
+ * Every other error rejects. X509_STORE_CTX_get_error keeps the last error that was forgiven, also
+ * when the chain is accepted in the end.
+ *
+ * A certificate that OpenSSL accepts is rejected when (with a line at level 4, unless noted):
+ *   - there is none, or no chain (level 3); so X509_V_FLAG_NOTIFY_POLICY cannot be used;
+ *   - the verification asks for another time than now (X509_V_FLAG_USE_CHECK_TIME);
+ *   - its extensions cannot be read (OpenSSL 3 refuses it first);
+ *   - it stands deeper than its own pathLenConstraint and one more;
+ *   - it is not the top, and has a critical extension other than subjectKeyIdentifier, keyUsage,
+ *     subjectAltName, issuerAltName, basicConstraints, authorityKeyIdentifier,
+ *     cRLDistributionPoints, extKeyUsage and authorityInfoAccess;
+ *   - it is neither top nor end entity, and has a keyUsage without cRLSign (keyCertSign is
+ *     OpenSSL's to check), or no basicConstraints with cA. (A version 1 certificate without
+ *     basicConstraints would pass; OpenSSL 3 refuses it first.)
+ *   - internet flavour: its status is not good. The context's error is then
+ *     X509_V_ERR_UNABLE_TO_GET_CRL (3, unknown) or X509_V_ERR_CERT_REVOKED (23). For the other
+ *     rules OpenSSL itself sets X509_V_ERR_UNSPECIFIED (1): the log tells which.
+ * The top of the chain is trusted as it is, and nobody is asked about it: so is a single
+ * certificate that the X509_STORE holds. When OpenSSL accepts the top, every certificate above the
+ * end entity, and the caller's untrusted ones but the first, go into the store's collected
+ * certificates.
+ *
+ * Internet flavour: blocks while responders are asked; there is no limit on the whole, so give the
+ * connection that waits for the verdict a time-out of its own. RFC 5280 6.1 and 6.3, RFC 6960.
+ */
+PKI_API int zv_cv_cert_validator_internet(int ok, X509_STORE_CTX *ctx);
+PKI_API int zv_cv_cert_validator_local(int ok, X509_STORE_CTX *ctx);
+/* The same under the names that older hosts use. */
+PKI_API int zv_cv_cert_validator_internet_ex(int ok, X509_STORE_CTX *ctx);
+PKI_API int zv_cv_cert_validator_local_ex(int ok, X509_STORE_CTX *ctx);
+
+/*
+ * The status of `cert`, issued by `issuer`: from the cache, else from the first source that knows
+ * it: status rules of the store with flag 0 clear, up to 8 responders and the CRLs that the
+ * certificate names, status rules with flag 0 set. A rule with flag 1 ends the search. The answer
+ * is cached until it expires; that no source answered, for 30 seconds. Blocks while sources are
+ * asked.
+ *
+ * ctx       the verification that this belongs to; its trusted certificates are of use to the
+ *           sources. May be null.
+ * internet  1.
+ * depth     0. Sources check their signers one deeper; at 10, or after 64 nested checks under
+ *           one outermost check, the answer is unknown (a line at level 3).
+ *
+ * Returns PKI_CERT_OK, also when no source is known, and when checking is off and nothing is
+ * cached; PKI_CERT_REVOKED; PKI_CERT_UNKNOWN when no source answers, its sources cannot be read or
+ * memory runs out (a line at level 4), and for a null `cert`.
+ */
+PKI_API int zv_cv_check_cert_status(X509 *cert, X509 *issuer, X509_STORE_CTX *ctx,
+                                    unsigned char internet, int depth);
 
 /* ---- certificate statuses ---- */
 

@@ -40,6 +40,17 @@ constexpr size_t name_key_characters = 99;
 // decodes no name above 1 MiB.
 constexpr size_t name_text_bytes = 64 * 1024;
 
+// Certificate statuses. Checks of signers, nested in each other; and those that one outermost check
+// may lead to: depth alone would bound a chain of checks, not a tree.
+constexpr int max_status_depth = 10;
+constexpr int max_nested_checks = 64;
+// OCSP responders that are taken from one certificate: each may cost a time-out.
+constexpr int max_responders = 8;
+// An OCSP response. Nobody has signed it yet when it is decoded, to many times its size.
+constexpr int ocsp_max_response_bytes = 1024 * 1024;
+// Certificates of an OCSP response that are looked at.
+constexpr int ocsp_max_certs = 16;
+
 // Caches.
 constexpr int status_cache_records = 20;
 constexpr uint32_t crl_cache_bytes = 50000;

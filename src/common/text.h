@@ -32,6 +32,14 @@ inline bool equal_ignoring_case(const char *a, const char *b,
   return true;
 }
 
+// What would end or garble a line of a request.
+inline bool has_control_character(const char *text) {
+  for (; *text; text++)
+    if (static_cast<unsigned char>(*text) < ' ' || *text == '\x7f')
+      return true;
+  return false;
+}
+
 // A decimal number with optional blanks and sign in front, as strtol reads it, cut to an int;
 // 0 where there is none.
 int decimal_prefix(const char *text);

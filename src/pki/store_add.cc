@@ -5,6 +5,7 @@
 #include "common/locks.h"
 #include "common/log.h"
 #include "common/ossl_ptr.h"
+#include "pki/collected_index.h"
 #include "pki/internal.h"
 
 namespace pki {
@@ -12,6 +13,8 @@ namespace pki {
 namespace {
 
 bool holds_same_cert(STACK *list, X509 *cert) {
+  if (list == pki_store->collected_certs)
+    return is_collected_locked(cert);
   return X509_find_by_issuer_and_serial(as_x509_stack(list), X509_get_issuer_name(cert),
                                         X509_get0_serialNumber(cert)) != nullptr;
 }

@@ -49,10 +49,11 @@ time_t or_default(time_t given, time_t offset) {
   return given ? given : now.tv_sec + offset;
 }
 
-void add_extension(X509 *cert, int nid, const char *value) {
+void add_extension(X509 *cert, const std::string &name, const std::string &value) {
   X509V3_CTX context;
   X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
-  X509_EXTENSION *extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+  X509V3_set_ctx_nodb(&context);
+  X509_EXTENSION *extension = X509V3_EXT_nconf(nullptr, &context, name.c_str(), value.c_str());
   need(extension && X509_add_ext(cert, extension, -1), "extension");
   X509_EXTENSION_free(extension);
 }
@@ -154,7 +155,7 @@ cert make_cert(const cert_options &options) {
   key public_key = options.public_key ? options.public_key : test_key(0);
   key signing_key = options.signing_key ? options.signing_key : public_key;
   X509 *made = X509_new();
-  X509_set_version(made, 2);
+  X509_set_version(made, options.version);
   integer serial = make_serial(options.serial);
   X509_set_serialNumber(made, serial.get());
   X509_set_subject_name(made, subject.get());
@@ -163,9 +164,11 @@ cert make_cert(const cert_options &options) {
   X509_set1_notAfter(made, make_time(or_default(options.not_after, 365 * day)).get());
   X509_set_pubkey(made, public_part(public_key).get());
   if (options.ca) {
-    add_extension(made, NID_basic_constraints, "critical,CA:TRUE");
-    add_extension(made, NID_key_usage, "critical,keyCertSign,cRLSign");
+    add_extension(made, "basicConstraints", "critical,CA:TRUE");
+    add_extension(made, "keyUsage", "critical,keyCertSign,cRLSign");
   }
+  for (const auto &[extension_name, value] : options.extensions)
+    add_extension(made, extension_name, value);
   need(X509_sign(made, signing_key.get(), options.digest ? options.digest : EVP_sha256()) > 0,
        "certificate signature");
   // Read back, as a certificate from outside would be.

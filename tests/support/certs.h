@@ -45,11 +45,16 @@ struct cert_options {
   name subject;  // default: CN=subject
   name issuer;   // default: the subject
   long serial = 1;
-  key public_key;                  // default: test_key(0)
-  key signing_key;                 // default: the public key
-  time_t not_before = 0;           // default: a day before the real now
-  time_t not_after = 0;            // default: a year after the real now
-  bool ca = false;                 // basicConstraints CA and keyUsage keyCertSign, cRLSign
+  key public_key;         // default: test_key(0)
+  key signing_key;        // default: the public key
+  time_t not_before = 0;  // default: a day before the real now
+  time_t not_after = 0;   // default: a year after the real now
+  bool ca = false;        // basicConstraints CA and keyUsage keyCertSign, cRLSign
+  // Further extensions, {name or OID, value} as in openssl.cnf: {"extendedKeyUsage",
+  // "OCSPSigning"}, {"1.2.3.4", "critical,DER:05:00"}, {"authorityInfoAccess",
+  // "OCSP;URI:http://127.0.0.1/"}, {"noCheck", "ignored"}.
+  std::vector<std::pair<std::string, std::string>> extensions;
+  long version = 2;                // 0 is version 1; only version 3 carries extensions
   const EVP_MD *digest = nullptr;  // default: SHA-256
 };
 cert make_cert(const cert_options &options = {});

@@ -1,9 +1,12 @@
-// The status cache's private parts.
+// What the parts of the certificate verifier share.
 #ifndef PKI_VERIFIER_CERT_VERIFIER_INTERNAL_H
 #define PKI_VERIFIER_CERT_VERIFIER_INTERNAL_H
 
 #include <libpki/verify.h>
 #include <pthread.h>
+
+#include "common/log.h"
+#include "common/ossl_ptr.h"
 
 namespace pki {
 
@@ -18,6 +21,40 @@ struct cert_sts_info_cache {
 extern cert_sts_info_cache pki_csi_cache;
 extern int csi_is_init;
 extern int disable_crl_check;  // read and written atomically
+
+// Has its time come? Unknown where it cannot be read, be it for want of memory.
+enum class expiry : unsigned char { ahead, passed, unknown };
+[[nodiscard]] expiry expiry_of(const cert_sts_info *info);
+
+// OpenSSL's comparison finds a certificate that does not encode equal to others.
+[[nodiscard]] bool is_comparable(X509 *cert);
+[[nodiscard]] bool is_same_cert(X509 *one, X509 *other);
+
+// What log lines call a certificate: its subject on one line, as OpenSSL writes it.
+class subject_text {
+ public:
+  explicit subject_text(const X509 *cert);
+  [[nodiscard]] const char *get() const { return text_or_null(text_.get()); }
+
+ private:
+  struct openssl_free {
+    void operator()(char *text) const { OPENSSL_free(text); }
+  };
+  std::unique_ptr<char, openssl_free> text_;
+};
+
+// Would a line of that level be sent? Most hosts mask debug lines, whose texts then need not be
+// made.
+[[nodiscard]] inline bool is_logged(log_level level) {
+  // lint: allow setlogmask: 0 only asks
+  return (setlogmask(0) & LOG_MASK(level)) != 0;
+}
+
+// RFC 5280 6.1.4, with our own rules for issuers. Each logs why it refuses.
+[[nodiscard]] bool are_extensions_readable(X509 *cert, int depth);
+[[nodiscard]] bool is_path_length_kept(X509 *cert, int depth);
+[[nodiscard]] bool are_critical_extensions_known(X509 *cert, int depth);
+[[nodiscard]] bool may_issue(X509 *cert, int depth);
 
 }  // namespace pki
 

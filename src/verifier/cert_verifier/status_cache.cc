@@ -1,6 +1,5 @@
 // The status cache: a short list that saves repeated fetches, not a large working set.
 #include <libpki/error.h>
-#include <openssl/x509v3.h>
 
 #include <climits>
 #include <ctime>
@@ -17,18 +16,20 @@ cert_sts_info_cache pki_csi_cache = {nullptr, &pki_csi_cache.first, 0, PTHREAD_R
 int csi_is_init = 0;
 int disable_crl_check = 0;
 
+expiry expiry_of(const cert_sts_info *info) {
+  openssl_error_mark unknown_says_it_all;
+  time_t now = time(nullptr);
+  int order = info->valid_until ? X509_cmp_time(info->valid_until, &now) : 0;
+  if (order == 0)
+    return expiry::unknown;
+  return order > 0 ? expiry::ahead : expiry::passed;
+}
+
 namespace {
 
 // A time that cannot be read is over.
 bool has_expired(const cert_sts_info *info) {
-  time_t now = time(nullptr);
-  return !info->valid_until || X509_cmp_time(info->valid_until, &now) <= 0;
-}
-
-// OpenSSL's comparison finds a certificate that does not encode equal to others.
-bool is_comparable(X509 *cert) {
-  openssl_error_mark discard_errors;
-  return (X509_get_extension_flags(cert) & EXFLAG_NO_FINGERPRINT) == 0;
+  return expiry_of(info) != expiry::ahead;
 }
 
 bool is_linked(const cert_sts_info *info) {

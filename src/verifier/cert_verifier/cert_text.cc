@@ -1,0 +1,24 @@
+// What log lines call a certificate, and when two are the same.
+#include <openssl/x509v3.h>
+
+#include "verifier/cert_verifier/internal.h"
+
+namespace pki {
+
+subject_text::subject_text(const X509 *cert) {
+  openssl_error_mark no_text_is_no_error;
+  text_.reset(X509_NAME_oneline(X509_get_subject_name(cert), nullptr, 0));
+}
+
+bool is_comparable(X509 *cert) {
+  openssl_error_mark discard_errors;
+  return (X509_get_extension_flags(cert) & EXFLAG_NO_FINGERPRINT) == 0;
+}
+
+bool is_same_cert(X509 *one, X509 *other) {
+  if (!one || !other)
+    return false;
+  return one == other || (is_comparable(one) && is_comparable(other) && X509_cmp(one, other) == 0);
+}
+
+}  // namespace pki

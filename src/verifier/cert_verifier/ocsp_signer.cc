@@ -1,0 +1,270 @@
+// Who signed an OCSP response, and whether that counts (RFC 6960 4.2.2.2).
+#include <libpki/error.h>
+#include <libpki/store.h>
+#include <libpki/util.h>
+#include <openssl/x509v3.h>
+
+#include <cstring>
+#include <ctime>
+
+#include "common/limits.h"
+#include "verifier/cert_verifier/internal.h"
+#include "verifier/cert_verifier/ocsp.h"
+
+namespace pki {
+
+namespace {
+
+using certs_ptr =
+    std::unique_ptr<STACK_OF(X509),
+                    free_with<[](STACK_OF(X509) * certs) { sk_X509_pop_free(certs, X509_free); }>>;
+
+// Exactly one is set.
+struct responder_id {
+  const ASN1_OCTET_STRING *key_hash = nullptr;
+  const X509_NAME *name = nullptr;
+};
+
+// What the status of a signer is worth.
+enum class trust : unsigned char { no, yes, failed };
+
+int read_responder_id(const OCSP_BASICRESP *basic, responder_id *id) {
+  if (OCSP_resp_get0_id(basic, &id->key_hash, &id->name) == 1)
+    return PKI_OK;
+  syslog(log_error, "Unknown responder-id type %d encountered", -1);
+  return PKI_INVALID_ARGS;
+}
+
+bool has_key_hash(const X509 *cert, const ASN1_OCTET_STRING *wanted) {
+  unsigned char hash[EVP_MAX_MD_SIZE];
+  unsigned length = 0;
+  openssl_error_mark no_key_is_no_match;
+  return X509_pubkey_digest(cert, EVP_sha1(), hash, &length) == 1 &&
+         ASN1_STRING_length(wanted) == static_cast<int>(length) &&
+         std::memcmp(ASN1_STRING_get0_data(wanted), hash, length) == 0;
+}
+
+bool fits(X509 *cert, const responder_id &id) {
+  if (id.key_hash)
+    return has_key_hash(cert, id.key_hash);
+  const X509_NAME *subject = X509_get_subject_name(cert);
+  return prepare_to_compare(subject) == PKI_OK && X509_NAME_cmp(subject, id.name) == 0;
+}
+
+bool holds(const STACK_OF(X509) * certs, X509 *cert) {
+  for (int i = 0; i < sk_X509_num(certs); i++)
+    if (is_same_cert(sk_X509_value(certs, i), cert))
+      return true;
+  return false;
+}
+
+int add_known_signer(STACK_OF(X509) * candidates, X509 *cert, const responder_id &id) {
+  if (!cert || !fits(cert, id) || holds(candidates, cert))
+    return PKI_OK;
+  if (!take_reference(cert))
+    return PKI_CRYPTO_LOCK_FAILED;
+  if (sk_X509_push(candidates, cert) > 0)
+    return PKI_OK;
+  X509_free(cert);
+  return PKI_OUT_OF_MEMORY;
+}
+
+int find_in_store(const responder_id &id, STACK **found) {
+  if (id.name)
+    return pki_find_certs_by_subject(id.name, found);
+  return pki_find_certs_by_key_hash(EVP_sha1(), ASN1_STRING_get0_data(id.key_hash),
+                                    ASN1_STRING_length(id.key_hash), found);
+}
+
+// The store's certificates, then those that the configuration, the chain and the response bring.
+// (The store may hold another certificate in the place of the one that the responder sent.)
+int add_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
+                   STACK_OF(X509) * candidates) {
+  auto *list = reinterpret_cast<STACK *>(candidates);
+  int error = find_in_store(id, &list);
+  // A hash of another length is nobody's.
+  if (error && error != PKI_INVALID_ARGS)
+    return error;
+  if ((error = add_known_signer(candidates, query.responder->signer, id)))
+    return error;
+  if ((error = add_known_signer(candidates, query.issuer, id)))
+    return error;
+  const STACK_OF(X509) *sent = OCSP_resp_get0_certs(basic);
+  for (int i = 0; i < sk_X509_num(sent) && i < ocsp_max_certs; i++)
+    if ((error = add_known_signer(candidates, sk_X509_value(sent, i), id)))
+      return error;
+  return PKI_OK;
+}
+
+int find_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
+                    certs_ptr *candidates) {
+  openssl_error_mark the_line_says_it_all;
+  candidates->reset(sk_X509_new_null());
+  if (!*candidates)
+    return want_of_memory();
+  int error = add_candidates(query, basic, id, candidates->get());
+  if (error == PKI_OUT_OF_MEMORY)
+    return want_of_memory();
+  if (error)
+    syslog(log_error, "Error looking up ocsp-response signers: %s",
+           pki_strerror(static_cast<unsigned>(error)));
+  return error;
+}
+
+bool verifies(const OCSP_BASICRESP *basic, EVP_PKEY *key) {
+  openssl_error_mark another_key_is_no_error;
+  return ASN1_item_verify(ASN1_ITEM_rptr(OCSP_RESPDATA),
+                          const_cast<X509_ALGOR *>(OCSP_resp_get0_tbs_sigalg(basic)),
+                          const_cast<ASN1_OCTET_STRING *>(OCSP_resp_get0_signature(basic)),
+                          const_cast<OCSP_RESPDATA *>(OCSP_resp_get0_respdata(basic)), key) == 1;
+}
+
+// Null, with the reasons in the log, when the certificate's key cannot be used.
+EVP_PKEY *public_key_of(const X509 *cert, int *error) {
+  EVP_PKEY *key = X509_get0_pubkey(cert);
+  if (key)
+    return key;
+  syslog(log_error, "failed to get public key from issuer cert");
+  *error = openssl_failure(PKI_INVALID_PUBLIC_KEY);
+  return nullptr;
+}
+
+// Drops the candidates that did not sign.
+int keep_signers(const OCSP_BASICRESP *basic, STACK_OF(X509) * candidates) {
+  for (int i = 0; i < sk_X509_num(candidates);) {
+    int error = PKI_OK;
+    EVP_PKEY *key = public_key_of(sk_X509_value(candidates, i), &error);
+    if (error == PKI_OUT_OF_MEMORY)
+      return error;
+    if (key && verifies(basic, key))
+      i++;
+    else
+      X509_free(sk_X509_delete(candidates, i));
+  }
+  if (sk_X509_num(candidates) < 1) {
+    syslog(log_error, "No signer cert found which could verify the ocsp response");
+    return PKI_NO_SIGNERS;
+  }
+  syslog(log_debug, "Found %d signer certs which could verify the ocsp response",
+         sk_X509_num(candidates));
+  return PKI_OK;
+}
+
+bool may_sign_for_others(X509 *signer) {
+  uint32_t flags = X509_get_extension_flags(signer);
+  if ((flags & EXFLAG_XKUSAGE) != 0 && (X509_get_extended_key_usage(signer) & XKU_OCSP_SIGN) != 0)
+    return true;
+  syslog(log_warning,
+         "ocsp-response signer (%s) has no ocsp-signing extended key-usage - discarding",
+         subject_text(signer).get());
+  return false;
+}
+
+trust is_issued_by(X509 *signer, X509 *issuer) {
+  int error = PKI_OK;
+  EVP_PKEY *key = public_key_of(issuer, &error);
+  if (!key)
+    return trust::failed;
+  openssl_error_mark another_key_is_no_error;
+  if (X509_check_issued(issuer, signer) == X509_V_OK && X509_verify(signer, key) == 1)
+    return trust::yes;
+  syslog(log_warning, "ocsp-response signer cert (%s) was not issued by cert-issuer - discarding",
+         subject_text(signer).get());
+  return trust::no;
+}
+
+bool is_within_validity(X509 *signer) {
+  openssl_error_mark the_line_says_it_all;
+  time_t latest_start = time(nullptr) + ocsp_clock_tolerance_seconds;
+  time_t earliest_end = time(nullptr) - ocsp_clock_tolerance_seconds;
+  if (X509_cmp_time(X509_get0_notBefore(signer), &latest_start) < 0 &&
+      X509_cmp_time(X509_get0_notAfter(signer), &earliest_end) > 0)
+    return true;
+  syslog(log_warning, "ocsp-response signer (%s) is outside its validity period - discarding",
+         subject_text(signer).get());
+  return false;
+}
+
+bool is_spared_status_check(X509 *signer) {
+  if (X509_get_ext_by_NID(signer, NID_id_pkix_OCSP_noCheck, -1) < 0)
+    return false;
+  syslog(log_debug,
+         "ocsp-response signer's certificate has the no-check extension - not doing any status "
+         "check on it");
+  return true;
+}
+
+// Nobody vouches for himself, whatever his certificate allows.
+bool is_cert_in_question(const ocsp_query &query, X509 *signer) {
+  if (!is_same_cert(signer, query.cert))
+    return false;
+  syslog(log_warning,
+         "ocsp-response signer's cert is the same cert being validated! Ignoring response");
+  return true;
+}
+
+trust check_status_of_signer(const ocsp_query &query, X509 *signer) {
+  if (is_cert_in_question(query, signer))
+    return trust::no;
+  subject_text subject(signer);
+  syslog(log_debug, "checking certificate status of ocsp-response signer's cert (%s)",
+         subject.get());
+  int status = zv_cv_check_cert_status(signer, query.issuer, query.ctx, 1, query.depth + 1);
+  if (status == PKI_CERT_OK) {
+    syslog(log_debug, "ocsp-response signer's cert (%s) is ok", subject.get());
+    return trust::yes;
+  }
+  syslog(log_warning, "ocsp-response signer's cert (%s) was %s - rejecting it", subject.get(),
+         zv_cv_cert_sts_to_str(status));
+  return trust::no;
+}
+
+// A responder that the issuer has delegated.
+trust check_delegation(const ocsp_query &query, X509 *signer) {
+  if (!may_sign_for_others(signer))
+    return trust::no;
+  trust issued = is_issued_by(signer, query.issuer);
+  if (issued != trust::yes)
+    return issued;
+  if (!is_within_validity(signer))
+    return trust::no;
+  bool is_spared = !is_same_cert(signer, query.cert) && is_spared_status_check(signer);
+  return is_spared ? trust::yes : check_status_of_signer(query, signer);
+}
+
+trust check_trust(const ocsp_query &query, X509 *signer) {
+  bool is_configured = is_same_cert(signer, query.responder->signer);
+  if (is_configured && query.responder->ocsp_flag) {
+    syslog(log_debug, "ocsp-response signer is the same as the configured one - accepting it");
+    return trust::yes;
+  }
+  if (query.issuer_may_sign && is_same_cert(signer, query.issuer)) {
+    syslog(log_debug, "ocsp-response signer is the same as the cert issuer - accepting it");
+    return trust::yes;
+  }
+  return is_configured ? check_status_of_signer(query, signer) : check_delegation(query, signer);
+}
+
+}  // namespace
+
+int check_signer(const ocsp_query &query, const OCSP_BASICRESP *basic) {
+  responder_id id;
+  if (int error = read_responder_id(basic, &id))
+    return error;
+  certs_ptr candidates;
+  if (int error = find_candidates(query, basic, id, &candidates))
+    return error;
+  if (int error = keep_signers(basic, candidates.get()))
+    return error;
+  for (int i = 0; i < sk_X509_num(candidates.get()); i++) {
+    trust found = check_trust(query, sk_X509_value(candidates.get(), i));
+    if (found == trust::yes)
+      return PKI_OK;
+    if (found == trust::failed)
+      return PKI_INVALID_PUBLIC_KEY;
+  }
+  syslog(log_error, "no ocsp-response signer certs were trusted");
+  return PKI_NO_SIGNERS;
+}
+
+}  // namespace pki

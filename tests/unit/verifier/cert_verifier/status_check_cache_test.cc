@@ -1,0 +1,190 @@
+// The status check: its depth limit, the cache, and checking turned off.
+#include <climits>
+
+#include "../extension_der.h"
+#include "validator_support.h"
+
+using namespace validator_support;
+
+namespace {
+
+const char *const checking = "Checking status for cert '/CN=leaf'";
+
+class StatusCheck : public chain_test {
+ protected:
+  void SetUp() override {
+    chain_test::SetUp();
+    ctx_ = prepare({leaf_, inter_, root_}, 0);
+  }
+  int check(const cert &subject, int depth = 0) {
+    return zv_cv_check_cert_status(subject.get(), inter_.get(), ctx_.get(), 1, depth);
+  }
+  int check(int depth = 0) { return check(leaf_, depth); }
+
+  context ctx_;
+};
+
+TEST_F(StatusCheck, WithoutASourceIsOkAndNothingIsCached) {
+  EXPECT_EQ(PKI_CERT_OK, check());
+  EXPECT_EQ(1U, count_logged(7, checking));
+  EXPECT_EQ(lines{}, complaints());
+  EXPECT_FALSE(cached(leaf_));
+}
+
+TEST_F(StatusCheck, NeedsNoContext) {
+  EXPECT_EQ(PKI_CERT_OK, zv_cv_check_cert_status(leaf_.get(), inter_.get(), nullptr, 1, 0));
+}
+
+TEST_F(StatusCheck, NoCertificateIsUnknown) {
+  EXPECT_EQ(PKI_CERT_UNKNOWN, zv_cv_check_cert_status(nullptr, inter_.get(), ctx_.get(), 1, 0));
+}
+
+TEST_F(StatusCheck, BeginsWithALineWhateverComesOfIt) {
+  cache_status(leaf_, PKI_CERT_OK);
+  clear_log();
+  check();
+  ASSERT_FALSE(captured_log().empty());
+  EXPECT_EQ((log_entry{7, checking}), captured_log()[0]);
+  clear_log();
+  check(10);
+  ASSERT_FALSE(captured_log().empty());
+  EXPECT_EQ((log_entry{7, checking}), captured_log()[0]);
+}
+
+// ---- depth ----
+
+class StatusCheckDepth : public StatusCheck, public testing::WithParamInterface<int> {};
+
+TEST_P(StatusCheckDepth, OfTenOrMoreIsUnknownWithoutTouchingTheCache) {
+  record info = cache_status(leaf_, PKI_CERT_OK);
+  add_always_ok();
+  clear_log();
+  EXPECT_EQ(PKI_CERT_UNKNOWN, check(GetParam()));
+  EXPECT_EQ(0U, info->hits);
+  EXPECT_EQ(
+      (std::vector<log_entry>{
+          {7, checking},
+          {3, "Maximum recursion depth reached - aborting  verification of cert (/CN=leaf)"}}),
+      captured_log())
+      << log_dump();
+}
+
+TEST_P(StatusCheckDepth, OfTenOrMoreIsUnknownAlsoWhenCheckingIsOff) {
+  zv_cv_disable_crl_check(1);
+  EXPECT_EQ(PKI_CERT_UNKNOWN, check(GetParam()));
+  EXPECT_FALSE(cached(leaf_));
+}
+
+INSTANTIATE_TEST_SUITE_P(Depths, StatusCheckDepth, testing::Values(10, 11, 64, 1000, INT_MAX));
+
+TEST_F(StatusCheck, DepthOfNineIsChecked) {
+  add_always_ok();
+  for (int depth : {1, 5, 9}) {
+    zv_cv_clear_cert_sts_info_cache();
+    EXPECT_EQ(PKI_CERT_OK, check(depth)) << depth;
+    EXPECT_TRUE(cached(leaf_));
+  }
+}
+
+// ---- the cache ----
+
+TEST_F(StatusCheck, CachedStatusIsTheAnswer) {
+  for (int status : {PKI_CERT_UNKNOWN, PKI_CERT_OK, PKI_CERT_REVOKED}) {
+    zv_cv_clear_cert_sts_info_cache();
+    record info = cache_status(leaf_, status);
+    clear_log();
+    EXPECT_EQ(status, check());
+    EXPECT_EQ((std::vector<log_entry>{
+                  {7, checking},
+                  {7, std::string("Found cert-status for cert '/CN=leaf' in cache - status is: ") +
+                          zv_cv_cert_sts_to_str(status)}}),
+              captured_log())
+        << log_dump();
+    EXPECT_EQ(1U, info->hits);
+    EXPECT_EQ(2U, info->ref_count);
+  }
+}
+
+TEST_F(StatusCheck, CachedStatusComesBeforeEveryRule) {
+  cache_status(leaf_, PKI_CERT_REVOKED);
+  add_always_ok();
+  EXPECT_EQ(PKI_CERT_REVOKED, check());
+}
+
+TEST_F(StatusCheck, CachedStatusOfAnotherCertificateIsNotTheAnswer) {
+  cache_status(make_leaf({}, 99), PKI_CERT_REVOKED);
+  EXPECT_EQ(PKI_CERT_OK, check());
+}
+
+TEST_F(StatusCheck, CachedStatusHoldsUntilItExpires) {
+  record info = cache_status(leaf_, PKI_CERT_REVOKED, 100);
+  fake_clock::advance(99);
+  EXPECT_EQ(PKI_CERT_REVOKED, check());
+  fake_clock::advance(2);
+  EXPECT_EQ(PKI_CERT_OK, check());
+}
+
+TEST_F(StatusCheck, ExpiredStatusIsRemovedAndReleased) {
+  record info = cache_status(leaf_, PKI_CERT_REVOKED, 100);
+  fake_clock::advance(101);
+  clear_log();
+  EXPECT_EQ(PKI_CERT_OK, check());
+  EXPECT_FALSE(cached(leaf_));
+  EXPECT_EQ(1U, info->ref_count);
+  EXPECT_EQ(nullptr, info->link.previous);
+  EXPECT_FALSE(logged_containing(7, "in cache"));
+}
+
+TEST_F(StatusCheck, ExpiredStatusIsReplacedByAFreshOne) {
+  record old = cache_status(leaf_, PKI_CERT_REVOKED, 100);
+  fake_clock::advance(101);
+  add_always_ok();
+  EXPECT_EQ(PKI_CERT_OK, check());
+  record fresh = cached(leaf_);
+  ASSERT_TRUE(fresh);
+  EXPECT_NE(old.get(), fresh.get());
+  EXPECT_EQ(PKI_CERT_OK, fresh->status);
+}
+
+TEST_F(StatusCheck, StatusOutOfRangeIsHandedOnAndRejected) {
+  cache_status(leaf_, 7);
+  EXPECT_EQ(7, check());
+  EXPECT_TRUE(was_logged(
+      7, "Found cert-status for cert '/CN=leaf' in cache - status is: <invalid cert status>"));
+  EXPECT_FALSE(accepts(chain(), internet));
+}
+
+// ---- checking turned off ----
+
+TEST_F(StatusCheck, TurnedOffIsOkAndNothingIsCached) {
+  add_ocsp("http://127.0.0.1:1/", false, true);
+  zv_cv_disable_crl_check(1);
+  EXPECT_EQ(PKI_CERT_OK, check());
+  EXPECT_FALSE(cached(leaf_));
+  EXPECT_EQ(std::vector<log_entry>({{7, checking}}), captured_log()) << log_dump();
+}
+
+TEST_F(StatusCheck, TurnedOffStillAsksTheCache) {
+  zv_cv_disable_crl_check(1);
+  cache_status(leaf_, PKI_CERT_REVOKED);
+  EXPECT_EQ(PKI_CERT_REVOKED, check());
+  verdict result = verify(chain(), internet);
+  EXPECT_EQ(0, result.accepted);
+  EXPECT_EQ(X509_V_ERR_CERT_REVOKED, result.error);
+}
+
+TEST_F(StatusCheck, TurnedOffStillRemovesAnExpiredStatus) {
+  record info = cache_status(leaf_, PKI_CERT_REVOKED, 100);
+  fake_clock::advance(101);
+  zv_cv_disable_crl_check(1);
+  EXPECT_EQ(PKI_CERT_OK, check());
+  EXPECT_EQ(1U, info->ref_count);
+  EXPECT_FALSE(cached(leaf_));
+}
+
+TEST_F(StatusCheck, TurnedOffPassesSourcesThatCannotBeRead) {
+  zv_cv_disable_crl_check(1);
+  EXPECT_EQ(PKI_CERT_OK, check(make_leaf({extension_der::raw("authorityInfoAccess", "x")})));
+}
+
+}  // namespace

@@ -1,0 +1,92 @@
+// The certificates that a verification leaves in the store.
+#include "fakes/failures.h"
+#include "validator_support.h"
+
+using namespace validator_support;
+
+namespace {
+
+using serials = std::vector<long>;
+
+class ValidatorCollect : public chain_test {
+ protected:
+  static cert extra(long serial) {
+    return make({.subject = "extra", .issuer = "elsewhere", .serial = serial});
+  }
+};
+
+TEST_F(ValidatorCollect, ChainAboveTheEndEntityThenUntrustedOnesButTheFirst) {
+  for (const named_callback &each : all_callbacks) {
+    support::empty_store();
+    verification what = chain();
+    what.untrusted = {extra(100), inter_, extra(101), extra(102)};
+    ASSERT_TRUE(accepts(what, each.call)) << each.name;
+    // The root and the chain's intermediate have the serial numbers 1 and 2.
+    EXPECT_EQ((serials{2, 1, 101, 102}), collected()) << each.name;
+    EXPECT_EQ(0, OPENSSL_sk_num(pki_store->provisioned_certs)) << each.name;
+  }
+}
+
+TEST_F(ValidatorCollect, WithoutUntrustedOnesOnlyTheChain) {
+  ASSERT_TRUE(accepts({.leaf = leaf_, .trusted = {root_, inter_}}, local));
+  EXPECT_EQ((serials{2, 1}), collected());
+}
+
+TEST_F(ValidatorCollect, EndEntityIsNotKept) {
+  ASSERT_TRUE(accepts({.leaf = root_, .trusted = {root_}}, local));
+  EXPECT_EQ(serials{}, collected());
+}
+
+TEST_F(ValidatorCollect, SecondVerificationAddsNothing) {
+  for (int i = 0; i < 3; i++)
+    ASSERT_TRUE(accepts(chain(), internet));
+  EXPECT_EQ((serials{2, 1}), collected());
+}
+
+TEST_F(ValidatorCollect, HappensBeforeTheOthersAreJudged) {
+  cache_status(inter_, PKI_CERT_REVOKED);
+  EXPECT_FALSE(accepts(chain(), internet));
+  EXPECT_EQ((serials{2, 1}), collected());
+}
+
+TEST_F(ValidatorCollect, NothingIsKeptBelowTheTop) {
+  for (int depth : {0, 1}) {
+    context ctx = prepare({leaf_, inter_, root_}, depth);
+    EXPECT_EQ(1, local(1, ctx.get()));
+  }
+  EXPECT_EQ(serials{}, collected());
+}
+
+TEST_F(ValidatorCollect, DepthBeyondTheChainCountsAsTheTop) {
+  context ctx = prepare({leaf_, inter_, root_}, 2);
+  X509_STORE_CTX_set_error_depth(ctx.get(), 7);
+  EXPECT_EQ(1, local(1, ctx.get()));
+  EXPECT_EQ((serials{2, 1}), collected());
+}
+
+TEST_F(ValidatorCollect, NothingIsKeptOfAChainThatOpenSslRefuses) {
+  EXPECT_FALSE(accepts({.leaf = leaf_, .untrusted = {inter_}}, local));
+  EXPECT_EQ(serials{}, collected());
+}
+
+TEST_F(ValidatorCollect, ReferencesAreTheStoresOwn) {
+  {
+    cert inter = make_inter({}, 50), root = make_root();
+    ASSERT_TRUE(accepts({.leaf = leaf_, .untrusted = {inter}, .trusted = {root}}, local));
+  }
+  ASSERT_EQ((serials{50, 1}), collected());
+  auto *kept = static_cast<X509 *>(OPENSSL_sk_value(pki_store->collected_certs, 0));
+  X509_NAME *subject = X509_get_subject_name(kept);
+  EXPECT_EQ(0, X509_NAME_cmp(subject, support::common_name("inter").get()));
+}
+
+TEST_F(ValidatorCollect, ThousandUntrustedOnesKeepTheLimit) {
+  verification what = chain();
+  for (long serial = 1000; serial < 1600; serial++)
+    what.untrusted.push_back(extra(serial));
+  EXPECT_TRUE(accepts(what, local));
+  EXPECT_LE(collected().size(), 512U);
+  EXPECT_EQ(1599, collected().back());
+}
+
+}  // namespace
