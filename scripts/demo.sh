@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Shows a device's way to its certificate from end to end: a CA's document is signed, served,
 # downloaded and checked; a key is made, a certificate for it requested by SCEP, verified and looked
-# up again; then three bad documents are refused. Everything happens in a temporary folder and on
-# the loopback. Exit code 0 only if all of it went as told.
+# up again; its status is asked by OCSP until it is revoked and refused; then three bad documents are
+# refused. Everything happens in a temporary folder and on the loopback. Exit code 0 only if all of
+# it went as told.
 #
 # usage: scripts/demo.sh BUILD_DIR
 set -euo pipefail
@@ -163,15 +164,25 @@ serial=$(openssl x509 -in state/certs/device/first.pem -noout -serial)
 must_work pkictl cert find "${serial#serial=}" --ca office --key device --state state
 must_show "CN=device, O=Example"
 
-step "10. A document that a stranger signed is refused"
+step "10. Whoever meets the certificate asks the CA's OCSP responder whether it still holds"
+must_work pkictl verify state/certs/device/first.pem --state state
+must_show "good, internet flavour"
+must_show "asked $url/ocsp: ok"
+
+step "11. The CA revokes it, and it is refused"
+must_work pkilab revoke --dir lab state/certs/device/first.pem
+must_be_refused "its status is revoked" pkictl verify state/certs/device/first.pem --state state
+must_show "asked $url/ocsp: revoked"
+
+step "12. A document that a stranger signed is refused"
 must_be_refused "SIG VERIFY FAILED (29)" \
   pkictl provision "$url/misbehave/wrong-key/ca-info" --doc-key lab/doc-key.pub.pem
 
-step "11. So is a download that breaks off"
+step "13. So is a download that breaks off"
 must_be_refused "HTTP ERROR (47)" \
   pkictl provision "$url/misbehave/truncate-body/ca-info" --doc-key lab/doc-key.pub.pem
 
-step "12. And a document that was changed on its way"
+step "14. And a document that was changed on its way"
 must_be_refused "SIG VERIFY FAILED (29)" \
   pkictl provision "$url/misbehave/corrupt-signature/ca-info" --doc-key lab/doc-key.pub.pem
 
@@ -181,5 +192,5 @@ wait "$lab" || code=$?
 lab=''
 [ "$code" -eq 0 ] || fail "pkilab should have ended with 0, not $code"
 
-printf '\n%sDEMO OK: the device was provisioned and enrolled, three bad documents were refused.%s\n' \
+printf '\n%sDEMO OK: provisioned, enrolled, good until revoked; three bad documents were refused.%s\n' \
   "$bold" "$plain"

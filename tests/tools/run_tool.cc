@@ -53,7 +53,7 @@ process start(const std::string &name, const strings &arguments, const strings &
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
   posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  strings words = {std::string(TOOL_DIR) + "/" + name};
+  strings words = {std::filesystem::path(TOOL_DIR) / name};
   words.insert(words.end(), arguments.begin(), arguments.end());
   strings entries = whole_environment(environment);
   pid_t pid = -1;

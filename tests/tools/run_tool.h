@@ -18,8 +18,9 @@ struct result {
   std::string err;
 };
 
-// Runs TOOL_DIR/name to its end, with an empty standard input and further environment entries
-// "NAME=VALUE". Without one XDG_STATE_HOME is a folder of the test program's own.
+// Runs TOOL_DIR/name, or a program with an absolute path, to its end, with an empty standard input
+// and further environment entries "NAME=VALUE". Without one XDG_STATE_HOME is a folder of the test
+// program's own.
 result run(const std::string &name, const strings &arguments, const strings &environment = {});
 inline result pkictl(const strings &arguments, const strings &environment = {}) {
   return run("pkictl", arguments, environment);

@@ -36,6 +36,7 @@ void add_key_command(CLI::App &app, action *chosen);
 void add_enroll_command(CLI::App &app, action *chosen);
 void add_cert_command(CLI::App &app, action *chosen);
 void add_scep_command(CLI::App &app, action *chosen);
+void add_verify_command(CLI::App &app, action *chosen);
 
 }  // namespace pkictl
 

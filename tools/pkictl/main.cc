@@ -31,6 +31,7 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
   pkictl::add_key_command(app, chosen);
   pkictl::add_enroll_command(app, chosen);
   pkictl::add_cert_command(app, chosen);
+  pkictl::add_verify_command(app, chosen);
   pkictl::add_scep_command(app, chosen);
   pkictl::add_error_command(app, chosen);
 }

@@ -174,6 +174,10 @@ std::vector<std::string> state_folder::certs(const std::string &key) const {
   return labels_in(folder_ + "/certs/" + key);
 }
 
+std::vector<std::string> state_folder::cas() const {
+  return labels_in(folder_ + "/cas");
+}
+
 tools::key_ptr state_folder::load_key(const std::string &key) const {
   if (!has_key(key))
     throw tools::failure("there is no key " + key + " in " + folder_ +

@@ -48,6 +48,7 @@ class state_folder {
   bool has_cert(const std::string &key, const std::string &cert) const;
   std::vector<std::string> keys() const;
   std::vector<std::string> certs(const std::string &key) const;
+  std::vector<std::string> cas() const;
 
   tools::key_ptr load_key(const std::string &key) const;
   // Also fails when the certificate is for another key.

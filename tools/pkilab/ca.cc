@@ -93,8 +93,12 @@ ca::pair ca::load_or_make_pair(const std::string &name, const std::string &commo
   return made;
 }
 
+tools::key_ptr ca::make_key() const {
+  return make_rsa_key(key_bits_);
+}
+
 EVP_PKEY *ca::stranger_key() const {
-  std::call_once(stranger_made_, [this] { stranger_key_ = make_rsa_key(key_bits_); });
+  std::call_once(stranger_made_, [this] { stranger_key_ = make_key(); });
   return stranger_key_.get();
 }
 

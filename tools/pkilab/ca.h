@@ -2,6 +2,7 @@
 #ifndef TOOLS_PKILAB_CA_H
 #define TOOLS_PKILAB_CA_H
 
+#include <array>
 #include <mutex>
 #include <string>
 
@@ -17,7 +18,9 @@ namespace pkilab {
  *   issuing-key.pem, issuing-cert.pem       the SCEP CA; self-signed, so that issuer and subject
  *                                           are the same
  *   additional-key.pem, additional-cert.pem a CA below the root
- *   issued/SERIAL.pem                       what the SCEP CA issued; see issued_certs.h
+ *   issued/SERIAL.pem                       what the lab issued; see issued_certs.h
+ *   revoked/SERIAL.txt                      what of it is revoked; see revocations.h
+ *   ocsp/NAME.pem                           OCSP responders; see ocsp_signers.h
  */
 class ca {
  public:
@@ -37,6 +40,11 @@ class ca {
   const pair &root() const { return root_; }
   const pair &issuing() const { return issuing_; }
   const pair &additional() const { return additional_; }
+  // All three.
+  std::array<const pair *, 3> pairs() const { return {&root_, &issuing_, &additional_}; }
+
+  // A new key, as strong as the others.
+  tools::key_ptr make_key() const;
 
   // A key that nobody knows, the same for as long as the object lives.
   EVP_PKEY *stranger_key() const;

@@ -55,11 +55,42 @@ bool add_extensions(X509 *cert, X509 *issuer) {
          add_extension(cert, issuer, NID_authority_key_identifier, "keyid");
 }
 
-bool add_device_extensions(X509 *cert, X509 *issuer) {
+// OpenSSL's text form of this extension would read commas in a URL as separators.
+bool add_ocsp_urls(X509 *cert, const std::vector<std::string> &urls) {
+  if (urls.empty())
+    return true;
+  std::unique_ptr<AUTHORITY_INFO_ACCESS, tools::free_with<AUTHORITY_INFO_ACCESS_free>> list(
+      AUTHORITY_INFO_ACCESS_new());
+  for (const std::string &url : urls) {
+    ACCESS_DESCRIPTION *entry = ACCESS_DESCRIPTION_new();
+    ASN1_IA5STRING *text = ASN1_IA5STRING_new();
+    if (!list || !entry || !text || ASN1_STRING_set(text, url.c_str(), -1) != 1 ||
+        sk_ACCESS_DESCRIPTION_push(list.get(), entry) < 1) {
+      ACCESS_DESCRIPTION_free(entry);
+      ASN1_IA5STRING_free(text);
+      return false;
+    }
+    entry->method = OBJ_nid2obj(NID_ad_OCSP);
+    GENERAL_NAME_set0_value(entry->location, GEN_URI, text);
+  }
+  return X509_add1_ext_i2d(cert, NID_info_access, list.get(), 0, X509V3_ADD_DEFAULT) == 1;
+}
+
+bool add_device_extensions(X509 *cert, X509 *issuer, const cert_wishes &wishes) {
   return add_extension(cert, issuer, NID_basic_constraints, "critical,CA:FALSE") &&
          add_extension(cert, issuer, NID_key_usage, "critical,digitalSignature,keyEncipherment") &&
          add_extension(cert, issuer, NID_subject_key_identifier, "hash") &&
-         add_extension(cert, issuer, NID_authority_key_identifier, "keyid");
+         add_extension(cert, issuer, NID_authority_key_identifier, "keyid") &&
+         add_ocsp_urls(cert, wishes.ocsp_urls) &&
+         (!wishes.ocsp_signing || add_extension(cert, issuer, NID_ext_key_usage, "OCSPSigning")) &&
+         (!wishes.ocsp_no_check ||
+          add_extension(cert, issuer, NID_id_pkix_OCSP_noCheck, "ignored"));
+}
+
+bool set_times(X509 *cert, const cert_wishes &wishes) {
+  time_t now = time(nullptr);
+  return ASN1_TIME_set(X509_getm_notBefore(cert), wishes.not_before.value_or(now - day)) &&
+         ASN1_TIME_set(X509_getm_notAfter(cert), wishes.not_after.value_or(now + 365 * day));
 }
 
 }  // namespace
@@ -88,17 +119,20 @@ tools::cert_ptr make_ca_cert(EVP_PKEY *key, const std::string &common_name, X509
   return cert;
 }
 
-tools::cert_ptr make_device_cert(EVP_PKEY *public_key, const X509_NAME *subject, X509 *signer_cert,
+tools::cert_ptr make_device_cert(const cert_wishes &wishes, X509 *signer_cert,
                                  EVP_PKEY *signer_key) {
   tools::cert_ptr cert(X509_new());
-  require(cert && X509_set_version(cert.get(), X509_VERSION_3) == 1 &&
-              set_random_serial(cert.get()) && X509_set_subject_name(cert.get(), subject) == 1 &&
-              X509_set_pubkey(cert.get(), public_key) == 1 &&
-              X509_set_issuer_name(cert.get(), X509_get_subject_name(signer_cert)) == 1 &&
-              X509_gmtime_adj(X509_getm_notBefore(cert.get()), -day) &&
-              X509_gmtime_adj(X509_getm_notAfter(cert.get()), 365 * day) &&
-              add_device_extensions(cert.get(), signer_cert),
-          "fill a certificate");
+  require(
+      cert && X509_set_version(cert.get(), X509_VERSION_3) == 1 && set_random_serial(cert.get()) &&
+          X509_set_subject_name(cert.get(), wishes.subject) == 1 &&
+          X509_set_pubkey(cert.get(), wishes.public_key) == 1 &&
+          X509_set_issuer_name(cert.get(), X509_get_subject_name(signer_cert)) == 1 &&
+          set_times(cert.get(), wishes) && add_device_extensions(cert.get(), signer_cert, wishes),
+      "fill a certificate");
+  if (!wishes.alt_names.empty() &&
+      !add_extension(cert.get(), signer_cert, NID_subject_alt_name, wishes.alt_names.c_str()))
+    throw tools::failure("cannot read the names " + wishes.alt_names +
+                         "; write them as in DNS:localhost,IP:127.0.0.1");
   require(X509_sign(cert.get(), signer_key, EVP_sha256()) > 0, "sign a certificate");
   return cert;
 }

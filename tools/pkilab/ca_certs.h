@@ -2,7 +2,10 @@
 #ifndef TOOLS_PKILAB_CA_CERTS_H
 #define TOOLS_PKILAB_CA_CERTS_H
 
+#include <ctime>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/common/ossl.h"
 
@@ -15,8 +18,21 @@ tools::key_ptr make_rsa_key(int bits);
 tools::cert_ptr make_ca_cert(EVP_PKEY *key, const std::string &common_name, X509 *signer_cert,
                              EVP_PKEY *signer_key);
 
-// A device's certificate, valid for a year, signed with SHA-256. Throws tools::failure.
-tools::cert_ptr make_device_cert(EVP_PKEY *public_key, const X509_NAME *subject, X509 *signer_cert,
+// What a certificate that is no CA's is to say.
+struct cert_wishes {
+  const X509_NAME *subject = nullptr;
+  EVP_PKEY *public_key = nullptr;
+  // Seconds since 1970; without them, yesterday and for a year from now.
+  std::optional<time_t> not_before;
+  std::optional<time_t> not_after;
+  std::vector<std::string> ocsp_urls;  // in an authorityInfoAccess
+  std::string alt_names;               // as in "DNS:localhost,IP:127.0.0.1"
+  bool ocsp_signing = false;           // extendedKeyUsage id-kp-OCSPSigning
+  bool ocsp_no_check = false;          // id-pkix-ocsp-nocheck
+};
+
+// Signed with SHA-256. Throws tools::failure.
+tools::cert_ptr make_device_cert(const cert_wishes &wishes, X509 *signer_cert,
                                  EVP_PKEY *signer_key);
 
 }  // namespace pkilab

@@ -119,7 +119,8 @@ std::string head_text(const response &response, std::optional<size_t> content_le
                      "\r\nServer: pkilab\r\n";
   for (const std::string &line : response.headers)
     head += line + "\r\n";
-  head += "Content-Type: " + response.content_type + "\r\n";
+  if (!response.content_type.empty())
+    head += "Content-Type: " + response.content_type + "\r\n";
   if (content_length)
     head += "Content-Length: " + std::to_string(*content_length) + "\r\n";
   return head + "\r\n";

@@ -39,7 +39,7 @@ std::optional<size_t> body_length(const request &request);
 
 struct response {
   int status = 200;
-  std::string content_type = "text/plain";
+  std::string content_type = "text/plain";  // "": no such line
   std::string body;
   std::vector<std::string> headers;  // further lines, without line ends
   std::string note;                  // for the lab's log only: what was answered

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/pkilab/ca.h"
+#include "tools/pkilab/ca_certs.h"
 
 namespace pkilab {
 
@@ -13,11 +14,13 @@ class issued_certs {
   // `keys` must outlive it.
   explicit issued_certs(const ca &keys) : keys_(keys), folder_(keys.folder() + "/issued") {}
 
-  // Issues a certificate for a year and keeps it as issued/SERIAL.pem. Throws tools::failure.
-  tools::cert_ptr issue(const X509_NAME *subject, EVP_PKEY *public_key) const;
+  // Issues a certificate and keeps it as issued/SERIAL.pem. Throws tools::failure.
+  tools::cert_ptr issue(const cert_wishes &wishes, const ca::pair &issuer) const;
 
   // An issued certificate, or one of the lab's own; null when there is none.
   tools::cert_ptr find(const X509_NAME *issuer, const ASN1_INTEGER *serial) const;
+  // The one with this serial number, whichever of the lab's CAs issued it; null when there is none.
+  tools::cert_ptr find(const ASN1_INTEGER *serial) const;
 
  private:
   std::string path(const ASN1_INTEGER *serial) const;

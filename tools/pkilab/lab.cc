@@ -4,6 +4,7 @@
 
 #include "tools/common/text.h"
 #include "tools/pkilab/misbehave.h"
+#include "tools/pkilab/ocsp_room.h"
 #include "tools/pkilab/scep_room.h"
 
 namespace pkilab {
@@ -33,6 +34,7 @@ route_table *add_rooms(route_table *routes, const ca &keys, const lab_options &o
   add_index(routes);
   add_ca_info_room(routes, keys, options.document_file, options.algorithms);
   add_scep_room(routes, keys, options.scep);
+  add_ocsp_room(routes, keys, options.ocsp);
   return routes;
 }
 

@@ -9,6 +9,7 @@
 #include "tools/pkilab/ca_info.h"
 #include "tools/pkilab/http_routes.h"
 #include "tools/pkilab/http_server.h"
+#include "tools/pkilab/ocsp_options.h"
 #include "tools/pkilab/scep_options.h"
 
 namespace pkilab {
@@ -20,6 +21,7 @@ struct lab_options {
   int key_bits = 2048;
   scep_algorithms algorithms;
   scep_options scep;
+  ocsp_options ocsp;
   // Receives a printable line a request, in several threads at once; may be empty.
   std::function<void(const std::string &line)> log;
 };

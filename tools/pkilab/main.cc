@@ -5,14 +5,16 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
-#include <iostream>
+#include <memory>
 
 #include "tools/common/command_line.h"
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/text.h"
+#include "tools/pkilab/command.h"
 #include "tools/pkilab/lab.h"
 #include "tools/pkilab/misbehave.h"
+#include "tools/pkilab/ocsp_command_line.h"
 #include "tools/pkilab/scep_command_line.h"
 
 namespace {
@@ -80,43 +82,54 @@ std::string serve_footer() {
          "\nSCEP is at /scep. It issues at once, unless the options say otherwise. Names for\n"
          "--scep-misbehave:\n\n" +
          pkilab::misdeed_list() +
+         "\nOCSP is at /ocsp. It tells the truth, unless the options or the query of the request's "
+         "URL\n(/ocsp?NAME=VALUE&...) say otherwise. Names for both:\n\n" +
+         pkilab::ocsp_option_list() +
          "\nExit codes: 0 ended by SIGTERM or SIGINT, 1 failed, 2 wrong usage.";
 }
 
-void add_serve_command(CLI::App *app, options *given) {
-  CLI::App *serve = app->add_subcommand("serve", "Serve a CA until SIGTERM or SIGINT");
-  serve
+void add_serve_command(CLI::App &app, pkilab::action *chosen) {
+  auto given = std::make_shared<options>();
+  CLI::App *serve_command = app.add_subcommand("serve", "Serve a CA until SIGTERM or SIGINT");
+  serve_command
       ->add_option("--dir", given->lab.folder,
                    "Folder of keys and certificates, which are made on first start")
       ->required();
-  serve->add_option("--port", given->lab.server.port, "Port; 0 for any free one")
+  serve_command->add_option("--port", given->lab.server.port, "Port; 0 for any free one")
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
-  serve->add_option("--bind", given->lab.server.bind, "Numeric address to listen on")
+  serve_command->add_option("--bind", given->lab.server.bind, "Numeric address to listen on")
       ->capture_default_str();
-  serve->add_option("--ready-file", given->ready_file,
-                    "File that receives the server's URL when it is ready");
-  serve->add_option("--document", given->lab.document_file,
-                    "Serve this signed document at /ca-info instead of the lab's own");
-  pkilab::add_scep_options(serve, &given->lab);
-  serve->add_flag("-q,--quiet", given->quiet, "No line a request on stderr");
-  serve->footer(serve_footer());
+  serve_command->add_option("--ready-file", given->ready_file,
+                            "File that receives the server's URL when it is ready");
+  serve_command->add_option("--document", given->lab.document_file,
+                            "Serve this signed document at /ca-info instead of the lab's own");
+  pkilab::add_scep_options(serve_command, &given->lab);
+  pkilab::add_ocsp_command_line(serve_command, &given->lab);
+  serve_command->add_flag("-q,--quiet", given->quiet, "No line a request on stderr");
+  serve_command->footer(serve_footer());
+  serve_command->callback([given, chosen] { *chosen = [given] { return serve(*given); }; });
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
   tools::keep_standard_streams();
-  options given;
+  pkilab::action chosen;
   int code = tools::exit_done;
   CLI::App app("A CA to try the library on, with an HTTP server of its own", "pkilab");
   app.set_version_flag("--version", "pkilab " TOOL_VERSION);
   app.require_subcommand(1);
-  add_serve_command(&app, &given);
+  add_serve_command(app, &chosen);
+  pkilab::add_issue_command(app, &chosen);
+  pkilab::add_revoke_commands(app, &chosen);
   if (!tools::parse_command_line(app, argc, argv, &code))
     return code;
   try {
-    return serve(given);
+    return chosen();
+  } catch (const tools::usage_failure &error) {
+    tools::complain("pkilab", error.what());
+    return tools::exit_usage;
   } catch (const std::exception &error) {
     tools::complain("pkilab", error.what());
     return tools::exit_failed;

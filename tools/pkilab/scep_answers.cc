@@ -60,7 +60,8 @@ std::string describe(int type, const std::string &transaction_id, const scep_rep
 
 }  // namespace
 
-scep_answer scep_responder::answer(const std::string &der, bool by_stranger) {
+scep_answer scep_responder::answer(const std::string &der, bool by_stranger,
+                                   const std::string &ocsp_url) {
   tools::pkcs7_ptr message = tools::decode_pkcs7(der);
   if (!message)
     return {"", "the message is no PKCS#7", "unknown"};
@@ -70,7 +71,7 @@ scep_answer scep_responder::answer(const std::string &der, bool by_stranger) {
   int type = tools::scep_number(asked.type);
   decision made;
   try {
-    made = decide(type, *asked.transaction_id, message.get());
+    made = decide({type, *asked.transaction_id, message.get(), ocsp_url});
   } catch (const refusal &refused) {
     made.reply = {SCEP_STATUS_FAILURE, refused.fail_info};
     made.reason = refused.reason;
@@ -84,53 +85,50 @@ scep_answer scep_responder::answer(const std::string &der, bool by_stranger) {
           name.empty() ? "unknown" : name};
 }
 
-scep_responder::decision scep_responder::decide(int type, const std::string &transaction_id,
-                                                PKCS7 *message) {
-  switch (type) {
+scep_responder::decision scep_responder::decide(const incoming &asked) {
+  switch (asked.type) {
     case SCEP_PKCS_REQ:
     case tools::scep_renewal_req:
-      return take_request(transaction_id, message);
+      return take_request(asked);
     case SCEP_GET_CERT_INITIAL:
-      return take_poll(transaction_id, message);
+      return take_poll(asked);
     case SCEP_GET_CERT:
-      return look_up(message);
+      return look_up(asked.message);
     default:
       throw refusal{tools::bad_request, "no answer is known for this type"};
   }
 }
 
-scep_responder::decision scep_responder::take_request(const std::string &transaction_id,
-                                                      PKCS7 *message) {
+scep_responder::decision scep_responder::take_request(const incoming &asked) {
   tools::cert_ptr requester;
-  auto request = open_message<req_ptr>(parse_scep_cert_req, keys_, message, &requester);
+  auto request = open_message<req_ptr>(parse_scep_cert_req, keys_, asked.message, &requester);
   tools::key_ptr public_key(X509_REQ_get_pubkey(request.get()));
   bool proven = public_key && X509_REQ_verify(request.get(), public_key.get()) == 1;
   ERR_clear_error();
   if (!proven)
     throw refusal{tools::bad_message_check, "the PKCS#10 request is not signed by its key"};
   std::lock_guard lock(mutex_);
-  transaction &entry = transactions_[transaction_id];
+  transaction &entry = transactions_[asked.transaction_id];
   entry.requester = std::move(requester);
   entry.public_key = std::move(public_key);
   entry.subject.reset(X509_NAME_dup(X509_REQ_get_subject_name(request.get())));
-  return pending_or_issued(transaction_id);
+  return pending_or_issued(asked);
 }
 
-scep_responder::decision scep_responder::take_poll(const std::string &transaction_id,
-                                                   PKCS7 *message) {
+scep_responder::decision scep_responder::take_poll(const incoming &asked) {
   tools::cert_ptr poller;
-  auto asked =
-      open_message<issuer_and_subject_ptr>(parse_scep_get_cert_init, keys_, message, &poller);
+  auto wanted =
+      open_message<issuer_and_subject_ptr>(parse_scep_get_cert_init, keys_, asked.message, &poller);
   const X509_NAME *own_name = X509_get_subject_name(keys_.issuing().cert.get());
   std::lock_guard lock(mutex_);
-  auto found = transactions_.find(transaction_id);
-  if (found == transactions_.end() || X509_NAME_cmp(asked->issuer, own_name) != 0 ||
-      X509_NAME_cmp(asked->subject, found->second.subject.get()) != 0)
+  auto found = transactions_.find(asked.transaction_id);
+  if (found == transactions_.end() || X509_NAME_cmp(wanted->issuer, own_name) != 0 ||
+      X509_NAME_cmp(wanted->subject, found->second.subject.get()) != 0)
     throw refusal{tools::bad_cert_id, "no such request is pending"};
   if (EVP_PKEY_eq(X509_get0_pubkey(poller.get()),
                   X509_get0_pubkey(found->second.requester.get())) != 1)
     throw refusal{tools::bad_message_check, "another key made the request"};
-  return pending_or_issued(transaction_id);
+  return pending_or_issued(asked);
 }
 
 scep_responder::decision scep_responder::look_up(PKCS7 *message) {
@@ -145,8 +143,8 @@ scep_responder::decision scep_responder::look_up(PKCS7 *message) {
 }
 
 // The next answer to a transaction that is there.
-scep_responder::decision scep_responder::pending_or_issued(const std::string &transaction_id) {
-  auto entry = transactions_.find(transaction_id);
+scep_responder::decision scep_responder::pending_or_issued(const incoming &asked) {
+  auto entry = transactions_.find(asked.transaction_id);
   if (entry->second.pending_answers < options_.pending) {
     entry->second.pending_answers++;
     decision wait;
@@ -159,7 +157,12 @@ scep_responder::decision scep_responder::pending_or_issued(const std::string &tr
     throw refusal{options_.refuse, "as told"};
   EVP_PKEY *key = options_.misdeeds.contains(misdeed::wrong_key) ? keys_.stranger_key()
                                                                  : decided.public_key.get();
-  return hand_out(certs_.issue(decided.subject.get(), key), decided.requester.get());
+  cert_wishes wishes;
+  wishes.subject = decided.subject.get();
+  wishes.public_key = key;
+  if (!asked.ocsp_url.empty())
+    wishes.ocsp_urls = {asked.ocsp_url};
+  return hand_out(certs_.issue(wishes, keys_.issuing()), decided.requester.get());
 }
 
 scep_responder::decision scep_responder::hand_out(tools::cert_ptr cert, X509 *recipient) const {

@@ -26,10 +26,18 @@ class scep_responder {
   scep_responder(const ca &keys, const scep_options &options)
       : keys_(keys), options_(options), certs_(keys) {}
 
-  // Answers a message. Throws tools::failure. In several threads at once.
-  scep_answer answer(const std::string &der, bool by_stranger);
+  // Answers a message. A certificate that is issued names the OCSP responder `ocsp_url` unless
+  // that is "". Throws tools::failure. In several threads at once.
+  scep_answer answer(const std::string &der, bool by_stranger, const std::string &ocsp_url);
 
  private:
+  // A message that came in.
+  struct incoming {
+    int type;
+    std::string transaction_id;
+    PKCS7 *message;
+    std::string ocsp_url;  // for what is issued
+  };
   // A request that is not decided yet, or being decided.
   struct transaction {
     tools::cert_ptr requester;
@@ -45,11 +53,11 @@ class scep_responder {
     std::string reason;  // why it was refused
   };
 
-  decision decide(int type, const std::string &transaction_id, PKCS7 *message);
-  decision take_request(const std::string &transaction_id, PKCS7 *message);
-  decision take_poll(const std::string &transaction_id, PKCS7 *message);
+  decision decide(const incoming &asked);
+  decision take_request(const incoming &asked);
+  decision take_poll(const incoming &asked);
   decision look_up(PKCS7 *message);
-  decision pending_or_issued(const std::string &transaction_id);
+  decision pending_or_issued(const incoming &asked);
   decision hand_out(tools::cert_ptr cert, X509 *recipient) const;
 
   const ca &keys_;

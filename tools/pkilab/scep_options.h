@@ -2,6 +2,7 @@
 #ifndef TOOLS_PKILAB_SCEP_OPTIONS_H
 #define TOOLS_PKILAB_SCEP_OPTIONS_H
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,6 +41,8 @@ struct scep_options {
   int pending = 0;  // so many times PENDING before a request is decided
   int refuse = -1;  // every request is refused with this failInfo; -1: none is
   std::set<misdeed> misdeeds;
+  // Certificates name the lab's own OCSP responder, "/ocsp" with this query.
+  std::optional<std::string> ocsp_query;
   std::string save_folder;  // receives every message; "": none does
 };
 

@@ -76,7 +76,7 @@ class scep_room {
       message = tools::decode_message_text(tools::query_value(asked.query, "message").value_or(""));
     if (!message)
       return text_response(400, "the query's message is no base64");
-    scep_answer answer = responder_.answer(*message, asked.by_stranger);
+    scep_answer answer = responder_.answer(*message, asked.by_stranger, ocsp_url(asked));
     if (options_.misdeeds.contains(misdeed::no_message))
       answer.der = "these octets are no message";
     recorder_.record(*message, answer);
@@ -84,6 +84,13 @@ class scep_room {
                                        : typed_response("application/x-pki-message", answer.der);
     made.note = answer.note;
     return made;
+  }
+
+  std::string ocsp_url(const request &asked) const {
+    if (!options_.ocsp_query)
+      return "";
+    std::string url = "http://" + asked.authority + "/ocsp";
+    return options_.ocsp_query->empty() ? url : url + "?" + *options_.ocsp_query;
   }
 
   const ca &keys_;

@@ -1,0 +1,234 @@
+// pkictl verify: would a host of the library accept this certificate, and why?
+#include <libpki/store.h>
+#include <libpki/verify.h>
+#include <openssl/err.h>
+#include <openssl/x509_vfy.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "tools/common/cert_text.h"
+#include "tools/common/command_line.h"
+#include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/common/keys.h"
+#include "tools/pkictl/command.h"
+#include "tools/pkictl/library.h"
+#include "tools/pkictl/report.h"
+#include "tools/pkictl/state.h"
+#include "tools/pkictl/state_store.h"
+#include "tools/pkictl/verify_listener.h"
+#include "tools/pkictl/verify_report.h"
+
+namespace pkictl {
+
+namespace {
+
+struct options {
+  std::string cert;
+  std::vector<std::string> chain;
+  std::vector<std::string> trust;
+  std::string flavour = "internet";
+  std::string state;
+  std::string ocsp;
+  std::string ocsp_signer;
+};
+
+using certs_ptr = std::unique_ptr<STACK_OF(X509), tools::free_with<[](STACK_OF(X509) * certs) {
+                                    sk_X509_pop_free(certs, X509_free);
+                                  }>>;
+using x509_store_ptr = std::unique_ptr<X509_STORE, tools::free_with<X509_STORE_free>>;
+using context_ptr = std::unique_ptr<X509_STORE_CTX, tools::free_with<X509_STORE_CTX_free>>;
+using empty_list_ptr = std::unique_ptr<STACK, tools::free_with<OPENSSL_sk_free>>;
+
+void require_memory(bool had) {
+  if (!had)
+    throw tools::failure("out of memory");
+}
+
+void push(STACK_OF(X509) * certs, X509 *cert) {
+  require_memory(X509_up_ref(cert) == 1);
+  if (sk_X509_push(certs, cert) > 0)
+    return;
+  X509_free(cert);
+  throw tools::failure("out of memory");
+}
+
+certs_ptr load_all(const std::vector<std::string> &files) {
+  certs_ptr certs(sk_X509_new_null());
+  require_memory(certs != nullptr);
+  for (const std::string &file : files)
+    for (const tools::cert_ptr &cert : tools::load_certificates(file))
+      push(certs.get(), cert.get());
+  return certs;
+}
+
+// Enters the CAs of the state folder, where there is one, and collects their roots.
+void add_saved_roots(const options &given, STACK_OF(X509) * trusted) {
+  if (!given.state.empty() && !tools::file_exists(given.state))
+    throw tools::failure("there is no folder " + given.state +
+                         "; name the one that 'pkictl provision' was given");
+  if (!state_folder::is_known(given.state))
+    return;
+  state_folder state(given.state);
+  for (const std::string &label : state.cas()) {
+    tools::ca_info_ptr ca = enter_ca(state, label);
+    for (int i = 0; i < OPENSSL_sk_num(ca->trusted_roots); i++)
+      push(trusted, static_cast<X509 *>(OPENSSL_sk_value(ca->trusted_roots, i)));
+  }
+}
+
+certs_ptr find_trusted(const options &given) {
+  certs_ptr trusted = load_all(given.trust);
+  add_saved_roots(given, trusted.get());
+  if (sk_X509_num(trusted.get()) < 1)
+    throw tools::failure(
+        "nothing is trusted: give --trust FILE, or provision a CA that names"
+        " trusted roots");
+  return trusted;
+}
+
+// A status rule for every certificate, asked before the certificate's own sources.
+void add_responder(const options &given) {
+  if (given.ocsp.empty())
+    return;
+  tools::cert_ptr signer;
+  if (!given.ocsp_signer.empty())
+    signer = tools::load_certificate(given.ocsp_signer);
+  empty_list_ptr every_cert(OPENSSL_sk_new_null());
+  require_memory(every_cert != nullptr);
+  unsigned char believe_signer = signer ? 1 : 0;
+  require_ok("cannot add the responder " + given.ocsp,
+             pki_add_ocsp_info(nullptr, every_cert.get(), given.ocsp.c_str(), signer.get(),
+                               believe_signer, 0, 0));
+}
+
+bool is_reported(const json &certs, int depth, const std::string &sha256) {
+  return std::any_of(certs.begin(), certs.end(), [&](const json &cert) {
+    return cert["depth"] == depth && cert.value("sha256", "") == sha256;
+  });
+}
+
+// Certificates of the chain that the verification did not come to are in the report too.
+void add_unjudged(const STACK_OF(X509) * chain, json *certs) {
+  for (int depth = sk_X509_num(chain) - 1; depth >= 0; depth--) {
+    json cert = {{"depth", depth}, {"verdict", "not judged"}};
+    cert.update(cert_json(sk_X509_value(chain, depth)));
+    cert["steps"] = json::array();
+    if (!is_reported(*certs, depth, cert["sha256"]))
+      certs->push_back(std::move(cert));
+  }
+  std::stable_sort(certs->begin(), certs->end(), [](const json &one, const json &other) {
+    return one["depth"].get<int>() > other["depth"].get<int>();
+  });
+}
+
+void mark_trusted(const STACK_OF(X509) * trusted, json *certs) {
+  std::set<std::string> fingerprints;
+  for (int i = 0; i < sk_X509_num(trusted); i++)
+    fingerprints.insert(tools::fingerprint_text(sk_X509_value(trusted, i)));
+  for (json &cert : *certs)
+    cert["trusted"] = fingerprints.count(cert.value("sha256", "")) > 0;
+}
+
+x509_store_ptr make_trust_store(const STACK_OF(X509) * trusted) {
+  x509_store_ptr store(X509_STORE_new());
+  require_memory(store != nullptr);
+  for (int i = 0; i < sk_X509_num(trusted); i++)
+    require_memory(X509_STORE_add_cert(store.get(), sk_X509_value(trusted, i)) == 1);
+  return store;
+}
+
+json verify_cert(const options &given, X509 *cert, STACK_OF(X509) * untrusted,
+                 const STACK_OF(X509) * trusted) {
+  x509_store_ptr store = make_trust_store(trusted);
+  context_ptr context(X509_STORE_CTX_new());
+  require_memory(context && X509_STORE_CTX_init(context.get(), store.get(), cert, untrusted) == 1);
+  X509_STORE_CTX_set_verify_cb(context.get(), given.flavour == "local"
+                                                  ? zv_cv_cert_validator_local
+                                                  : zv_cv_cert_validator_internet);
+  verify_listener listener;
+  bool good = X509_verify_cert(context.get()) == 1;
+  int error = X509_STORE_CTX_get_error(context.get());
+  ERR_clear_error();
+  json report = {{"file", given.cert},
+                 {"verdict", good ? "good" : "rejected"},
+                 {"flavour", given.flavour},
+                 {"error", nullptr},
+                 {"certificates", listener.certificates()}};
+  if (error != X509_V_OK)
+    report["error"] = {{"number", error}, {"text", X509_verify_cert_error_string(error)}};
+  add_unjudged(X509_STORE_CTX_get0_chain(context.get()), &report["certificates"]);
+  mark_trusted(trusted, &report["certificates"]);
+  return report;
+}
+
+int verify(const context &where, const options &given) {
+  tools::cert_ptr cert = tools::load_certificate(given.cert);
+  certs_ptr untrusted = load_all(given.chain);
+  start_library();
+  certs_ptr trusted = find_trusted(given);
+  add_responder(given);
+  json report = verify_cert(given, cert.get(), untrusted.get(), trusted.get());
+  if (where.json)
+    where.out->write_json(report);
+  else
+    where.out->write_text(verify_text(report));
+  if (report["verdict"] == "good")
+    return tools::exit_done;
+  tools::complain("pkictl", given.cert + " is rejected: " + rejection_reason(report));
+  return tools::exit_failed;
+}
+
+// 1 is kept for certificates that are rejected, so what fails on the way there is 2.
+int verify_or_complain(const context &where, const options &given) {
+  try {
+    return verify(where, given);
+  } catch (const tools::failure &error) {
+    if (where.json)
+      where.out->write_json({{"error", {{"text", error.what()}}}});
+    throw tools::usage_failure(error.what());
+  }
+}
+
+constexpr const char *verify_footer =
+    "Trusted are the roots of the CAs in the folder --state, by default $XDG_STATE_HOME/pkictl or\n"
+    "~/.local/state/pkictl, and the certificates of --trust. The status rules of those CAs apply.\n"
+    "The tree shows the chain from its top down, each rule, and each source of a status: what it\n"
+    "answered, how long that took, and until when it holds.\n\n"
+    "-v shows the library's log lines on stderr; --json prints JSON.\n"
+    "Exit codes: 0 good, 1 rejected, 2 wrong usage or a file that cannot be used.";
+
+}  // namespace
+
+void add_verify_command(CLI::App &app, action *chosen) {
+  auto given = std::make_shared<options>();
+  CLI::App *command =
+      app.add_subcommand("verify", "Judge a certificate as a host of the library does");
+  command->add_option("CERT", given->cert, "The certificate (PEM or DER)")->required();
+  command->add_option("--chain", given->chain, "Files of further, untrusted certificates")
+      ->type_name("FILE");
+  command->add_option("--trust", given->trust, "Files of trusted certificates")->type_name("FILE");
+  command
+      ->add_option("--flavour", given->flavour,
+                   "internet: with statuses; local: without, and without validity periods")
+      ->check(CLI::IsMember({"internet", "local"}))
+      ->capture_default_str();
+  CLI::Option *ocsp = command->add_option(
+      "--ocsp", given->ocsp, "A responder to ask about every certificate, before those it names");
+  ocsp->type_name("URL");
+  command
+      ->add_option("--ocsp-signer", given->ocsp_signer,
+                   "The certificate whose signature counts in the answers of --ocsp")
+      ->type_name("FILE")
+      ->needs(ocsp);
+  add_state_option(command, &given->state);
+  command->footer(verify_footer);
+  command->callback(
+      [=] { *chosen = [=](const context &where) { return verify_or_complain(where, *given); }; });
+}
+
+}  // namespace pkictl

@@ -1,0 +1,111 @@
+#include "tools/pkictl/verify_report.h"
+
+#include "tools/common/text.h"
+#include "tools/pkictl/report.h"
+
+namespace pkictl {
+
+namespace {
+
+std::string text_of(const json &value) {
+  return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::string line(int depth, const std::string &text) {
+  return std::string(static_cast<size_t>(depth) * 2, ' ') + tools::printable(text) + "\n";
+}
+
+std::string error_text(const json &error) {
+  return text_of(error["text"]) + " (" + text_of(error["number"]) + ")";
+}
+
+std::string until_text(const json &valid_until) {
+  return valid_until.is_null() ? "" : ", until " + text_of(valid_until);
+}
+
+std::string log_lines(int depth, const json &log) {
+  std::string text;
+  for (const json &entry : log)
+    text += line(depth, "log: " + text_of(entry));
+  return text;
+}
+
+std::string cert_lines(int depth, const json &cert);
+std::string check_lines(int depth, const json &check);
+
+std::string source_lines(int depth, const json &source) {
+  std::string answer = source["answer"].is_null() ? "no answer" : text_of(source["answer"]);
+  std::string text =
+      line(depth, "asked " + text_of(source["name"]) + ": " + answer + " in " +
+                      text_of(source["milliseconds"]) + " ms" + until_text(source["valid_until"]));
+  for (const json &check : source["checks"])
+    text += check_lines(depth + 1, check);
+  for (const json &cert : source["certificates"])
+    text += cert_lines(depth + 1, cert);
+  return text + log_lines(depth + 1, source["log"]);
+}
+
+std::string check_lines(int depth, const json &check) {
+  std::string from;
+  if (check["from"] == "cache")
+    from = ", from the cache";
+  else if (check["sources"].empty())
+    from = ", no source was asked";
+  std::string text =
+      line(depth, "status of " + text_of(name_or_note(check["certificate"])) + ": " +
+                      text_of(check["status"]) + from + until_text(check["valid_until"]));
+  for (const json &source : check["sources"])
+    text += source_lines(depth + 1, source);
+  return text + log_lines(depth + 1, check["log"]);
+}
+
+std::string step_lines(int depth, const json &step) {
+  std::string outcome = text_of(step["outcome"]);
+  outcome.resize(10, ' ');
+  std::string error = step["error"].is_null() ? "" : ": " + error_text(step["error"]);
+  std::string text = line(depth, outcome + text_of(step["name"]) + error);
+  for (const json &check : step["checks"])
+    text += check_lines(depth + 1, check);
+  return text + log_lines(depth + 1, step["log"]);
+}
+
+std::string cert_lines(int depth, const json &cert) {
+  json subject = name_or_note(cert.value("subject", json("")));
+  std::string trusted = cert.value("trusted", false) ? " (trusted)" : "";
+  std::string text = line(depth, text_of(cert["depth"]) + "  " + text_of(subject) + ": " +
+                                     text_of(cert["verdict"]) + trusted);
+  if (cert.contains("not_before"))
+    text += line(depth + 2,
+                 "valid     " + text_of(cert["not_before"]) + " to " + text_of(cert["not_after"]));
+  for (const json &step : cert["steps"])
+    text += step_lines(depth + 2, step);
+  return text;
+}
+
+std::string reason_of(const json &step) {
+  if (!step["error"].is_null())
+    return error_text(step["error"]);
+  if (!step["checks"].empty())
+    return "its status is " + text_of(step["checks"].back()["status"]);
+  return step["log"].empty() ? text_of(step["name"]) : text_of(step["log"].back());
+}
+
+}  // namespace
+
+std::string rejection_reason(const json &report) {
+  for (const json &cert : report["certificates"])
+    for (const json &step : cert["steps"])
+      if (step["outcome"] == "failed")
+        return "certificate " + text_of(cert["depth"]) + ": " + reason_of(step);
+  return report["error"].is_null() ? "OpenSSL gives no reason" : error_text(report["error"]);
+}
+
+std::string verify_text(const json &report) {
+  std::string text =
+      line(0, text_of(report["verdict"]) + ", " + text_of(report["flavour"]) + " flavour");
+  for (const json &cert : report["certificates"])
+    text += cert_lines(1, cert);
+  return text;
+}
+
+}  // namespace pkictl

@@ -1,0 +1,184 @@
+// pkilab issue: a certificate of the lab's for a key or a PKCS#10 request.
+#include <libpki/libpki.h>
+#include <libpki/names.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <map>
+#include <memory>
+
+#include "tools/common/cert_text.h"
+#include "tools/common/command_line.h"
+#include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/common/keys.h"
+#include "tools/pkilab/command.h"
+#include "tools/pkilab/issued_certs.h"
+
+namespace pkilab {
+
+namespace {
+
+using name_ptr = std::unique_ptr<X509_NAME, tools::free_with<X509_NAME_free>>;
+using req_ptr = std::unique_ptr<X509_REQ, tools::free_with<X509_REQ_free>>;
+
+constexpr time_t day = 24L * 60 * 60;
+
+struct options {
+  std::string folder;
+  std::string request;
+  std::string key;
+  std::string new_key;
+  std::string subject;
+  std::string ca = "issuing";
+  std::vector<std::string> ocsp_urls;
+  std::vector<std::string> alt_names;
+  int days = 365;
+  std::string not_before;
+  std::string not_after;
+  std::string out;
+};
+
+req_ptr read_request(const std::string &path) {
+  std::string bytes = tools::read_file(path);
+  tools::bio_ptr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+  req_ptr request(bio ? PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  if (!request) {
+    const auto *at = reinterpret_cast<const unsigned char *>(bytes.data());
+    request.reset(d2i_X509_REQ(nullptr, &at, static_cast<long>(bytes.size())));
+  }
+  ERR_clear_error();
+  if (!request)
+    throw tools::failure(path + " holds no PKCS#10 request (PEM or DER)");
+  if (X509_REQ_verify(request.get(), X509_REQ_get0_pubkey(request.get())) != 1)
+    throw tools::failure(path + " is not signed by its key; make the request anew");
+  return request;
+}
+
+// Of a private key, a public one, or a certificate.
+tools::key_ptr read_key(const std::string &path) {
+  if (tools::read_file(path).find("PRIVATE KEY-----") != std::string::npos)
+    return tools::load_private_key(path);
+  return tools::load_public_key(path);
+}
+
+name_ptr read_subject(const std::string &text) {
+  X509_NAME *name = nullptr;
+  (void)libpki_init();
+  if (parse_rfc1779_str(text.c_str(), &name) != PKI_OK)
+    throw tools::usage_failure("--subject " + text +
+                               " is no name; write it as in CN=server, O=Example");
+  return name_ptr(name);
+}
+
+std::string joined(const std::vector<std::string> &words) {
+  std::string text;
+  for (const std::string &word : words)
+    text += (text.empty() ? "" : ",") + word;
+  return text;
+}
+
+const ca::pair &choose_ca(const ca &keys, const std::string &name) {
+  if (name == "root")
+    return keys.root();
+  return name == "issuing" ? keys.issuing() : keys.additional();
+}
+
+void check_usage(const options &given) {
+  int sources = !given.request.empty() + !given.key.empty() + !given.new_key.empty();
+  if (sources != 1)
+    throw tools::usage_failure("give one of --csr, --key and --new-key");
+  if (given.request.empty() && given.subject.empty())
+    throw tools::usage_failure("give --subject, as in --subject \"CN=server, O=Example\"");
+}
+
+void set_times(const options &given, cert_wishes *wishes) {
+  wishes->not_after = time(nullptr) + given.days * day;
+  if (!given.not_before.empty())
+    wishes->not_before = parse_time("--not-before", given.not_before);
+  if (!given.not_after.empty())
+    wishes->not_after = parse_time("--not-after", given.not_after);
+}
+
+int issue(const options &given) {
+  check_usage(given);
+  req_ptr request = given.request.empty() ? nullptr : read_request(given.request);
+  name_ptr subject = given.subject.empty() ? nullptr : read_subject(given.subject);
+  cert_wishes wishes;
+  set_times(given, &wishes);
+  wishes.ocsp_urls = given.ocsp_urls;
+  wishes.alt_names = joined(given.alt_names);
+  wishes.subject = subject ? subject.get() : X509_REQ_get_subject_name(request.get());
+  tools::key_ptr key = given.key.empty() ? nullptr : read_key(given.key);
+  ca keys(given.folder);
+  if (!given.new_key.empty()) {
+    key = keys.make_key();
+    tools::write_file(given.new_key, tools::private_pem(key.get()), 0600);
+  }
+  wishes.public_key = key ? key.get() : X509_REQ_get0_pubkey(request.get());
+  tools::cert_ptr cert = issued_certs(keys).issue(wishes, choose_ca(keys, given.ca));
+  tools::write_file(given.out, tools::cert_pem(cert.get()), 0644);
+  std::cout << "issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
+                   tools::name_text(X509_get_subject_name(cert.get())) + "\n";
+  return tools::exit_done;
+}
+
+}  // namespace
+
+void add_issue_command(CLI::App &app, action *chosen) {
+  auto given = std::make_shared<options>();
+  CLI::App *command = app.add_subcommand("issue", "Issue a certificate for a key or a request");
+  auto text = [command](const char *option, std::string *value, const char *type,
+                        const char *help) {
+    return command->add_option(option, *value, help)->type_name(type);
+  };
+  text("--dir", &given->folder, "DIR", "Folder of the lab, which is made if need be")->required();
+  text("--csr", &given->request, "FILE", "PKCS#10 request, PEM or DER");
+  text("--key", &given->key, "FILE", "Private or public key, or a certificate that has it");
+  text("--new-key", &given->new_key, "FILE", "Make a key, and write it to this file");
+  text("--subject", &given->subject, "NAME",
+       "As in \"CN=server, O=Example\"; of the request unless it is given");
+  text("--ca", &given->ca, "CA", "Which CA issues it: issuing, additional or root")
+      ->check(CLI::IsMember({"issuing", "additional", "root"}).description(""))
+      ->capture_default_str();
+  command
+      ->add_option("--alt-name", given->alt_names,
+                   "As in DNS:localhost or IP:127.0.0.1; may be given several times")
+      ->type_name("NAME")
+      ->type_size(1)
+      ->expected(1, 100);
+  command
+      ->add_option("--ocsp", given->ocsp_urls,
+                   "OCSP responder that the certificate names; may be given several times")
+      ->type_name("URL")
+      ->type_size(1)
+      ->expected(1, 100);
+  command->add_option("--days", given->days, "Valid for so many days")
+      ->check(CLI::Range(1, 36500))
+      ->capture_default_str();
+  text("--not-before", &given->not_before, "TIME",
+       "Valid from; 2031-05-06 or 2031-05-06T07:08:09Z; yesterday unless it is given");
+  text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days");
+  text("--out", &given->out, "FILE", "Receives the certificate as PEM")->required();
+  command->footer("Exit codes: 0 issued, 1 failed, 2 wrong usage.");
+  command->callback([given, chosen] { *chosen = [given] { return issue(*given); }; });
+}
+
+time_t parse_time(const std::string &option, const std::string &text) {
+  for (const char *form : {"%Y-%m-%d", "%Y-%m-%dT%H:%M:%SZ"}) {
+    struct tm parts = {};
+    const char *end = strptime(text.c_str(), form, &parts);
+    if (!end || *end)
+      continue;
+    int day_of_month = parts.tm_mday;
+    time_t seconds = timegm(&parts);
+    if (parts.tm_mday == day_of_month)
+      return seconds;
+  }
+  throw tools::usage_failure(option + " " + text +
+                             " is no time; write 2031-05-06 or 2031-05-06T07:08:09Z");
+}
+
+}  // namespace pkilab
