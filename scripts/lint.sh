@@ -23,7 +23,7 @@ check() {
 }
 
 all_sources() {
-  find src include board tools tests bench \
+  find src include board tools tests bench examples \
     \( -name '*.cc' -o -name '*.c' -o -name '*.h' \) -print0
 }
 
