@@ -190,7 +190,8 @@ int main(int argc, char **argv) {
   double one, many;
   double gain = measure_gain(certs, &one, &many);
   double ratio = cost.internet_us / cost.bare_us;
-  std::printf("verify, 3 certificates (RSA 2048), statuses cached, store full, debug lines masked:\n");
+  std::printf(
+      "verify, 3 certificates (RSA 2048), statuses cached, store full, debug lines masked:\n");
   std::printf("  X509_verify_cert alone        %8.1f us of the processor\n", cost.bare_us);
   std::printf("  with the internet callback    %8.1f us   ratio %.3f (budget %.2f)\n",
               cost.internet_us, ratio, cost_budget);
