@@ -123,6 +123,7 @@ bool judge(int ok, X509_STORE_CTX *ctx, X509 *cert, flavour use) {
   return is_accepted(ctx, cert, X509_STORE_CTX_get_error_depth(ctx), use);
 }
 
+// NOLINTNEXTLINE(readability-identifier-naming): what the four entry points have always called
 int _cv_cert_validator(int ok, X509_STORE_CTX *ctx, flavour use) {
   // A top that is replaced goes, but a listener still wants to hear of it.
   X509 *cert = X509_STORE_CTX_get_current_cert(ctx);
