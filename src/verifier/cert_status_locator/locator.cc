@@ -66,8 +66,9 @@ cert_sts_locator *make_locator(get_sts_fn *get_sts, bool final, size_t data_byte
 
 int cv_csl_add(cert_sts_locator_list *list, cert_sts_locator *locator) {
   auto count = static_cast<size_t>(list->count);
-  cert_sts_locator **grown = list->locators;
-  grown = static_cast<cert_sts_locator **>(std::realloc(grown, (count + 1) * sizeof grown[0]));
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers
+  size_t bytes = (count + 1) * sizeof(cert_sts_locator *);
+  auto **grown = static_cast<cert_sts_locator **>(std::realloc(list->locators, bytes));
   if (!grown)
     return PKI_OUT_OF_MEMORY;
   grown[count] = locator;
