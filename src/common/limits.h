@@ -51,6 +51,24 @@ constexpr int ocsp_max_response_bytes = 1024 * 1024;
 // Certificates of an OCSP response that are looked at.
 constexpr int ocsp_max_certs = 16;
 
+// CRLs off the network. One element (an entry, a name, all extensions), its content and its header;
+// what is longer is refused.
+constexpr uint32_t crl_max_element_bytes = 10000;
+constexpr uint32_t crl_element_bytes = 10240;
+constexpr uint32_t der_max_header_bytes = 140;
+// The read buffer, and the longest read that goes through it.
+constexpr uint32_t crl_read_bytes = 2000;
+constexpr uint32_t crl_max_buffered_bytes = 500;
+// What is passed over goes here: a part, or a header and a short element.
+constexpr uint32_t der_scratch_bytes = 640;
+// Entries of a long list that are kept: they all are about one certificate.
+constexpr int crl_max_kept_entries = 64;
+constexpr uint32_t crl_max_kept_bytes = 64 * 1024;
+// CRLs that are asked for about one certificate, at one source: each may cost a time-out.
+constexpr int crl_max_fetches = 64;
+// Delta CRLs that are tried for one base.
+constexpr int crl_max_delta_records = 16;
+
 // Caches.
 constexpr int status_cache_records = 20;
 constexpr uint32_t crl_cache_bytes = 50000;

@@ -33,6 +33,12 @@ inline STACK_OF(X509) * as_x509_stack(STACK *list) {
   return reinterpret_cast<STACK_OF(X509) *>(list);
 }
 
+// Lists with what they hold.
+inline void free_certs(STACK_OF(X509) * certs) {
+  sk_X509_pop_free(certs, X509_free);
+}
+using certs_ptr = std::unique_ptr<STACK_OF(X509), free_with<free_certs>>;
+
 // One more reference; false when it cannot be taken (PKI_CRYPTO_LOCK_FAILED).
 [[nodiscard]] inline bool take_reference(X509 *cert) {
   return X509_up_ref(cert) == 1;

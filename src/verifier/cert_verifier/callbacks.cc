@@ -11,6 +11,9 @@ namespace pki {
 
 namespace {
 
+// The initial-exec model needs no allocation at the first use in a thread, which could fail.
+__attribute__((tls_model("initial-exec"))) thread_local int depth_of_this_thread = 0;
+
 enum class flavour : unsigned char { local = 0, internet = 1 };
 
 // Untrusted certificates that have to be left below a self-signed top.
@@ -76,7 +79,7 @@ bool is_status_good(X509_STORE_CTX *ctx, X509 *cert, int depth) {
     syslog(log_error, "Cert issuer is null");
     return false;
   }
-  switch (zv_cv_check_cert_status(cert, issuer, ctx, 1, 0)) {
+  switch (zv_cv_check_cert_status(cert, issuer, ctx, 1, status_depth::current())) {
     case PKI_CERT_OK:
       return true;
     case PKI_CERT_UNKNOWN:
@@ -137,6 +140,18 @@ int _cv_cert_validator(int ok, X509_STORE_CTX *ctx, flavour use) {
 }
 
 }  // namespace
+
+status_depth::status_depth(int depth) : outer_(depth_of_this_thread) {
+  depth_of_this_thread = depth;
+}
+
+status_depth::~status_depth() {
+  depth_of_this_thread = outer_;
+}
+
+int status_depth::current() {
+  return depth_of_this_thread;
+}
 
 }  // namespace pki
 

@@ -50,6 +50,20 @@ class subject_text {
   return (setlogmask(0) & LOG_MASK(level)) != 0;
 }
 
+// The depth at which this thread's callbacks check statuses: a signer's path may be verified within
+// a status check.
+class status_depth {
+ public:
+  explicit status_depth(int depth);
+  status_depth(const status_depth &) = delete;
+  status_depth &operator=(const status_depth &) = delete;
+  ~status_depth();
+  [[nodiscard]] static int current();
+
+ private:
+  int outer_;
+};
+
 // RFC 5280 6.1.4, with our own rules for issuers. Each logs why it refuses.
 [[nodiscard]] bool are_extensions_readable(X509 *cert, int depth);
 [[nodiscard]] bool is_path_length_kept(X509 *cert, int depth);

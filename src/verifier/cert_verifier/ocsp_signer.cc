@@ -15,10 +15,6 @@ namespace pki {
 
 namespace {
 
-using certs_ptr =
-    std::unique_ptr<STACK_OF(X509),
-                    free_with<[](STACK_OF(X509) * certs) { sk_X509_pop_free(certs, X509_free); }>>;
-
 // Exactly one is set.
 struct responder_id {
   const ASN1_OCTET_STRING *key_hash = nullptr;

@@ -1,0 +1,243 @@
+// A downloaded CRL is accepted when somebody known made its signature.
+#include <libpki/error.h>
+#include <libpki/store.h>
+#include <libpki/util.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "common/log.h"
+#include "verifier/cert_verifier/internal.h"
+#include "verifier/crl_cache/extensions.h"
+#include "verifier/crl_cache/fetch.h"
+#include "verifier/crl_cache/general_names.h"
+
+namespace pki {
+
+namespace {
+
+constexpr int known_critical_extensions[] = {
+    NID_authority_key_identifier,   NID_issuer_alt_name, NID_crl_number,
+    NID_issuing_distribution_point, NID_freshest_crl,    NID_delta_crl};
+
+struct download {
+  const crl_info *crli;
+  const crl_info *base_record;
+  X509 *issuer;
+  crl_request request;
+  evp_md_ctx_ptr digest;
+};
+
+bool is_known(int nid) {
+  return std::find(std::begin(known_critical_extensions), std::end(known_critical_extensions),
+                   nid) != std::end(known_critical_extensions);
+}
+
+int check_critical_extensions(const X509_CRL *crl) {
+  for (int i = 0; i < X509_CRL_get_ext_count(crl); i++) {
+    X509_EXTENSION *extension = X509_CRL_get_ext(crl, i);
+    ASN1_OBJECT *object = X509_EXTENSION_get_object(extension);
+    if (!X509_EXTENSION_get_critical(extension) || is_known(OBJ_obj2nid(object)))
+      continue;
+    syslog(log_warning, "Found unknown critical crl extension: %s", oid_line(object).get());
+    return PKI_UNKNOWN_CRITICAL_EXTENSION;
+  }
+  return PKI_OK;
+}
+
+bool is_listed(const STACK_OF(X509) * certs, X509 *cert) {
+  for (int i = 0; i < sk_X509_num(certs); i++)
+    if (is_same_cert(sk_X509_value(certs, i), cert))
+      return true;
+  return false;
+}
+
+// A certificate that the store need not hold.
+int add_candidate(STACK_OF(X509) * candidates, X509 *cert, const X509_NAME *issuer) {
+  if (!cert || X509_NAME_cmp(X509_get_subject_name(cert), issuer) != 0 ||
+      is_listed(candidates, cert))
+    return PKI_OK;
+  if (!take_reference(cert))
+    return PKI_CRYPTO_LOCK_FAILED;
+  if (sk_X509_push(candidates, cert) > 0)
+    return PKI_OK;
+  X509_free(cert);
+  return openssl_failure(PKI_OUT_OF_MEMORY);
+}
+
+int find_candidates(const download &now, certs_ptr *candidates) {
+  const X509_NAME *issuer = X509_CRL_get_issuer(now.request.crl);
+  candidates->reset(sk_X509_new_null());
+  if (!*candidates)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  auto *list = reinterpret_cast<STACK *>(candidates->get());
+  if (int error = pki_find_certs_by_subject(issuer, &list))
+    return error;
+  if (int error = add_candidate(candidates->get(), now.crli->crl_signer, issuer))
+    return error;
+  if (now.base_record)
+    if (int error = add_candidate(candidates->get(), now.base_record->crl_signer, issuer))
+      return error;
+  if (int error = add_candidate(candidates->get(), now.issuer, issuer))
+    return error;
+  if (sk_X509_num(candidates->get()) > 0)
+    return PKI_OK;
+  syslog(log_error, "No signer cert found for CRL (%s)", name_line(issuer).get());
+  return PKI_NO_SIGNERS;
+}
+
+bool fits_key_id(const AUTHORITY_KEYID *id, X509 *cert) {
+  const ASN1_OCTET_STRING *own = X509_get0_subject_key_id(cert);
+  return !id->keyid || !own || ASN1_OCTET_STRING_cmp(id->keyid, own) == 0;
+}
+
+bool fits_serial(const AUTHORITY_KEYID *id, const X509 *cert) {
+  return !id->serial || ASN1_INTEGER_cmp(id->serial, X509_get0_serialNumber(cert)) == 0;
+}
+
+// A certificate always has an issuer name, so its subjectAltName is never asked.
+bool fits_issuer(const AUTHORITY_KEYID *id, const X509 *cert) {
+  if (!id->issuer)
+    return true;
+  const X509_NAME *named = cv_find_dn(id->issuer);
+  return named && X509_NAME_cmp(named, X509_get_issuer_name(cert)) == 0;
+}
+
+// RFC 5280 5.2.1.
+bool fits_authority_key_id(const AUTHORITY_KEYID *id, X509 *cert) {
+  return !id || (fits_key_id(id, cert) && fits_serial(id, cert) && fits_issuer(id, cert));
+}
+
+bool made_signature(const download &now, const X509 *cert) {
+  EVP_PKEY *key = X509_get0_pubkey(cert);
+  const ASN1_BIT_STRING *signature;
+  X509_CRL_get0_signature(now.request.crl, &signature, nullptr);
+  return key && signature &&
+         EVP_VerifyFinal(now.digest.get(), ASN1_STRING_get0_data(signature),
+                         static_cast<unsigned>(ASN1_STRING_length(signature)), key) == 1;
+}
+
+int keep_signers(const download &now, STACK_OF(X509) * candidates) {
+  authority_keyid_ptr key_id;
+  if (read_crl_extension(now.request.crl, NID_authority_key_identifier, &key_id) >=
+      presence::unreadable) {
+    syslog(log_warning, "Error decoding AuthorityKeyIdentifier extension in CRL '%s':",
+           name_line(X509_CRL_get_issuer(now.request.crl)).get());
+    return openssl_failure(PKI_ASN1_DECODE_ERROR);
+  }
+  ERR_set_mark();
+  for (int i = 0; i < sk_X509_num(candidates);) {
+    X509 *cert = sk_X509_value(candidates, i);
+    if (fits_authority_key_id(key_id.get(), cert) && made_signature(now, cert))
+      i++;
+    else
+      X509_free(sk_X509_delete(candidates, i));
+  }
+  if (sk_X509_num(candidates) > 0) {
+    ERR_pop_to_mark();  // what is queued is about those that did not sign
+    return PKI_OK;
+  }
+  ERR_clear_last_mark();
+  syslog(log_error, "No signer cert found which could verify the crl (%s)",
+         name_line(X509_CRL_get_issuer(now.request.crl)).get());
+  log_openssl_errors(log_error);
+  return PKI_SIG_VERIFY_FAILED;
+}
+
+// An extension that limits what the CRL says must not be taken for none. (A delta CRL's is compared
+// with its base's.)
+int check_scope_is_readable(const X509_CRL *crl) {
+  issuing_dist_point_ptr scope;
+  if (is_delta_crl(crl) ||
+      read_crl_extension(crl, NID_issuing_distribution_point, &scope) < presence::unreadable)
+    return PKI_OK;
+  syslog(log_warning, "Error decoding IssuingDistributionPoint extension in CRL '%s':",
+         name_line(X509_CRL_get_issuer(crl)).get());
+  return openssl_failure(PKI_ASN1_DECODE_ERROR);
+}
+
+int accept(const download &now, certs_ptr *signers) {
+  X509_CRL *crl = now.request.crl;
+  if (int error = check_this_update(crl))
+    return error;
+  if (int error = check_critical_extensions(crl))
+    return error;
+  if (int error = check_scope_is_readable(crl))
+    return error;
+  if (int error = find_candidates(now, signers))
+    return error;
+  if (int error = keep_signers(now, signers->get()))
+    return error;
+  syslog(log_debug, "downloaded a valid CRL (%s)", now.crli->url);
+  return now.request.truncated ? cv_crl_mark_truncated(crl) : PKI_OK;
+}
+
+int fetch(const crl_info *crli, X509 *cert, X509 *issuer, const crl_info *base_record,
+          fetched_crl *found) {
+  download now = {crli, base_record, issuer, {}, evp_md_ctx_ptr(EVP_MD_CTX_new())};
+  if (!now.digest)
+    return PKI_OUT_OF_MEMORY;
+  now.request.tbs_digest = now.digest.get();
+  now.request.target_cert = cert;
+  now.request.entries_may_start_at_target =
+      has_configured_signer(crli) || (base_record && has_configured_signer(base_record));
+  if (int error = cv_send_crl_request(&now.request, crli->url, crli->format))
+    return error;
+  x509_crl_ptr crl(now.request.crl);
+  certs_ptr signers;
+  if (int error = accept(now, &signers)) {
+    syslog(log_warning, "discarding downloaded CRL (%s)", crli->url);
+    return error;
+  }
+  found->crl = std::move(crl);
+  found->signers = std::move(signers);
+  return PKI_OK;
+}
+
+const X509_NAME *crl_issuer_of(const crl_info *crli, const X509 *cert) {
+  if (crli->crl_issuer)
+    return crli->crl_issuer;
+  return has_configured_signer(crli) ? X509_get_subject_name(crli->crl_signer)
+                                     : X509_get_issuer_name(cert);
+}
+
+// The cached CRL with its signer as the only one. 81: none fits.
+int find_cached(const crl_info *crli, const X509 *cert, cache_use use, fetched_crl *found) {
+  if (use == cache_use::forbidden)
+    return PKI_NO_ENTRY;
+  X509 *signer = nullptr;
+  x509_crl_ptr crl(zv_cv_find_crl_in_cache(
+      crl_issuer_of(crli, cert), crli->reasons ? crli->reasons : PKI_ALL_REASONS, &signer));
+  x509_ptr signer_owner(signer);
+  if (!crl || (use == cache_use::only_deltas && !is_delta_crl(crl.get())))
+    return PKI_NO_ENTRY;
+  syslog(log_debug, "found CRL in cache");
+  certs_ptr signers(sk_X509_new_null());
+  if (!signers || sk_X509_push(signers.get(), signer) <= 0)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  (void)signer_owner.release();
+  found->crl = std::move(crl);
+  found->signers = std::move(signers);
+  found->from_cache = true;
+  return PKI_OK;
+}
+
+}  // namespace
+
+bool has_configured_signer(const crl_info *crli) {
+  return !crli->dist_point && !crli->crl_issuer && crli->crl_signer;
+}
+
+bool is_delta_crl(const X509_CRL *crl) {
+  return X509_CRL_get_ext_by_NID(crl, NID_delta_crl, -1) >= 0;
+}
+
+int cv_get_crl(const crl_info *crli, X509 *cert, X509 *issuer, cache_use use, fetched_crl *found,
+               const crl_info *base_record) {
+  *found = fetched_crl();
+  int error = find_cached(crli, cert, use, found);
+  return error == PKI_NO_ENTRY ? fetch(crli, cert, issuer, base_record, found) : error;
+}
+
+}  // namespace pki

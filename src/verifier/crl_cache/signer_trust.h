@@ -1,0 +1,24 @@
+// Who made a CRL's signature is known; may they speak for the certificate's issuer?
+#ifndef PKI_VERIFIER_CRL_CACHE_SIGNER_TRUST_H
+#define PKI_VERIFIER_CRL_CACHE_SIGNER_TRUST_H
+
+#include <libpki/records.h>
+#include <openssl/x509_vfy.h>
+
+namespace pki {
+
+// What a CRL locator is asked.
+struct crl_question {
+  X509 *cert;
+  X509 *issuer;
+  X509_STORE_CTX *trust;  // may be null
+  bool issuer_trusted;    // the issuer may sign CRLs
+  int depth;
+};
+
+// Logs why, at level 7 when it may, else at level 4.
+[[nodiscard]] bool may_sign_crl(const crl_question &asked, const crl_info *record, X509 *signer);
+
+}  // namespace pki
+
+#endif

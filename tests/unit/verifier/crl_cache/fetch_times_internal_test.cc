@@ -1,0 +1,157 @@
+// The times of a CRL: one from the future is refused, and currency.
+#include "unit/verifier/crl_cache/fetch_support.h"
+
+using namespace crl_support;
+using namespace support;
+
+namespace {
+
+constexpr time_t day = 86400;
+
+std::string printed(time_t time) {
+  BIO *memory = BIO_new(BIO_s_mem());
+  ASN1_TIME_print(memory, make_time(time).get());
+  char *data = nullptr;
+  long size = BIO_get_mem_data(memory, &data);
+  std::string text(data, static_cast<size_t>(size));
+  BIO_free(memory);
+  return text;
+}
+
+class CrlTimes : public crl_fetch_test {
+ protected:
+  void SetUp() override {
+    crl_fetch_test::SetUp();
+    trust(signer_cert());
+  }
+  // What currency says about a CRL of these times; "" leaves nextUpdate out.
+  int currency(const std::string &this_update, const std::string &next_update) {
+    crl_fields fields;
+    fields.this_update = this_update;
+    fields.next_update = next_update;
+    support::crl crl = openssl_decoded(crl_octets(fields));
+    EXPECT_TRUE(crl);
+    clear_log();
+    return pki::cv_crl_check_update_dates(crl.get());
+  }
+  int age(time_t seconds) { return currency(der_utc_time(crl_der_now - seconds), ""); }
+};
+
+// ---- thisUpdate of a download ----
+
+TEST_F(CrlTimes, ThisUpdateMayBeFiveMinutesAhead) {
+  for (long ahead : {-100L * day, -1L, 0L, 1L, 299L, 300L})
+    for (bool announced : {true, false})
+      for (bool generalized : {true, false}) {
+        crl_fields fields;
+        time_t time = crl_der_now + ahead;
+        fields.this_update = generalized ? der_generalized_time(time) : der_utc_time(time);
+        EXPECT_EQ(0, get_body(crl_octets(fields), {}, announced).code) << ahead << log_dump();
+      }
+}
+
+TEST_F(CrlTimes, ThisUpdateFurtherAheadIsRefused) {
+  for (long ahead : {301L, 3600L, 1000L * day})
+    for (bool announced : {true, false}) {
+      crl_fields fields;
+      fields.this_update = der_utc_time(crl_der_now + ahead);
+      EXPECT_EQ(85, get_body(crl_octets(fields), {}, announced).code);
+      EXPECT_EQ((announced ? full_line : truncated_line) +
+                    ("3: The crl (/CN=issuer) was updated in the future (" +
+                     printed(crl_der_now + ahead) + ")!\n") +
+                    discarded_line(),
+                own_log());
+    }
+}
+
+TEST_F(CrlTimes, UnreadableThisUpdateIsRefused) {
+  for (std::string text : {"soon", "2311142213Z", "231314221320Z", "2311142213200Z", ""})
+    for (bool announced : {true, false}) {
+      crl_fields fields;
+      fields.this_update = der_tlv(0x17, text);
+      EXPECT_EQ(85, get_body(crl_octets(fields), {}, announced).code) << text;
+      EXPECT_EQ((announced ? full_line : truncated_line) +
+                    ("3: Error parsing the lastUpdate time in CRL (/CN=issuer): " + text + "\n") +
+                    discarded_line(),
+                own_log());
+    }
+}
+
+TEST_F(CrlTimes, NextUpdateInThePastIsNoneOfTheDownloadsBusiness) {
+  crl_fields fields;
+  fields.next_update = der_utc_time(crl_der_now - 100 * day);
+  EXPECT_EQ(0, get_body(crl_octets(fields)).code);
+}
+
+TEST_F(CrlTimes, ThisUpdateByItself) {
+  crl_fields fields;
+  for (long ahead : {300L, 301L}) {
+    fields.this_update = der_utc_time(crl_der_now + ahead);
+    EXPECT_EQ(ahead == 300 ? 0 : 85,
+              pki::check_this_update(openssl_decoded(crl_octets(fields)).get()));
+  }
+}
+
+// ---- currency ----
+
+TEST_F(CrlTimes, NextUpdateMayBeAlmostFiveMinutesPast) {
+  for (long ahead : {-299L, 0L, 1L, 1000L * day}) {
+    EXPECT_EQ(0, currency(der_utc_time(crl_der_now), der_utc_time(crl_der_now + ahead))) << ahead;
+    EXPECT_EQ(0, currency(der_utc_time(crl_der_now), der_generalized_time(crl_der_now + ahead)));
+    EXPECT_EQ("", own_log());
+  }
+}
+
+TEST_F(CrlTimes, NextUpdateFurtherPastIsRefused) {
+  for (long past : {300L, 301L, 1000L * day}) {
+    EXPECT_EQ(85, currency(der_utc_time(crl_der_now), der_utc_time(crl_der_now - past)));
+    EXPECT_EQ("3: The next-update in the crl (/CN=issuer) is in the past (" +
+                  printed(crl_der_now - past) + ")\n",
+              own_log());
+  }
+}
+
+TEST_F(CrlTimes, UnreadableNextUpdateIsRefused) {
+  EXPECT_EQ(85, currency(der_utc_time(crl_der_now), der_tlv(0x18, "whenever")));
+  EXPECT_EQ("3: Error parsing the nextUpdate time in CRL (/CN=issuer): whenever\n", own_log());
+}
+
+TEST_F(CrlTimes, GoodNextUpdateMakesAgeMeaningless) {
+  EXPECT_EQ(0, currency(der_utc_time(crl_der_now - 5000 * day), der_utc_time(crl_der_now + 1)));
+  EXPECT_EQ(0, currency(der_tlv(0x17, "soon"), der_utc_time(crl_der_now + 1)));
+}
+
+TEST_F(CrlTimes, WithoutNextUpdateThisUpdateMayBe530DaysOld) {
+  for (long old : {0L, 529 * day, 530 * day, 45792299L}) {
+    EXPECT_EQ(0, age(old)) << old;
+    EXPECT_EQ("", own_log());
+  }
+}
+
+TEST_F(CrlTimes, WithoutNextUpdateOlderOnesAreRefused) {
+  for (long old : {45792300L, 45792301L, 531 * day, 4000 * day}) {
+    EXPECT_EQ(85, age(old)) << old;
+    EXPECT_EQ(
+        "3: The crl (/CN=issuer) was updated too long ago (" + printed(crl_der_now - old) + ")\n",
+        own_log());
+  }
+}
+
+TEST_F(CrlTimes, WithoutNextUpdateUnreadableThisUpdateIsRefused) {
+  EXPECT_EQ(85, currency(der_tlv(0x17, "soon"), ""));
+  EXPECT_EQ("3: Error parsing the lastUpdate time in CRL (/CN=issuer): soon\n", own_log());
+}
+
+TEST_F(CrlTimes, LongNameIsCutTo100Characters) {
+  crl_fields fields;
+  std::string cn(60, 'n');
+  fields.issuer = der_name(make_name({{"CN", cn}, {"O", std::string(60, 'o')}}));
+  fields.next_update = der_utc_time(crl_der_now - day);
+  EXPECT_EQ(85, pki::cv_crl_check_update_dates(openssl_decoded(crl_octets(fields)).get()));
+  // OpenSSL leaves out the attribute that does not fit.
+  EXPECT_EQ("3: The next-update in the crl (/CN=" + cn + ") is in the past (" +
+                printed(crl_der_now - day) + ")\n",
+            own_log());
+}
+
+}  // namespace
