@@ -58,6 +58,7 @@ class lab_process {
   // "http://127.0.0.1:PORT"
   const std::string &url() const { return url_; }
   int port() const;
+  pid_t pid() const { return pid_; }
   // Waits until the lab has logged a line with this text in it.
   void wait_for_log(const std::string &text);
   // Sends a signal and waits for the end.

@@ -93,6 +93,19 @@ ca::pair ca::load_or_make_pair(const std::string &name, const std::string &commo
   return made;
 }
 
+const ca::pair *ca::find(const std::string &name) const {
+  for (const pair *own : pairs())
+    if (name_of(*own) == name)
+      return own;
+  return nullptr;
+}
+
+std::string ca::name_of(const pair &own) const {
+  if (&own == &root_)
+    return "root";
+  return &own == &issuing_ ? "issuing" : "additional";
+}
+
 tools::key_ptr ca::make_key() const {
   return make_rsa_key(key_bits_);
 }

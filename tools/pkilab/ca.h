@@ -21,6 +21,7 @@ namespace pkilab {
  *   issued/SERIAL.pem                       what the lab issued; see issued_certs.h
  *   revoked/SERIAL.txt                      what of it is revoked; see revocations.h
  *   ocsp/NAME.pem                           OCSP responders; see ocsp_signers.h
+ *   crl/NAME.pem                            signers of CRLs; see crl_signers.h
  */
 class ca {
  public:
@@ -42,6 +43,10 @@ class ca {
   const pair &additional() const { return additional_; }
   // All three.
   std::array<const pair *, 3> pairs() const { return {&root_, &issuing_, &additional_}; }
+
+  // "root", "issuing" or "additional"; null for any other name.
+  const pair *find(const std::string &name) const;
+  std::string name_of(const pair &own) const;
 
   // A new key, as strong as the others.
   tools::key_ptr make_key() const;

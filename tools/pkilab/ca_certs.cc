@@ -76,12 +76,69 @@ bool add_ocsp_urls(X509 *cert, const std::vector<std::string> &urls) {
   return X509_add1_ext_i2d(cert, NID_info_access, list.get(), 0, X509V3_ADD_DEFAULT) == 1;
 }
 
+bool set_crl_issuer(DIST_POINT *point, const X509_NAME *issuer) {
+  if (!issuer)
+    return true;
+  X509_NAME *copy = X509_NAME_dup(issuer);
+  GENERAL_NAME *name = GENERAL_NAME_new();
+  point->CRLissuer = GENERAL_NAMES_new();
+  if (!copy || !name || !point->CRLissuer || sk_GENERAL_NAME_push(point->CRLissuer, name) < 1) {
+    X509_NAME_free(copy);
+    GENERAL_NAME_free(name);
+    return false;
+  }
+  GENERAL_NAME_set0_value(name, GEN_DIRNAME, copy);
+  return true;
+}
+
+// Null when memory ran out.
+DIST_POINT *make_point(const std::string &url) {
+  DIST_POINT *point = DIST_POINT_new();
+  GENERAL_NAME *name = GENERAL_NAME_new();
+  ASN1_IA5STRING *text = ASN1_IA5STRING_new();
+  GENERAL_NAMES *names = GENERAL_NAMES_new();
+  DIST_POINT_NAME *place = DIST_POINT_NAME_new();
+  bool made = point && name && text && names && place &&
+              ASN1_STRING_set(text, url.c_str(), -1) == 1 && sk_GENERAL_NAME_push(names, name) > 0;
+  if (!made) {
+    DIST_POINT_free(point);
+    GENERAL_NAME_free(name);
+    ASN1_IA5STRING_free(text);
+    sk_GENERAL_NAME_free(names);
+    DIST_POINT_NAME_free(place);
+    return nullptr;
+  }
+  GENERAL_NAME_set0_value(name, GEN_URI, text);
+  place->type = 0;
+  place->name.fullname = names;
+  point->distpoint = place;
+  return point;
+}
+
+bool add_crl_urls(X509 *cert, int nid, const std::vector<std::string> &urls,
+                  const X509_NAME *crl_issuer) {
+  if (urls.empty())
+    return true;
+  std::unique_ptr<CRL_DIST_POINTS, tools::free_with<CRL_DIST_POINTS_free>> list(
+      CRL_DIST_POINTS_new());
+  for (const std::string &url : urls) {
+    DIST_POINT *point = list ? make_point(url) : nullptr;
+    if (!point || !set_crl_issuer(point, crl_issuer) || sk_DIST_POINT_push(list.get(), point) < 1) {
+      DIST_POINT_free(point);
+      return false;
+    }
+  }
+  return X509_add1_ext_i2d(cert, nid, list.get(), 0, X509V3_ADD_DEFAULT) == 1;
+}
+
 bool add_device_extensions(X509 *cert, X509 *issuer, const cert_wishes &wishes) {
   return add_extension(cert, issuer, NID_basic_constraints, "critical,CA:FALSE") &&
-         add_extension(cert, issuer, NID_key_usage, "critical,digitalSignature,keyEncipherment") &&
+         add_extension(cert, issuer, NID_key_usage, ("critical," + wishes.key_usage).c_str()) &&
          add_extension(cert, issuer, NID_subject_key_identifier, "hash") &&
          add_extension(cert, issuer, NID_authority_key_identifier, "keyid") &&
          add_ocsp_urls(cert, wishes.ocsp_urls) &&
+         add_crl_urls(cert, NID_crl_distribution_points, wishes.crl_urls, wishes.crl_issuer) &&
+         add_crl_urls(cert, NID_freshest_crl, wishes.freshest_crl_urls, wishes.crl_issuer) &&
          (!wishes.ocsp_signing || add_extension(cert, issuer, NID_ext_key_usage, "OCSPSigning")) &&
          (!wishes.ocsp_no_check ||
           add_extension(cert, issuer, NID_id_pkix_OCSP_noCheck, "ignored"));

@@ -25,10 +25,14 @@ struct cert_wishes {
   // Seconds since 1970; without them, yesterday and for a year from now.
   std::optional<time_t> not_before;
   std::optional<time_t> not_after;
-  std::vector<std::string> ocsp_urls;  // in an authorityInfoAccess
-  std::string alt_names;               // as in "DNS:localhost,IP:127.0.0.1"
-  bool ocsp_signing = false;           // extendedKeyUsage id-kp-OCSPSigning
-  bool ocsp_no_check = false;          // id-pkix-ocsp-nocheck
+  std::vector<std::string> ocsp_urls;          // in an authorityInfoAccess
+  std::vector<std::string> crl_urls;           // in cRLDistributionPoints, a point each
+  const X509_NAME *crl_issuer = nullptr;       // cRLIssuer of both, unless null
+  std::vector<std::string> freshest_crl_urls;  // in freshestCRL, the same
+  std::string key_usage = "digitalSignature,keyEncipherment";
+  std::string alt_names;       // as in "DNS:localhost,IP:127.0.0.1"
+  bool ocsp_signing = false;   // extendedKeyUsage id-kp-OCSPSigning
+  bool ocsp_no_check = false;  // id-pkix-ocsp-nocheck
 };
 
 // Signed with SHA-256. Throws tools::failure.

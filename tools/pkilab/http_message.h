@@ -3,6 +3,8 @@
 #define TOOLS_PKILAB_HTTP_MESSAGE_H
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,12 +39,25 @@ void set_target(request *request, const std::string &target);
 // The announced length of the request's body; no value when it is no number.
 std::optional<size_t> body_length(const request &request);
 
+// Receives octets; false when it takes no more.
+using octet_sink = std::function<bool(std::string_view)>;
+
+// Octets that are made while they are sent, so that nobody holds them all.
+struct octet_stream {
+  uint64_t length = 0;
+  std::function<bool(const octet_sink &)> make;  // false when the sink took no more
+};
+
 struct response {
   int status = 200;
   std::string content_type = "text/plain";  // "": no such line
   std::string body;
+  std::optional<octet_stream> stream;  // stands in for the body
+  bool announce_length = true;
   std::vector<std::string> headers;  // further lines, without line ends
   std::string note;                  // for the lab's log only: what was answered
+
+  uint64_t length() const { return stream ? stream->length : body.size(); }
 };
 
 response text_response(int status, const std::string &text);

@@ -34,6 +34,9 @@ struct options {
   std::string subject;
   std::string ca = "issuing";
   std::vector<std::string> ocsp_urls;
+  std::vector<std::string> crl_urls;
+  std::vector<std::string> freshest_crl_urls;
+  std::string crl_issuer;
   std::vector<std::string> alt_names;
   int days = 365;
   std::string not_before;
@@ -80,12 +83,6 @@ std::string joined(const std::vector<std::string> &words) {
   return text;
 }
 
-const ca::pair &choose_ca(const ca &keys, const std::string &name) {
-  if (name == "root")
-    return keys.root();
-  return name == "issuing" ? keys.issuing() : keys.additional();
-}
-
 void check_usage(const options &given) {
   int sources = !given.request.empty() + !given.key.empty() + !given.new_key.empty();
   if (sources != 1)
@@ -94,7 +91,11 @@ void check_usage(const options &given) {
     throw tools::usage_failure("give --subject, as in --subject \"CN=server, O=Example\"");
 }
 
-void set_times(const options &given, cert_wishes *wishes) {
+void set_plain_wishes(const options &given, cert_wishes *wishes) {
+  wishes->ocsp_urls = given.ocsp_urls;
+  wishes->crl_urls = given.crl_urls;
+  wishes->freshest_crl_urls = given.freshest_crl_urls;
+  wishes->alt_names = joined(given.alt_names);
   wishes->not_after = time(nullptr) + given.days * day;
   if (!given.not_before.empty())
     wishes->not_before = parse_time("--not-before", given.not_before);
@@ -107,18 +108,19 @@ int issue(const options &given) {
   req_ptr request = given.request.empty() ? nullptr : read_request(given.request);
   name_ptr subject = given.subject.empty() ? nullptr : read_subject(given.subject);
   cert_wishes wishes;
-  set_times(given, &wishes);
-  wishes.ocsp_urls = given.ocsp_urls;
-  wishes.alt_names = joined(given.alt_names);
+  set_plain_wishes(given, &wishes);
   wishes.subject = subject ? subject.get() : X509_REQ_get_subject_name(request.get());
   tools::key_ptr key = given.key.empty() ? nullptr : read_key(given.key);
+  tools::cert_ptr crl_issuer =
+      given.crl_issuer.empty() ? nullptr : tools::load_certificate(given.crl_issuer);
+  wishes.crl_issuer = crl_issuer ? X509_get_subject_name(crl_issuer.get()) : nullptr;
   ca keys(given.folder);
   if (!given.new_key.empty()) {
     key = keys.make_key();
     tools::write_file(given.new_key, tools::private_pem(key.get()), 0600);
   }
   wishes.public_key = key ? key.get() : X509_REQ_get0_pubkey(request.get());
-  tools::cert_ptr cert = issued_certs(keys).issue(wishes, choose_ca(keys, given.ca));
+  tools::cert_ptr cert = issued_certs(keys).issue(wishes, *keys.find(given.ca));
   tools::write_file(given.out, tools::cert_pem(cert.get()), 0644);
   std::cout << "issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
                    tools::name_text(X509_get_subject_name(cert.get())) + "\n";
@@ -143,18 +145,20 @@ void add_issue_command(CLI::App &app, action *chosen) {
   text("--ca", &given->ca, "CA", "Which CA issues it: issuing, additional or root")
       ->check(CLI::IsMember({"issuing", "additional", "root"}).description(""))
       ->capture_default_str();
-  command
-      ->add_option("--alt-name", given->alt_names,
-                   "As in DNS:localhost or IP:127.0.0.1; may be given several times")
-      ->type_name("NAME")
-      ->type_size(1)
-      ->expected(1, 100);
-  command
-      ->add_option("--ocsp", given->ocsp_urls,
-                   "OCSP responder that the certificate names; may be given several times")
-      ->type_name("URL")
-      ->type_size(1)
-      ->expected(1, 100);
+  auto several = [command](const char *option, std::vector<std::string> *values, const char *type,
+                           const char *help) {
+    command->add_option(option, *values, std::string(help) + "; may be given several times")
+        ->type_name(type)
+        ->type_size(1)
+        ->expected(1, 100);
+  };
+  several("--alt-name", &given->alt_names, "NAME", "As in DNS:localhost or IP:127.0.0.1");
+  several("--ocsp", &given->ocsp_urls, "URL", "OCSP responder that the certificate names");
+  several("--crl", &given->crl_urls, "URL", "CRL that the certificate names");
+  several("--freshest-crl", &given->freshest_crl_urls, "URL",
+          "Delta CRL that the certificate names");
+  text("--crl-issuer", &given->crl_issuer, "FILE",
+       "Certificate of whoever issues those CRLs, where that is not --ca");
   command->add_option("--days", given->days, "Valid for so many days")
       ->check(CLI::Range(1, 36500))
       ->capture_default_str();

@@ -3,6 +3,7 @@
 #include <libpki/store.h>
 
 #include "tools/common/text.h"
+#include "tools/pkilab/crl_room.h"
 #include "tools/pkilab/misbehave.h"
 #include "tools/pkilab/ocsp_room.h"
 #include "tools/pkilab/scep_room.h"
@@ -35,6 +36,7 @@ route_table *add_rooms(route_table *routes, const ca &keys, const lab_options &o
   add_ca_info_room(routes, keys, options.document_file, options.algorithms);
   add_scep_room(routes, keys, options.scep);
   add_ocsp_room(routes, keys, options.ocsp);
+  add_crl_room(routes, keys, options.crl);
   return routes;
 }
 
@@ -58,7 +60,7 @@ void lab::respond(const request &asked, connection &peer) {
     return;
   }
   response answer = routes_.answer(asked);
-  std::string text = std::to_string(answer.status) + " " + std::to_string(answer.body.size());
+  std::string text = std::to_string(answer.status) + " " + std::to_string(answer.length());
   log(asked, answer.note.empty() ? text : text + ", " + answer.note);
   send_response(answer, peer);
 }

@@ -7,6 +7,7 @@
 
 #include "tools/pkilab/ca.h"
 #include "tools/pkilab/ca_info.h"
+#include "tools/pkilab/crl_options.h"
 #include "tools/pkilab/http_routes.h"
 #include "tools/pkilab/http_server.h"
 #include "tools/pkilab/ocsp_options.h"
@@ -22,6 +23,7 @@ struct lab_options {
   scep_algorithms algorithms;
   scep_options scep;
   ocsp_options ocsp;
+  crl_options crl;
   // Receives a printable line a request, in several threads at once; may be empty.
   std::function<void(const std::string &line)> log;
 };

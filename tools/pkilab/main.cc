@@ -12,6 +12,7 @@
 #include "tools/common/files.h"
 #include "tools/common/text.h"
 #include "tools/pkilab/command.h"
+#include "tools/pkilab/crl_command_line.h"
 #include "tools/pkilab/lab.h"
 #include "tools/pkilab/misbehave.h"
 #include "tools/pkilab/ocsp_command_line.h"
@@ -85,6 +86,9 @@ std::string serve_footer() {
          "\nOCSP is at /ocsp. It tells the truth, unless the options or the query of the request's "
          "URL\n(/ocsp?NAME=VALUE&...) say otherwise. Names for both:\n\n" +
          pkilab::ocsp_option_list() +
+         "\nCRLs are at /crl/issuing.crl, /crl/additional.crl and /crl/root.crl. The options and "
+         "the query\nof the request's URL do the same there. Names for both:\n\n" +
+         pkilab::crl_option_list() +
          "\nExit codes: 0 ended by SIGTERM or SIGINT, 1 failed, 2 wrong usage.";
 }
 
@@ -106,6 +110,7 @@ void add_serve_command(CLI::App &app, pkilab::action *chosen) {
                             "Serve this signed document at /ca-info instead of the lab's own");
   pkilab::add_scep_options(serve_command, &given->lab);
   pkilab::add_ocsp_command_line(serve_command, &given->lab);
+  pkilab::add_crl_command_line(serve_command, &given->lab);
   serve_command->add_flag("-q,--quiet", given->quiet, "No line a request on stderr");
   serve_command->footer(serve_footer());
   serve_command->callback([given, chosen] { *chosen = [given] { return serve(*given); }; });

@@ -19,11 +19,26 @@ struct scene {
   std::string argument;
   std::string rest;  // path and query of what to answer badly
 
+  // To be spoiled, an answer must be there as a whole.
+  static response whole(response answer) {
+    constexpr uint64_t longest = 64u << 20;
+    if (!answer.stream)
+      return answer;
+    if (answer.stream->length > longest)
+      return text_response(400, "only answers of up to 64 MiB can be spoiled");
+    answer.stream->make([&answer](std::string_view octets) {
+      answer.body += octets;
+      return true;
+    });
+    answer.stream.reset();
+    return answer;
+  }
+
   response honest(bool by_stranger = false) const {
     request inner = asked;
     set_target(&inner, rest);
     inner.by_stranger = by_stranger;
-    return routes.answer(inner);
+    return whole(routes.answer(inner));
   }
 };
 
@@ -253,7 +268,13 @@ void misbehave(const request &request, const route_table &routes, connection &pe
 }
 
 void send_response(const response &response, connection &peer) {
-  if (peer.send(head_text(response, response.body.size()) + response.body))
+  std::optional<size_t> length;
+  if (response.announce_length)
+    length = response.length();
+  bool sent = peer.send(head_text(response, length) + response.body);
+  if (sent && response.stream)
+    sent = response.stream->make([&peer](std::string_view octets) { return peer.send(octets); });
+  if (sent)
     peer.finish();
 }
 

@@ -5,8 +5,9 @@
 
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
+
+#include "tools/pkilab/option_words.h"
 
 namespace pkilab {
 
@@ -15,9 +16,6 @@ enum class ocsp_responder_id { name, key, other_name };
 enum class ocsp_nonce { mirror, none, wrong };
 enum class ocsp_cert_id { asked, other_serial, other_issuer, sha256 };
 enum class ocsp_body { message, no_message, no_bytes, no_basic };
-
-// Seconds from now, or what stands in the place of a time.
-using ocsp_time = std::variant<long, std::string>;
 
 struct ocsp_options {
   std::optional<int> status;  // V_OCSP_CERTSTATUS_*; without it, what is true
@@ -41,9 +39,9 @@ struct ocsp_options {
   ocsp_cert_id cert_id = ocsp_cert_id::asked;
   bool answers = true;
   long others = 0;  // so many answers for other certificates come first
-  ocsp_time produced_at = 0L;
-  ocsp_time this_update = 0L;
-  std::optional<ocsp_time> next_update = 3600L;
+  answer_time produced_at = 0L;
+  answer_time this_update = 0L;
+  std::optional<answer_time> next_update = 3600L;
 
   int http_status = 200;
   std::string content_type = "application/ocsp-response";

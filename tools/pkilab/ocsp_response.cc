@@ -70,12 +70,12 @@ time_ptr time_from_now(long seconds) {
 }
 
 // A text is put in later: OpenSSL takes only times where it makes a response.
-time_ptr time_or_stand_in(const ocsp_time &when) {
+time_ptr time_or_stand_in(const answer_time &when) {
   const long *seconds = std::get_if<long>(&when);
   return time_from_now(seconds ? *seconds : 0);
 }
 
-void put_text(const ocsp_time &when, ASN1_GENERALIZEDTIME *time) {
+void put_text(const answer_time &when, ASN1_GENERALIZEDTIME *time) {
   if (const std::string *text = std::get_if<std::string>(&when))
     require(ASN1_STRING_set(time, text->data(), static_cast<int>(text->size())) == 1);
 }
@@ -133,7 +133,7 @@ void add_nonce(OCSP_BASICRESP *basic, OCSP_REQUEST *request, ocsp_nonce how) {
 }
 
 // OpenSSL shows these parts of a response, but has no function that changes them.
-void set_produced_at(OCSP_BASICRESP *basic, const ocsp_time &when) {
+void set_produced_at(OCSP_BASICRESP *basic, const answer_time &when) {
   auto *place = const_cast<ASN1_GENERALIZEDTIME *>(OCSP_resp_get0_produced_at(basic));
   time_ptr time = time_or_stand_in(when);
   require(ASN1_STRING_copy(place, time.get()) == 1);

@@ -1,29 +1,13 @@
 #include "tools/pkilab/ocsp_signers.h"
 
 #include "tools/common/failure.h"
-#include "tools/common/files.h"
 #include "tools/common/keys.h"
-#include "tools/common/text.h"
 #include "tools/pkilab/ca_certs.h"
+#include "tools/pkilab/signer_files.h"
 
 namespace pkilab {
 
 namespace {
-
-using name_ptr = std::unique_ptr<X509_NAME, tools::free_with<X509_NAME_free>>;
-
-name_ptr responder_name(const std::string &name) {
-  name_ptr made(X509_NAME_new());
-  std::string common_name = "pkilab OCSP responder " + name;
-  auto add = [&made](const char *field, const std::string &value) {
-    return X509_NAME_add_entry_by_txt(made.get(), field, MBSTRING_UTF8,
-                                      reinterpret_cast<const unsigned char *>(value.c_str()), -1,
-                                      -1, 0) == 1;
-  };
-  if (!made || !add("O", "pkilab") || !add("CN", common_name.substr(0, ub_common_name)))
-    throw tools::failure("cannot name an OCSP responder: " + tools::openssl_reason());
-  return made;
-}
 
 cert_wishes wishes_for(const X509_NAME *subject, EVP_PKEY *key, const ocsp_options &options,
                        const std::string &ocsp_url) {
@@ -53,10 +37,7 @@ std::string variant(const ocsp_options &options, const std::string &ocsp_url) {
     text += "-not-yet-valid";
   if (ocsp_url.empty())
     return text;
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  if (EVP_Digest(ocsp_url.data(), ocsp_url.size(), digest, nullptr, EVP_sha256(), nullptr) != 1)
-    throw tools::failure("cannot compute a digest: " + tools::openssl_reason());
-  return text + "-aia-" + tools::hex(std::string(digest, digest + 4));
+  return text + "-aia-" + short_digest(ocsp_url);
 }
 
 std::string aia_url(const ocsp_options &options, const std::string &authority) {
@@ -72,23 +53,17 @@ const ca::pair &other_ca(const ca &keys, const ca::pair &issuer) {
   return &issuer == &keys.issuing() ? keys.root() : keys.issuing();
 }
 
-std::string ocsp_signers::name_of(const ca::pair &issuer) const {
-  if (&issuer == &keys_.root())
-    return "root";
-  return &issuer == &keys_.issuing() ? "issuing" : "additional";
-}
-
 const ca::pair &ocsp_signers::get(const ca::pair &issuer, const ocsp_options &options,
                                   const std::string &authority) {
   if (options.signer == ocsp_signer::issuer)
     return issuer;
   const ca::pair &ca = options.signer == ocsp_signer::other_ca ? other_ca(keys_, issuer) : issuer;
   std::string url = aia_url(options, authority);
-  std::string name = name_of(ca) + variant(options, url);
+  std::string name = keys_.name_of(ca) + variant(options, url);
   if (options.signer == ocsp_signer::stranger)
     name = "stranger" + variant(options, url);
   if (options.signer == ocsp_signer::impostor)
-    name = "impostor of " + name_of(ca);
+    name = "impostor of " + keys_.name_of(ca);
   std::lock_guard lock(mutex_);
   auto found = made_.find(name);
   if (found != made_.end())
@@ -102,30 +77,9 @@ const ca::pair &ocsp_signers::get(const ca::pair &issuer, const ocsp_options &op
 ca::pair ocsp_signers::load_or_make(const std::string &name, const ca::pair &issuer,
                                     const ocsp_options &options,
                                     const std::string &ocsp_url) const {
-  std::string start = keys_.folder() + "/ocsp/" + name;
-  if (!tools::file_exists(start + ".pem"))
-    return make(name, issuer, options, ocsp_url);
-  ca::pair kept = {tools::load_private_key(start + "-key.pem"),
-                   tools::load_certificate(start + ".pem")};
-  bool fits = X509_check_private_key(kept.cert.get(), kept.key.get()) == 1 &&
-              X509_verify(kept.cert.get(), issuer.key.get()) == 1;
-  if (!fits)
-    throw tools::failure(start + ".pem belongs to other keys; remove it, and it is made anew");
-  return kept;
-}
-
-ca::pair ocsp_signers::make(const std::string &name, const ca::pair &issuer,
-                            const ocsp_options &options, const std::string &ocsp_url) const {
-  std::string folder = keys_.folder() + "/ocsp";
-  tools::make_folders(folder);
-  ca::pair made;
-  made.key = keys_.make_key();
-  name_ptr subject = responder_name(name);
-  made.cert = certs_.issue(wishes_for(subject.get(), made.key.get(), options, ocsp_url), issuer);
-  // The certificate last: it is what says that both are there.
-  tools::write_file(folder + "/" + name + "-key.pem", tools::private_pem(made.key.get()), 0600);
-  tools::write_file(folder + "/" + name + ".pem", tools::cert_pem(made.cert.get()), 0644);
-  return made;
+  name_ptr subject = signer_name("pkilab OCSP responder " + name);
+  return load_or_issue(keys_, issuer, "ocsp/" + name,
+                       wishes_for(subject.get(), nullptr, options, ocsp_url));
 }
 
 ca::pair ocsp_signers::make_stranger(const std::string &name, const ocsp_options &options) const {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "tools/pkilab/issued_certs.h"
+#include "tools/pkilab/ca.h"
 #include "tools/pkilab/ocsp_options.h"
 
 namespace pkilab {
@@ -20,7 +20,7 @@ namespace pkilab {
 class ocsp_signers {
  public:
   // `keys` must outlive it.
-  explicit ocsp_signers(const ca &keys) : keys_(keys), certs_(keys) {}
+  explicit ocsp_signers(const ca &keys) : keys_(keys) {}
 
   // The signer for certificates of `issuer`, as long as the object lives. `authority` is our
   // "ADDRESS:PORT". Throws tools::failure. In several threads at once.
@@ -28,16 +28,12 @@ class ocsp_signers {
                       const std::string &authority);
 
  private:
-  ca::pair make(const std::string &name, const ca::pair &issuer, const ocsp_options &options,
-                const std::string &ocsp_url) const;
   ca::pair load_or_make(const std::string &name, const ca::pair &issuer,
                         const ocsp_options &options, const std::string &ocsp_url) const;
   ca::pair make_stranger(const std::string &name, const ocsp_options &options) const;
   ca::pair make_impostor(const ca::pair &issuer) const;
-  std::string name_of(const ca::pair &issuer) const;
 
   const ca &keys_;
-  issued_certs certs_;
   std::mutex mutex_;
   std::map<std::string, ca::pair> made_;
 };

@@ -12,10 +12,15 @@
 
 namespace pkilab {
 
+using serial_ptr = std::unique_ptr<ASN1_INTEGER, tools::free_with<ASN1_STRING_free>>;
+
 struct revocation {
   time_t at = 0;
   int reason = -1;  // a CRLReason (RFC 5280, 5.3.1); -1: none is given
 };
+
+// Of hexadecimal digits, 128 of them at most; null for anything else.
+serial_ptr parse_serial(const std::string &text);
 
 // By their numbers; "" where there is none. removeFromCRL is no reason to revoke.
 std::vector<std::string> revocation_reasons();
@@ -28,7 +33,8 @@ class revocations {
   bool revoke(const ASN1_INTEGER *serial, const revocation &how) const;
   bool restore(const ASN1_INTEGER *serial) const;
 
-  // Read anew from the folder. Throws tools::failure.
+  // All are read anew from the folder. Throw tools::failure.
+  std::vector<serial_ptr> serials() const;  // of what is revoked, by their text
   std::optional<revocation> find(const ASN1_INTEGER *serial) const;
 
  private:

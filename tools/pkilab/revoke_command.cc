@@ -1,6 +1,4 @@
 // pkilab revoke and unrevoke.
-#include <openssl/bn.h>
-
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <map>
@@ -38,18 +36,11 @@ std::map<std::string, int> reason_choices() {
   return choices;
 }
 
-using serial_ptr = std::unique_ptr<ASN1_INTEGER, tools::free_with<ASN1_STRING_free>>;
-
 serial_ptr read_serial(const std::string &text) {
-  constexpr size_t max_digits = 128;
-  bool is_hex = !text.empty() && text.size() <= max_digits &&
-                text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-  BIGNUM *number = nullptr;
-  if (!is_hex || BN_hex2bn(&number, text.c_str()) == 0)
+  serial_ptr serial = parse_serial(text);
+  if (!serial)
     throw tools::usage_failure("--serial " + text +
                                " is no hexadecimal number of at most 128 digits");
-  serial_ptr serial(BN_to_ASN1_INTEGER(number, nullptr));
-  BN_free(number);
   return serial;
 }
 

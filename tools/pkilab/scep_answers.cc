@@ -61,7 +61,7 @@ std::string describe(int type, const std::string &transaction_id, const scep_rep
 }  // namespace
 
 scep_answer scep_responder::answer(const std::string &der, bool by_stranger,
-                                   const std::string &ocsp_url) {
+                                   const status_urls &urls) {
   tools::pkcs7_ptr message = tools::decode_pkcs7(der);
   if (!message)
     return {"", "the message is no PKCS#7", "unknown"};
@@ -71,7 +71,7 @@ scep_answer scep_responder::answer(const std::string &der, bool by_stranger,
   int type = tools::scep_number(asked.type);
   decision made;
   try {
-    made = decide({type, *asked.transaction_id, message.get(), ocsp_url});
+    made = decide({type, *asked.transaction_id, message.get(), urls});
   } catch (const refusal &refused) {
     made.reply = {SCEP_STATUS_FAILURE, refused.fail_info};
     made.reason = refused.reason;
@@ -160,8 +160,10 @@ scep_responder::decision scep_responder::pending_or_issued(const incoming &asked
   cert_wishes wishes;
   wishes.subject = decided.subject.get();
   wishes.public_key = key;
-  if (!asked.ocsp_url.empty())
-    wishes.ocsp_urls = {asked.ocsp_url};
+  if (!asked.urls.ocsp.empty())
+    wishes.ocsp_urls = {asked.urls.ocsp};
+  if (!asked.urls.crl.empty())
+    wishes.crl_urls = {asked.urls.crl};
   return hand_out(certs_.issue(wishes, keys_.issuing()), decided.requester.get());
 }
 

@@ -20,15 +20,21 @@ struct scep_answer {
   std::string name;  // the message's type, for file names
 };
 
+// Where the status of a certificate can be had.
+struct status_urls {
+  std::string ocsp;  // "": not by OCSP
+  std::string crl;   // "": not by CRL
+};
+
 class scep_responder {
  public:
   // `keys` must outlive it.
   scep_responder(const ca &keys, const scep_options &options)
       : keys_(keys), options_(options), certs_(keys) {}
 
-  // Answers a message. A certificate that is issued names the OCSP responder `ocsp_url` unless
-  // that is "". Throws tools::failure. In several threads at once.
-  scep_answer answer(const std::string &der, bool by_stranger, const std::string &ocsp_url);
+  // Answers a message; what is issued names the sources of its status. Throws tools::failure. In
+  // several threads at once.
+  scep_answer answer(const std::string &der, bool by_stranger, const status_urls &urls);
 
  private:
   // A message that came in.
@@ -36,7 +42,7 @@ class scep_responder {
     int type;
     std::string transaction_id;
     PKCS7 *message;
-    std::string ocsp_url;  // for what is issued
+    status_urls urls;  // for what is issued
   };
   // A request that is not decided yet, or being decided.
   struct transaction {

@@ -43,6 +43,8 @@ struct scep_options {
   std::set<misdeed> misdeeds;
   // Certificates name the lab's own OCSP responder, "/ocsp" with this query.
   std::optional<std::string> ocsp_query;
+  // Certificates name the lab's CRL of their issuer, with this query.
+  std::optional<std::string> crl_query;
   std::string save_folder;  // receives every message; "": none does
 };
 

@@ -8,6 +8,7 @@
 #include "tools/common/keys.h"
 #include "tools/common/scep_message.h"
 #include "tools/common/text.h"
+#include "tools/pkilab/crl_options.h"
 #include "tools/pkilab/scep_answers.h"
 
 namespace pkilab {
@@ -76,7 +77,7 @@ class scep_room {
       message = tools::decode_message_text(tools::query_value(asked.query, "message").value_or(""));
     if (!message)
       return text_response(400, "the query's message is no base64");
-    scep_answer answer = responder_.answer(*message, asked.by_stranger, ocsp_url(asked));
+    scep_answer answer = responder_.answer(*message, asked.by_stranger, urls(asked));
     if (options_.misdeeds.contains(misdeed::no_message))
       answer.der = "these octets are no message";
     recorder_.record(*message, answer);
@@ -86,11 +87,14 @@ class scep_room {
     return made;
   }
 
-  std::string ocsp_url(const request &asked) const {
-    if (!options_.ocsp_query)
-      return "";
-    std::string url = "http://" + asked.authority + "/ocsp";
-    return options_.ocsp_query->empty() ? url : url + "?" + *options_.ocsp_query;
+  status_urls urls(const request &asked) const {
+    status_urls urls;
+    if (options_.ocsp_query)
+      urls.ocsp = "http://" + asked.authority + "/ocsp" +
+                  (options_.ocsp_query->empty() ? "" : "?" + *options_.ocsp_query);
+    if (options_.crl_query)
+      urls.crl = crl_url(asked.authority, keys_.name_of(keys_.issuing()), *options_.crl_query);
+    return urls;
   }
 
   const ca &keys_;
