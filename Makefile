@@ -55,18 +55,19 @@ test: bootstrap-peers ## run the tests: optimised, then with AddressSanitizer an
 	@$(MAKE) check-asan
 
 .PHONY: test-long
-test-long: build-release ## run the soak tests, and the unit tests with ThreadSanitizer
+test-long: bootstrap-peers build-release ## run the soak tests, and the unit tests with ThreadSanitizer
 	@$(CTEST) --preset release -L long
 	@$(MAKE) build-tsan
 	@$(CTEST) --preset tsan -L unit
 
 .PHONY: bench
 bench: configure-release ## measure; fails when a budget is exceeded
-	@cmake --build --preset release -j $(JOBS) --target bench_libpki bench_init bench_enroll bench_verify
+	@cmake --build --preset release -j $(JOBS) --target bench_libpki bench_init bench_enroll bench_verify bench_crl
 	@$(BUILD)/release/bin/bench_libpki $(BENCH_ARGS)
 	@$(BUILD)/release/bin/bench_init
 	@$(BUILD)/release/bin/bench_enroll
 	@$(BUILD)/release/bin/bench_verify
+	@$(BUILD)/release/bin/bench_crl
 
 .PHONY: format
 format: bootstrap-lint ## bring the sources into the house format

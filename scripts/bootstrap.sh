@@ -3,7 +3,8 @@
 #
 #   bootstrap.sh build          compile, test, benchmark
 #   bootstrap.sh build lint     the same, and the checkers of `make lint`
-#   bootstrap.sh peers          programs of others that the tests talk to
+#   bootstrap.sh peers          what others made and the tests hold us against: programs to talk to,
+#                               certificates and CRLs to judge
 set -eu
 
 # binutils (nm, readelf), make and the sanitizers' run-time libraries come with g++ and its
@@ -12,7 +13,7 @@ build_packages="g++ cmake ninja-build pkg-config ccache openssl python3 \
   libssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
   libcli11-dev nlohmann-json3-dev"
 lint_packages="clang-format clang-tidy cppcheck python3"
-peers_packages="scep certmonger"
+peers_packages="scep certmonger python3-cryptography-vectors"
 
 wanted=""
 for group in "$@"; do

@@ -1,0 +1,266 @@
+// The status of a certificate from a CRL of a million entries over real HTTP: beside OpenSSL's
+// decoder on the same octets, beside a program that only reads and digests them, and in how little
+// memory.
+//
+//   bench_crl [ENTRIES [ROUNDS]]   default: 1000000 entries, 5 rounds of each kind
+#include <libpki/libpki.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "big_crl.h"
+
+namespace {
+
+constexpr double openssl_budget = 10;   // times faster than OpenSSL
+constexpr double reading_budget = 0.6;  // of the speed of reading and digesting
+constexpr double entry_budget = 1.05;   // cost an entry of ten times as many
+constexpr long memory_budget_kib = 64;
+
+double now_ms() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+long peak_kib() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.starts_with("VmHWM:"))
+      return std::stol(line.substr(6));
+  return -1;
+}
+
+void reset_peak() {
+  std::ofstream("/proc/self/clear_refs") << "5";
+}
+
+[[noreturn]] void give_up(const char *what) {
+  std::fprintf(stderr, "bench_crl: %s\n", what);
+  std::exit(1);
+}
+
+void send_all(int fd, const std::string &octets) {
+  for (size_t sent = 0; sent < octets.size();) {
+    ssize_t count = send(fd, octets.data() + sent, octets.size() - sent, MSG_NOSIGNAL);
+    if (count < 1)
+      return;
+    sent += static_cast<size_t>(count);
+  }
+}
+
+// A server in a process of its own, so that what it holds does not count as ours.
+class crl_server {
+ public:
+  explicit crl_server(const std::string &body) {
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(listener, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+        listen(listener, 8) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+      give_up("no server");
+    port_ = ntohs(address.sin_port);
+    process_ = fork();
+    if (process_ == 0)
+      serve(listener, body);
+    close(listener);
+  }
+  ~crl_server() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+  crl_server(const crl_server &) = delete;
+  crl_server &operator=(const crl_server &) = delete;
+
+  [[nodiscard]] int port() const { return port_; }
+
+ private:
+  [[noreturn]] static void serve(int listener, const std::string &body) {
+    std::string head =
+        "HTTP/1.0 200 OK\r\nContent-Type: application/pkix-crl\r\n"
+        "Content-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n";
+    while (true) {
+      int fd = accept(listener, nullptr, nullptr);
+      char request[2000];
+      if (recv(fd, request, sizeof request, 0) > 0) {
+        send_all(fd, head);
+        send_all(fd, body);
+      }
+      close(fd);
+    }
+  }
+
+  int port_;
+  pid_t process_;
+};
+
+// What everybody has to do: read 2000 octets at a time, and digest them.
+double read_and_digest_ms(int port) {
+  double start = now_ms();
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+    give_up("no connection");
+  send_all(fd, "GET / HTTP/1.0\r\n\r\n");
+  EVP_MD_CTX *digest = EVP_MD_CTX_new();
+  EVP_DigestInit_ex(digest, EVP_sha256(), nullptr);
+  char buffer[2000];
+  ssize_t count;
+  while ((count = read(fd, buffer, sizeof buffer)) > 0)
+    EVP_DigestUpdate(digest, buffer, static_cast<size_t>(count));
+  unsigned char value[EVP_MAX_MD_SIZE];
+  EVP_DigestFinal_ex(digest, value, nullptr);
+  EVP_MD_CTX_free(digest);
+  close(fd);
+  return now_ms() - start;
+}
+
+// The octets are in memory already.
+double openssl_ms(const std::string &der, EVP_PKEY *key, X509 *cert) {
+  double start = now_ms();
+  const auto *in = reinterpret_cast<const unsigned char *>(der.data());
+  X509_CRL *crl = d2i_X509_CRL(nullptr, &in, static_cast<long>(der.size()));
+  X509_REVOKED *found = nullptr;
+  if (!crl || X509_CRL_verify(crl, key) != 1 || X509_CRL_get0_by_cert(crl, &found, cert) != 0)
+    give_up("OpenSSL refuses the CRL");
+  X509_CRL_free(crl);
+  return now_ms() - start;
+}
+
+struct world {
+  support::key key = support::make_key(2048);
+  support::cert issuer;
+  support::cert cert;
+
+  explicit world(int port) {
+    support::cert_options options;
+    options.subject = support::common_name("Bench CA");
+    options.public_key = key;
+    options.ca = true;
+    issuer = support::make_cert(options);
+    cert = cert_for(port);
+    pki_add_untrusted_cert(issuer.get(), 1);
+  }
+  [[nodiscard]] support::cert cert_for(int port) const {
+    support::cert_options options;
+    options.subject = support::common_name("gateway");
+    options.issuer = support::common_name("Bench CA");
+    options.signing_key = key;
+    options.serial = 77;
+    options.extensions = {
+        {"crlDistributionPoints", "URI:http://127.0.0.1:" + std::to_string(port) + "/"}};
+    return support::make_cert(options);
+  }
+};
+
+double library_ms(X509 *cert, X509 *issuer) {
+  zv_cv_clear_cert_sts_info_cache();
+  double start = now_ms();
+  if (zv_cv_check_cert_status(cert, issuer, nullptr, 1, 0) != PKI_CERT_OK)
+    give_up("the certificate is not good");
+  return now_ms() - start;
+}
+
+struct times {
+  double library, openssl, reading;
+};
+
+times compare(const world &here, const std::string &der, int rounds) {
+  crl_server server(der);
+  support::cert cert = here.cert_for(server.port());
+  std::vector<double> library, openssl, reading;
+  for (int i = -1; i < rounds; i++) {
+    double one = library_ms(cert.get(), here.issuer.get());
+    double other = openssl_ms(der, here.key.get(), cert.get());
+    double limit = read_and_digest_ms(server.port());
+    if (i < 0)
+      continue;
+    library.push_back(one);
+    openssl.push_back(other);
+    reading.push_back(limit);
+  }
+  return {median(library), median(openssl), median(reading)};
+}
+
+bool print_comparison(const char *what, const times &took) {
+  double faster = took.openssl / took.library;
+  double speed = took.reading / took.library;
+  std::printf("  %-22s %8.1f ms   OpenSSL's decoder %8.1f ms: %.1f times faster (budget %.0f)\n",
+              what, took.library, took.openssl, faster, openssl_budget);
+  std::printf(
+      "  %-22s               reading and digesting %5.1f ms: %.0f %% of its speed "
+      "(budget %.0f %%)\n",
+      "", took.reading, speed * 100, reading_budget * 100);
+  return faster >= openssl_budget && speed >= reading_budget;
+}
+
+// Nanoseconds an entry, and the highest resident memory meanwhile.
+double entry_ns(const world &here, long entries, int rounds, long *peak) {
+  std::string der = bench::make_big_crl("Bench CA", here.key, {entries, false});
+  crl_server server(der);
+  std::string().swap(der);
+  support::cert cert = here.cert_for(server.port());
+  library_ms(cert.get(), here.issuer.get());
+  reset_peak();
+  std::vector<double> took;
+  for (int i = 0; i < rounds; i++)
+    took.push_back(library_ms(cert.get(), here.issuer.get()));
+  *peak = peak_kib();
+  return median(took) * 1e6 / static_cast<double>(entries);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const long entries = argc > 1 ? std::atol(argv[1]) : 1000000;
+  const int rounds = argc > 2 ? std::atoi(argv[2]) : 5;
+  if (entries < 1000 || rounds < 1) {
+    std::fprintf(stderr, "bench_crl: usage: bench_crl [ENTRIES (1000 or more) [ROUNDS]]\n");
+    return 2;
+  }
+  setlogmask(LOG_UPTO(LOG_NOTICE));
+  libpki_init();
+  world here(1);
+  long small_peak, large_peak;
+  entry_ns(here, 1000, rounds, &small_peak);
+  double few = entry_ns(here, entries / 10, rounds * 3, &small_peak);
+  double many = entry_ns(here, entries * 10, rounds, &large_peak);
+  std::printf("status from a CRL of %ld entries over HTTP (RSA 2048, SHA-256):\n", entries);
+  times plain = compare(here, bench::make_big_crl("Bench CA", here.key, {entries, false}), rounds);
+  bool good = print_comparison("without reasons", plain);
+  times reasons = compare(here, bench::make_big_crl("Bench CA", here.key, {entries, true}), rounds);
+  good = print_comparison("a reason in each", reasons) && good;
+  std::printf("  an entry: %.1f ns of %ld, %.1f ns of %ld: ratio %.3f (budget %.2f)\n", few,
+              entries / 10, many, entries * 10, many / few, entry_budget);
+  std::printf("  resident at most: %ld KiB, %ld KiB: %ld KiB more (budget %ld)\n", small_peak,
+              large_peak, large_peak - small_peak, memory_budget_kib);
+  if (good && many / few <= entry_budget && large_peak - small_peak <= memory_budget_kib)
+    return 0;
+  std::fprintf(stderr, "bench_crl: over budget\n");
+  return 1;
+}
