@@ -78,8 +78,8 @@ bool is_issuer(const GENERAL_NAME *name, const X509 *cert) {
 }
 
 // A CRL source that was configured has no distribution point to compare. So that no other partition
-// of the issuer's list can take its place, the source's URL, one of the certificate's own points, or
-// the issuer has to be named (RFC 5280 6.3.3: the implied distribution point).
+// of the issuer's list can take its place, the source's URL, one of the certificate's own points,
+// or the issuer has to be named (RFC 5280 6.3.3: the implied distribution point).
 bool is_source_covered(const crl_info *crli, const X509 *cert, const GENERAL_NAMES *covered) {
   for (int i = 0; i < sk_GENERAL_NAME_num(covered); i++) {
     const GENERAL_NAME *name = sk_GENERAL_NAME_value(covered, i);
