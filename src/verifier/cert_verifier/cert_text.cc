@@ -21,4 +21,8 @@ bool is_same_cert(X509 *one, X509 *other) {
   return one == other || (is_comparable(one) && is_comparable(other) && X509_cmp(one, other) == 0);
 }
 
+bool may_be_same_cert(X509 *one, X509 *other) {
+  return one == other || !is_comparable(one) || !is_comparable(other) || X509_cmp(one, other) == 0;
+}
+
 }  // namespace pki

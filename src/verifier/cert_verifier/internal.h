@@ -29,6 +29,8 @@ enum class expiry : unsigned char { ahead, passed, unknown };
 // OpenSSL's comparison finds a certificate that does not encode equal to others.
 [[nodiscard]] bool is_comparable(X509 *cert);
 [[nodiscard]] bool is_same_cert(X509 *one, X509 *other);
+// For questions where "the same" is the answer that lets nobody in.
+[[nodiscard]] bool may_be_same_cert(X509 *one, X509 *other);
 
 // What log lines call a certificate: its subject on one line, as OpenSSL writes it.
 class subject_text {

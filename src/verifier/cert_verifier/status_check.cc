@@ -54,19 +54,19 @@ void trace_status(int kind, const question &asked, const cert_sts_info *info, in
 }
 
 // Null unless the cache holds a status. An expired one is taken out.
-sts_info_ptr find_cached(X509 *cert) {
+sts_info_ptr find_cached(X509 *cert, int *status) {
   sts_info_ptr found(zv_cv_find_cert_sts_info_cache(cert));
-  if (!found || expiry_of(found.get()) != expiry::passed)
+  if (!found)
+    return nullptr;
+  expiry ends = expiry_of(found.get());
+  // What is in the cache could be read once: want of memory must not turn "revoked" into "not
+  // cached".
+  *status = ends == expiry::ahead ? found->status : PKI_CERT_UNKNOWN;
+  if (ends != expiry::passed)
     return found;
   if (zv_cv_remove_cert_sts_info_cache(found.get()) == 0)
     cv_free_cert_sts_info(found.get());
   return nullptr;
-}
-
-// What is in the cache could be read once: want of memory must not turn "revoked" into "not
-// cached".
-int status_from_cache(const cert_sts_info *cached) {
-  return expiry_of(cached) == expiry::ahead ? cached->status : PKI_CERT_UNKNOWN;
 }
 
 const char *source_name(const cert_sts_locator *locator) {
@@ -150,8 +150,8 @@ int status_from_sources(const question &asked) {
 }
 
 int status_of(const question &asked) {
-  if (sts_info_ptr cached = find_cached(asked.cert)) {
-    int status = status_from_cache(cached.get());
+  int status = PKI_CERT_UNKNOWN;
+  if (sts_info_ptr cached = find_cached(asked.cert, &status)) {
     trace_status(PKI_TRACE_CACHE, asked, cached.get(), status);
     trace_status(PKI_TRACE_STATUS_END, asked, cached.get(), status);
     cached.reset();

@@ -74,11 +74,13 @@ int name_entry_issuer(X509_REVOKED *entry, const X509_NAME *issuer) {
   return PKI_OUT_OF_MEMORY;
 }
 
-bool names_entry_issuer(const X509_REVOKED *entry) {
+int names_entry_issuer(const X509_REVOKED *entry, bool *named) {
   openssl_error_mark none_is_no_error;
+  memory_watch memory;
   general_names_ptr names(static_cast<GENERAL_NAMES *>(
       X509_REVOKED_get_ext_d2i(entry, NID_certificate_issuer, nullptr, nullptr)));
-  return cv_find_dn(names.get()) != nullptr;
+  *named = cv_find_dn(names.get()) != nullptr;
+  return memory.ran_out() ? PKI_OUT_OF_MEMORY : PKI_OK;
 }
 
 }  // namespace pki

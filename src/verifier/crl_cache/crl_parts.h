@@ -24,7 +24,8 @@ struct crl_parts {
 // An entry that names its issuer itself, instead of inheriting it from one that may be gone.
 // Returns 0; 2, with OpenSSL's queue left to log.
 [[nodiscard]] int name_entry_issuer(X509_REVOKED *entry, const X509_NAME *issuer);
-[[nodiscard]] bool names_entry_issuer(const X509_REVOKED *entry);
+// Does it? Returns 0; 2.
+[[nodiscard]] int names_entry_issuer(const X509_REVOKED *entry, bool *named);
 
 // Appends OpenSSL's encoding of a value. Returns 0; 2.
 template <class T>

@@ -133,9 +133,9 @@ class crl_walk {
     fitness found = bring_up_to_date(record, crl);
     if (found != fitness::fits)
       return found;
-    bool in_scope =
-        cv_verify_issuer_scope(record, asked_.cert, crl->got.crl.get(), crl->idp.get()) == PKI_OK;
-    return in_scope ? fitness::fits : fitness::out_of_scope;
+    int error = cv_verify_issuer_scope(record, asked_.cert, crl->got.crl.get(), crl->idp.get());
+    note(error);
+    return error ? fitness::out_of_scope : fitness::fits;
   }
 
   bool get_crl(const crl_info *record, cache_use use, judged_crl *crl) {
@@ -172,7 +172,11 @@ class crl_walk {
       return merge(record, crl, delta) ? fitness::fits : fitness::useless;
     if (error != PKI_NO_ENTRY)
       return fitness::useless;
-    if (cv_crl_check_update_dates(crl->got.crl.get()) == PKI_OK)
+    error = cv_crl_check_update_dates(crl->got.crl.get());
+    note(error);
+    if (error == PKI_OUT_OF_MEMORY)
+      return fitness::useless;
+    if (!error)
       return fitness::fits;
     if (crl->got.from_cache)
       (void)zv_cv_rem_crl_from_cache(crl->got.crl.get());

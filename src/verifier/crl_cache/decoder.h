@@ -27,9 +27,9 @@ struct pkcs7_start {
 
 // Decodes the next `content_length` octets. A list longer than 10000 octets is truncated: read and
 // digested whole, but only the entries for the target certificate are kept.
-// Returns 0; 2; 15 also for more than 64 kept entries of a truncated list; 48; 63 the list has
-// entries and there is no target; 84 no digest for the signature algorithm; 86 an entry has a
-// critical extension that is not known. `pkcs7` may be null.
+// Returns 0; 2; 15 also for more than 64 kept entries, or 64 KiB, of a truncated list; 48; 63 the
+// list has entries and there is no target; 84 no digest for the signature algorithm; 86 an entry
+// has a critical extension that is not known. `pkcs7` may be null.
 [[nodiscard]] int cv_crl_decode_crl(crl_request *request, crl_stream *stream,
                                     uint32_t content_length, pkcs7_start *pkcs7);
 

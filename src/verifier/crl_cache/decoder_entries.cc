@@ -106,7 +106,10 @@ bool crl_decoder::is_wanted(const X509_REVOKED *entry) const {
 int crl_decoder::keep_truncated(const element &entry) {
   if (++kept_ > crl_max_kept_entries || parts_.entries.size() > crl_max_kept_bytes)
     return PKI_ASN1_DECODE_ERROR;
-  if (!entry_issuer_ || names_entry_issuer(spare_.get()))
+  bool named = false;
+  if (int error = names_entry_issuer(spare_.get(), &named))
+    return error;
+  if (!entry_issuer_ || named)
     return parts_.entries.append(entry.data, entry.size) ? PKI_OK : PKI_OUT_OF_MEMORY;
   if (int error = name_entry_issuer(spare_.get(), entry_issuer_.get()))
     return error;

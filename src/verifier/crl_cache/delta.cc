@@ -20,6 +20,8 @@ struct delta_search {
   const judged_crl *base;
   const crl_info *base_record;  // may be null
   asn1_integer_ptr number;      // the base's
+  // What a delta revokes must not go unsaid because it could not be read for want of memory.
+  mutable bool out_of_memory = false;
 };
 
 const X509_NAME *issuer_of(const judged_crl &crl) {
@@ -102,11 +104,19 @@ int list_freshest(const delta_search &search, dist_points_ptr *points) {
   return error;
 }
 
+// read_crl_extension, with want of memory remembered.
+template <class Ptr>
+presence read_of(const delta_search &search, const X509_CRL *crl, int nid, Ptr *value) {
+  presence found = read_crl_extension(crl, nid, value);
+  search.out_of_memory = search.out_of_memory || found == presence::no_memory;
+  return found;
+}
+
 // Steps of the check. Each logs why it refuses.
 
 bool fits_base_number(const delta_search &search, const X509_CRL *delta, const char *url) {
   asn1_integer_ptr base_number;
-  switch (read_crl_extension(delta, NID_delta_crl, &base_number)) {
+  switch (read_of(search, delta, NID_delta_crl, &base_number)) {
     case presence::present:
       break;
     case presence::no_memory:
@@ -126,7 +136,7 @@ bool fits_base_number(const delta_search &search, const X509_CRL *delta, const c
 
 bool is_newer(const delta_search &search, const X509_CRL *delta, const char *url) {
   asn1_integer_ptr number;
-  switch (read_crl_extension(delta, NID_crl_number, &number)) {
+  switch (read_of(search, delta, NID_crl_number, &number)) {
     case presence::present:
       break;
     case presence::no_memory:
@@ -164,9 +174,9 @@ bool has_same_scope(const delta_search &search, const ISSUING_DIST_POINT *idp) {
 // Signers are looked for by this extension: what cannot be read was refused with its CRL.
 bool has_same_key_id(const delta_search &search, const X509_CRL *delta) {
   authority_keyid_ptr base_id, delta_id;
-  if (read_crl_extension(search.base->got.crl.get(), NID_authority_key_identifier, &base_id) >=
+  if (read_of(search, search.base->got.crl.get(), NID_authority_key_identifier, &base_id) >=
           presence::unreadable ||
-      read_crl_extension(delta, NID_authority_key_identifier, &delta_id) >= presence::unreadable) {
+      read_of(search, delta, NID_authority_key_identifier, &delta_id) >= presence::unreadable) {
     log_openssl_errors(log_warning);
     return refuse("crl AKID != delta-crl AKID");
   }
@@ -174,6 +184,12 @@ bool has_same_key_id(const delta_search &search, const X509_CRL *delta) {
     return refuse("crl contains no AKID, but delta-crl does");
   return AUTHORITY_KEYID_cmp(base_id.get(), delta_id.get()) == 0 ||
          refuse("crl AKID != delta-crl AKID");
+}
+
+bool is_current(const delta_search &search, const X509_CRL *delta) {
+  int error = cv_crl_check_update_dates(delta);
+  search.out_of_memory = search.out_of_memory || error == PKI_OUT_OF_MEMORY;
+  return error == PKI_OK;
 }
 
 bool has_same_signer_key(const delta_search &search, const fetched_crl &delta) {
@@ -190,22 +206,21 @@ bool is_delta_of_base(const delta_search &search, const fetched_crl &delta, cons
   if (!fits_base_number(search, crl, url) || !is_newer(search, crl, url))
     return false;
   issuing_dist_point_ptr idp;
-  if (read_crl_extension(crl, NID_issuing_distribution_point, &idp) >= presence::unreadable)
+  if (read_of(search, crl, NID_issuing_distribution_point, &idp) >= presence::unreadable)
     refuse_undecodable("IssuingDistributionPoint", "in Delta-CRL from", url);
   return has_same_issuer(search, crl) && has_same_scope(search, idp.get()) &&
-         has_same_key_id(search, crl) && cv_crl_check_update_dates(crl) == PKI_OK &&
+         has_same_key_id(search, crl) && is_current(search, crl) &&
          has_same_signer_key(search, delta);
 }
 
 // Returns 0; 81 not this one; 2: what it might revoke must not go unsaid.
 int try_record(const delta_search &search, const crl_info *record, fetched_crl *delta) {
-  memory_watch memory;
   int error = cv_get_crl(record, search.cert, search.issuer, cache_use::only_deltas, delta,
                          search.base_record);
-  if (!error && is_delta_of_base(search, *delta, record->url))
+  if (!error && is_delta_of_base(search, *delta, record->url) && !search.out_of_memory)
     return PKI_OK;
   *delta = fetched_crl();
-  return error == PKI_OUT_OF_MEMORY || memory.ran_out() ? PKI_OUT_OF_MEMORY : PKI_NO_ENTRY;
+  return error == PKI_OUT_OF_MEMORY || search.out_of_memory ? PKI_OUT_OF_MEMORY : PKI_NO_ENTRY;
 }
 
 }  // namespace
@@ -213,7 +228,7 @@ int try_record(const delta_search &search, const crl_info *record, fetched_crl *
 int cv_find_dcrl(STACK *list, X509 *cert, X509 *issuer, const judged_crl &base, fetched_crl *delta,
                  const crl_info *base_record) {
   *delta = fetched_crl();
-  delta_search search = {list, cert, issuer, &base, base_record, nullptr};
+  delta_search search = {list, cert, issuer, &base, base_record, nullptr, false};
   if (int error = read_base_number(&search))
     return error;
   dist_points_ptr points;

@@ -23,9 +23,9 @@ enum class cache_use : unsigned char { allowed, only_deltas, forbidden };
 [[nodiscard]] int cv_send_crl_request(crl_request *request, const char *url, int format);
 
 // Returns 0; the codes of cv_send_crl_request; 15 an extension cannot be read; 85 thisUpdate is in
-// the future; 86 an unknown critical extension; 67, 29 nobody known made the signature.
-// `issuer`, which may be null, and a configured signer are tried behind the store's certificates.
-// `base_record`: for a delta, where its base came from; may be null.
+// the future; 86 an unknown critical extension; 67, 29 nobody known made the signature; 49 and 80
+// as elsewhere. `issuer`, which may be null, and a configured signer are tried behind the store's
+// certificates. `base_record`: for a delta, where its base came from; may be null.
 [[nodiscard]] int cv_get_crl(const crl_info *crli, X509 *cert, X509 *issuer, cache_use use,
                              fetched_crl *found, const crl_info *base_record = nullptr);
 
@@ -35,10 +35,10 @@ enum class cache_use : unsigned char { allowed, only_deltas, forbidden };
 // Does the CRL carry a deltaCRLIndicator?
 [[nodiscard]] bool is_delta_crl(const X509_CRL *crl);
 
-// nextUpdate, or without one the age of thisUpdate. Returns 0; 85.
+// nextUpdate, or without one the age of thisUpdate. Returns 0; 2; 85.
 [[nodiscard]] int cv_crl_check_update_dates(const X509_CRL *crl);
 
-// thisUpdate is not in the future. Returns 0; 63; 85.
+// thisUpdate is not in the future. Returns 0; 2; 63; 85.
 [[nodiscard]] int check_this_update(const X509_CRL *crl);
 
 }  // namespace pki

@@ -74,19 +74,26 @@ class merger {
 
   int add_delta_entries() { return add_entries(delta_, 0); }
 
-  bool delta_names_issuers() const {
+  int delta_names_issuers(bool *named) const {
+    *named = false;
     STACK_OF(X509_REVOKED) *entries = X509_CRL_get_REVOKED(const_cast<X509_CRL *>(delta_));
-    for (int i = 0; i < sk_X509_REVOKED_num(entries); i++)
-      if (names_entry_issuer(sk_X509_REVOKED_value(entries, i)))
-        return true;
-    return false;
+    for (int i = 0; !*named && i < sk_X509_REVOKED_num(entries); i++)
+      if (int error = names_entry_issuer(sk_X509_REVOKED_value(entries, i), named))
+        return error;
+    return PKI_OK;
   }
 
   // The first of them may name no issuer; behind an indirect delta it has to.
   int add_base_entries() {
     STACK_OF(X509_REVOKED) *entries = X509_CRL_get_REVOKED(const_cast<X509_CRL *>(base_));
     const X509_REVOKED *first = sk_X509_REVOKED_value(entries, 0);
-    if (!first || names_entry_issuer(first) || !delta_names_issuers())
+    bool has_own = false, delta_has = false;
+    if (first)
+      if (int error = names_entry_issuer(first, &has_own))
+        return error;
+    if (int error = delta_names_issuers(&delta_has))
+      return error;
+    if (!first || has_own || !delta_has)
       return add_entries(base_, 0);
     x509_revoked_ptr named(X509_REVOKED_dup(first));
     if (!named)

@@ -23,10 +23,8 @@ bool is_indirect(const ISSUING_DIST_POINT *idp) {
   return idp && idp->indirectCRL > 0;
 }
 
-// A name that memory does not suffice to compare equals none.
 bool is_same_name(const X509_NAME *one, const X509_NAME *other) {
-  return prepare_to_compare(one) == PKI_OK && prepare_to_compare(other) == PKI_OK &&
-         X509_NAME_cmp(one, other) == 0;
+  return X509_NAME_cmp(one, other) == 0;
 }
 
 bool is_issuer_named(const crl_info *crli, const X509_CRL *crl, const ISSUING_DIST_POINT *idp,
@@ -86,7 +84,6 @@ bool is_source_covered(const crl_info *crli, const X509 *cert, const GENERAL_NAM
     if (is_url(name, crli->url) || is_issuer(name, cert))
       return true;
   }
-  openssl_error_mark no_points_is_no_error;
   dist_points_ptr points(static_cast<STACK_OF(DIST_POINT) *>(
       X509_get_ext_d2i(cert, NID_crl_distribution_points, nullptr, nullptr)));
   for (int i = 0; i < sk_DIST_POINT_num(points.get()); i++)
@@ -109,8 +106,10 @@ bool is_point_covered(const crl_info *crli, const X509 *cert, const ISSUING_DIST
 
 // RFC 5280 6.3.3 (b)(2)(ii) to (iv).
 bool is_kind_covered(X509 *cert, const ISSUING_DIST_POINT *idp) {
-  if (X509_check_purpose(cert, -1, 0) != 1)
+  if (X509_check_purpose(cert, -1, 0) != 1) {
+    syslog(log_warning, "the cert's extensions cannot be read");
     return false;
+  }
   bool is_ca = (X509_get_extension_flags(cert) & EXFLAG_CA) != 0;
   if (idp->onlyuser > 0 && is_ca) {
     syslog(log_warning, "CRL is for user-certs only, but cert is CA-cert");
@@ -132,13 +131,19 @@ bool is_kind_covered(X509 *cert, const ISSUING_DIST_POINT *idp) {
 int cv_verify_issuer_scope(const crl_info *crli, X509 *cert, const X509_CRL *crl,
                            const ISSUING_DIST_POINT *idp) {
   const X509_NAME *scope = scope_name(crli);
+  if (prepare_to_compare(X509_CRL_get_issuer(crl)) ||
+      prepare_to_compare(X509_get_issuer_name(cert)) || (scope && prepare_to_compare(scope)))
+    return PKI_OUT_OF_MEMORY;
   if (scope ? !is_issuer_named(crli, crl, idp, scope) : !is_issuer_the_certs(cert, crl))
     return PKI_BAD_CRL_SCOPE;
   if (!idp)
     return PKI_OK;
-  if (!is_point_covered(crli, cert, idp))
-    return PKI_BAD_CRL_SCOPE;
-  return is_kind_covered(cert, idp) ? PKI_OK : PKI_BAD_CRL_SCOPE;
+  openssl_error_mark the_line_says_it_all;
+  memory_watch memory;
+  bool covered = is_point_covered(crli, cert, idp) && is_kind_covered(cert, idp);
+  if (memory.ran_out())
+    return PKI_OUT_OF_MEMORY;
+  return covered ? PKI_OK : PKI_BAD_CRL_SCOPE;
 }
 
 }  // namespace pki

@@ -120,12 +120,15 @@ bool made_signature(const download &now, const X509 *cert) {
 
 int keep_signers(const download &now, STACK_OF(X509) * candidates) {
   authority_keyid_ptr key_id;
-  if (read_crl_extension(now.request.crl, NID_authority_key_identifier, &key_id) >=
-      presence::unreadable) {
+  presence found = read_crl_extension(now.request.crl, NID_authority_key_identifier, &key_id);
+  if (found == presence::no_memory)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  if (found == presence::unreadable) {
     syslog(log_warning, "Error decoding AuthorityKeyIdentifier extension in CRL '%s':",
            name_line(X509_CRL_get_issuer(now.request.crl)).get());
     return openssl_failure(PKI_ASN1_DECODE_ERROR);
   }
+  memory_watch memory;
   ERR_set_mark();
   for (int i = 0; i < sk_X509_num(candidates);) {
     X509 *cert = sk_X509_value(candidates, i);
@@ -133,6 +136,10 @@ int keep_signers(const download &now, STACK_OF(X509) * candidates) {
       i++;
     else
       X509_free(sk_X509_delete(candidates, i));
+  }
+  if (memory.ran_out()) {
+    ERR_clear_last_mark();
+    return openssl_failure(PKI_OUT_OF_MEMORY);
   }
   if (sk_X509_num(candidates) > 0) {
     ERR_pop_to_mark();  // what is queued is about those that did not sign
@@ -149,8 +156,12 @@ int keep_signers(const download &now, STACK_OF(X509) * candidates) {
 // with its base's.)
 int check_scope_is_readable(const X509_CRL *crl) {
   issuing_dist_point_ptr scope;
-  if (is_delta_crl(crl) ||
-      read_crl_extension(crl, NID_issuing_distribution_point, &scope) < presence::unreadable)
+  if (is_delta_crl(crl))
+    return PKI_OK;
+  presence found = read_crl_extension(crl, NID_issuing_distribution_point, &scope);
+  if (found == presence::no_memory)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  if (found != presence::unreadable)
     return PKI_OK;
   syslog(log_warning, "Error decoding IssuingDistributionPoint extension in CRL '%s':",
          name_line(X509_CRL_get_issuer(crl)).get());

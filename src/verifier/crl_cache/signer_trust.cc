@@ -128,7 +128,7 @@ bool may_sign_crl(const crl_question &asked, const crl_info *record, X509 *signe
     syslog(log_debug, "crl signer == cert issuer => crl ok");
     return true;
   }
-  if (is_same_cert(signer, asked.cert)) {
+  if (may_be_same_cert(signer, asked.cert)) {
     syslog(log_warning, "crl signer's cert == cert we're trying to validate! => crl rejected");
     return false;
   }

@@ -16,7 +16,7 @@ struct crl_question {
   int depth;
 };
 
-// Logs why, at level 7 when it may, else at level 4.
+// Logs why, or why not.
 [[nodiscard]] bool may_sign_crl(const crl_question &asked, const crl_info *record, X509 *signer);
 
 }  // namespace pki

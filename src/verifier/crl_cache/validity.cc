@@ -48,7 +48,10 @@ int cv_check_time(const ASN1_TIME *time, time_bound bound, const char *field, co
   if (!time)
     return PKI_INVALID_ARGS;
   openssl_error_mark the_line_says_it_all;
+  memory_watch memory;
   int order = X509_cmp_time(time, &bound.reference);
+  if (order == 0 && memory.ran_out())
+    return PKI_OUT_OF_MEMORY;
   if (order == 0) {
     syslog(log_error, "Error parsing the %s time in CRL (%s): %.100s", field, crl_name,
            ASN1_STRING_get0_data(time));
