@@ -90,6 +90,13 @@ TEST(GeneratedList, OfAHundredThousandIsVerifiedByOpenssl) {
   }
 }
 
+// AddressSanitizer holds freed memory back. The list would take 53 MB.
+#ifdef __SANITIZE_ADDRESS__
+constexpr long allowed_kib = 16384;
+#else
+constexpr long allowed_kib = 2048;
+#endif
+
 TEST(GeneratedList, OfAMillionTakesNoMemory) {
   tool_test::lab_process lab(the_lab().file(""));
   // What the first answer needs for good: a thread, OpenSSL's tables.
@@ -98,7 +105,7 @@ TEST(GeneratedList, OfAMillionTakesNoMemory) {
   size_t length = drain(lab.port(), "/crl/issuing.crl?entries=1000000&reason-in-each");
   EXPECT_GT(length, 53000000u);
   EXPECT_GT(before, 0);
-  EXPECT_LT(memory(lab.pid(), "VmHWM") - before, 2048);
+  EXPECT_LT(memory(lab.pid(), "VmHWM") - before, allowed_kib);
 }
 
 TEST(GeneratedList, ServerStopsInTheMiddleOfOne) {
