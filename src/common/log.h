@@ -21,6 +21,16 @@ inline const char *text_or_null(const char *text) {
   return text ? text : "(null)";
 }
 
+// An object identifier as text, at most 50 characters of it.
+class oid_line {
+ public:
+  explicit oid_line(const ASN1_OBJECT *object) { OBJ_obj2txt(text_, sizeof text_, object, 0); }
+  [[nodiscard]] const char *get() const { return text_; }
+
+ private:
+  char text_[51] = "";
+};
+
 // The code of a failed OpenSSL call: out of memory if OpenSSL's queue says so, else `own_code`.
 // Moves the queue into the log at level 3.
 [[nodiscard]] int openssl_failure(int own_code);

@@ -8,6 +8,7 @@
 #include <openssl/evp.h>
 #include <openssl/pkcs7.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include "common/alloc.h"
 
@@ -19,6 +20,7 @@ using x509_pubkey_ptr = std::unique_ptr<X509_PUBKEY, free_with<X509_PUBKEY_free>
 using x509_name_ptr = std::unique_ptr<X509_NAME, free_with<X509_NAME_free>>;
 using x509_name_entry_ptr = std::unique_ptr<X509_NAME_ENTRY, free_with<X509_NAME_ENTRY_free>>;
 using asn1_object_ptr = std::unique_ptr<ASN1_OBJECT, free_with<ASN1_OBJECT_free>>;
+using asn1_time_ptr = std::unique_ptr<ASN1_TIME, free_with<ASN1_TIME_free>>;
 using evp_pkey_ptr = std::unique_ptr<EVP_PKEY, free_with<EVP_PKEY_free>>;
 using evp_md_ctx_ptr = std::unique_ptr<EVP_MD_CTX, free_with<EVP_MD_CTX_free>>;
 using evp_md_ptr = std::unique_ptr<EVP_MD, free_with<EVP_MD_free>>;
@@ -38,6 +40,10 @@ inline void free_certs(STACK_OF(X509) * certs) {
   sk_X509_pop_free(certs, X509_free);
 }
 using certs_ptr = std::unique_ptr<STACK_OF(X509), free_with<free_certs>>;
+inline void free_dist_points(STACK_OF(DIST_POINT) * points) {
+  sk_DIST_POINT_pop_free(points, DIST_POINT_free);
+}
+using dist_points_ptr = std::unique_ptr<STACK_OF(DIST_POINT), free_with<free_dist_points>>;
 
 // One more reference; false when it cannot be taken (PKI_CRYPTO_LOCK_FAILED).
 [[nodiscard]] inline bool take_reference(X509 *cert) {

@@ -6,28 +6,9 @@
 
 #include "common/alloc.h"
 #include "common/limits.h"
+#include "common/socket_owner.h"
 
 namespace pki {
-
-// A socket that is closed when its owner goes.
-class socket_owner {
- public:
-  explicit socket_owner(int fd = -1) : fd_(fd) {}
-  socket_owner(const socket_owner &) = delete;
-  socket_owner &operator=(const socket_owner &) = delete;
-  ~socket_owner() { reset(); }
-
-  [[nodiscard]] int get() const { return fd_; }
-  void reset(int fd = -1);
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
 
 // Waits until `fd` is ready for `events`, at most `timeout_ms` milliseconds whatever signals the
 // host takes. Returns as poll does.

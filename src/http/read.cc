@@ -44,12 +44,6 @@ int wait_for(int fd, short events, int timeout_ms) {
   }
 }
 
-void socket_owner::reset(int fd) {
-  if (fd_ >= 0)
-    close(fd_);
-  fd_ = fd;
-}
-
 int read_line_within(int fd, char *buffer, size_t *length, int *error, size_t *budget) {
   size_t capacity = *length;
   size_t stored = 0;

@@ -52,6 +52,10 @@ struct cert_sts_locator_list {
 void zv_cv_free_csl_list(cert_sts_locator_list *list);
 void zv_cv_free_cert_status_locator(cert_sts_locator *locator);
 
+// A list over the same crl_info records, one more reference each; null without memory. And its end.
+[[nodiscard]] STACK *share_crl_infos(const STACK *list);
+void free_crl_infos(STACK *list);
+
 }  // namespace pki
 
 #endif

@@ -6,6 +6,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
+#include <openssl/ocsp.h>
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <poll.h>
@@ -52,8 +53,8 @@ std::mutex &mutex() {
 }
 
 struct state {
-  trap wrlock, rdlock, rwlock_init, x509_up_ref, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber,
-      poll_error, poll_timeout, socket, send_error, send_short;
+  trap wrlock, rdlock, rwlock_init, x509_up_ref, responder_id, crl_up_ref, pkey_up_ref, rand_bytes,
+      serialnumber, poll_error, poll_timeout, socket, send_error, send_short;
   std::map<std::string, std::vector<std::string>> names;
   int wrlocks = 0, rdlocks = 0, host_settings = 0;
 };
@@ -129,6 +130,9 @@ void fail_rwlock_init(int error, int after) {
 }
 void fail_x509_up_ref(int after) {
   arm(&state::x509_up_ref, 0, after);
+}
+void fail_responder_id(int after) {
+  arm(&state::responder_id, 0, after);
 }
 void fail_x509_crl_up_ref(int after) {
   arm(&state::crl_up_ref, 0, after);
@@ -252,6 +256,11 @@ int X509_up_ref(X509 *cert) {
   if (!called_by_openssl(__builtin_return_address(0)) && fires_here(&state::x509_up_ref))
     return 0;
   return NEXT(X509_up_ref)(cert);
+}
+
+int OCSP_resp_get0_id(const OCSP_BASICRESP *basic, const ASN1_OCTET_STRING **key_hash,
+                      const X509_NAME **name) {
+  return fires(&state::responder_id) ? 0 : NEXT(OCSP_resp_get0_id)(basic, key_hash, name);
 }
 
 int X509_CRL_up_ref(X509_CRL *crl) {

@@ -15,6 +15,7 @@ void fail_wrlock(int error, int after = 0);       // pthread_rwlock_wrlock retur
 void fail_rdlock(int error, int after = 0);       // pthread_rwlock_rdlock
 void fail_rwlock_init(int error, int after = 0);  // pthread_rwlock_init
 void fail_x509_up_ref(int after = 0);             // X509_up_ref returns 0
+void fail_responder_id(int after = 0);            // OCSP_resp_get0_id returns 0
 void fail_x509_crl_up_ref(int after = 0);         // X509_CRL_up_ref returns 0
 void fail_evp_pkey_up_ref(int after = 0);         // EVP_PKEY_up_ref returns 0
 void fail_rand_bytes(int after = 0);              // RAND_bytes returns 0

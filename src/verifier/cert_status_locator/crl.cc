@@ -11,10 +11,6 @@ namespace pki {
 
 namespace {
 
-using dist_points_ptr =
-    std::unique_ptr<STACK_OF(DIST_POINT), free_with<[](STACK_OF(DIST_POINT) * list) {
-                      sk_DIST_POINT_pop_free(list, DIST_POINT_free);
-                    }>>;
 // A list over somebody else's points.
 using borrowed_points_ptr =
     std::unique_ptr<STACK_OF(DIST_POINT),

@@ -1,5 +1,6 @@
 // The locator record, the list of them, and their order.
 #include <libpki/error.h>
+#include <libpki/util.h>
 
 #include <cstring>
 #include <ctime>
@@ -12,18 +13,6 @@ namespace pki {
 namespace {
 
 constexpr time_t always_ok_seconds = 86400;
-
-using asn1_time_ptr = std::unique_ptr<ASN1_TIME, free_with<ASN1_TIME_free>>;
-
-void free_dist_points(STACK_OF(DIST_POINT) * points) {
-  sk_DIST_POINT_pop_free(points, DIST_POINT_free);
-}
-
-void free_crls(STACK *crls) {
-  while (OPENSSL_sk_num(crls) > 0)
-    free_crl_info(static_cast<crl_info *>(OPENSSL_sk_pop(crls)));
-  OPENSSL_sk_free(crls);
-}
 
 // False for data of a type that nobody made.
 bool release_data(void *data) {
@@ -38,7 +27,7 @@ bool release_data(void *data) {
       free_dist_points(static_cast<dist_points_locator *>(data)->delta_dps);
       return true;
     case locator_crls:
-      free_crls(static_cast<crls_locator *>(data)->crls);
+      free_crl_infos(static_cast<crls_locator *>(data)->crls);
       return true;
     default:
       return false;
@@ -46,6 +35,18 @@ bool release_data(void *data) {
 }
 
 }  // namespace
+
+STACK *share_crl_infos(const STACK *list) {
+  return stack_dup(
+      list, [](void *info) -> void * { return dup_crl_info(static_cast<crl_info *>(info)); },
+      [](void *info) { free_crl_info(static_cast<crl_info *>(info)); });
+}
+
+void free_crl_infos(STACK *list) {
+  while (OPENSSL_sk_num(list) > 0)
+    free_crl_info(static_cast<crl_info *>(OPENSSL_sk_pop(list)));
+  OPENSSL_sk_free(list);
+}
 
 bool is_text(const ASN1_IA5STRING *uri) {
   return uri &&

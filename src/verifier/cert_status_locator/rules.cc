@@ -1,7 +1,6 @@
 // Configured sources: the status rules of the store that apply to the certificate.
 #include <libpki/error.h>
 #include <libpki/store.h>
-#include <libpki/util.h>
 
 #include "common/log.h"
 #include "verifier/cert_status.h"
@@ -57,13 +56,6 @@ int is_final(const cert_status_info *rule) {
   return (rule->flags & PKI_STATUS_FLAG1) != 0 ? 1 : 0;
 }
 
-void *share_crl_info(void *info) {
-  return dup_crl_info(static_cast<crl_info *>(info));
-}
-void release_crl_info(void *info) {
-  free_crl_info(static_cast<crl_info *>(info));
-}
-
 int add_configured_ocsp(pass *now, const cert_status_info *rule) {
   const auto *ocsp = static_cast<ocsp_info *>(rule->data);
   int error = ocsp ? cv_csl_add_ocsp_url(now->list, ocsp->url, ocsp->responder_cert,
@@ -86,7 +78,7 @@ int add_crls(pass *now, const cert_status_info *rule) {
     return PKI_OUT_OF_MEMORY;
   auto *data = static_cast<crls_locator *>(locator->data);
   data->type = locator_crls;
-  data->crls = stack_dup(static_cast<STACK *>(rule->data), share_crl_info, release_crl_info);
+  data->crls = share_crl_infos(static_cast<STACK *>(rule->data));
   if (!data->crls)
     return openssl_failure(PKI_OUT_OF_MEMORY);
   int error = cv_csl_add(now->list, locator.get());

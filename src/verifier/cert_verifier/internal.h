@@ -10,6 +10,8 @@
 
 namespace pki {
 
+using sts_info_ptr = std::unique_ptr<cert_sts_info, free_with<cv_free_cert_sts_info>>;
+
 // A tail queue, oldest insertion first. `lock` is always taken for writing: look-ups count hits.
 struct cert_sts_info_cache {
   cert_sts_info *first;

@@ -9,6 +9,7 @@
 #include "verifier/cert_status.h"
 #include "verifier/cert_verifier/internal.h"
 #include "verifier/cert_verifier/ocsp.h"
+#include "verifier/http_address.h"
 
 namespace pki {
 
@@ -19,29 +20,19 @@ constexpr int request_nonce_octets = 20;
 constexpr char request_type[] = "application/ocsp-request";
 constexpr char response_type[] = "application/ocsp-response";
 
-using sts_info_ptr = std::unique_ptr<cert_sts_info, free_with<cv_free_cert_sts_info>>;
-
-struct responder_address {
-  malloc_ptr<char> copy;
-  char *host = nullptr;
-  char *path = nullptr;
-};
-
-int split(const char *url, responder_address *address) {
-  char *copy = nullptr;
-  int error = has_control_character(url) ? PKI_INVALID_URL
-                                         : parse_url(url, &copy, &address->host, &address->path);
-  address->copy.reset(copy);
-  if (error == PKI_OUT_OF_MEMORY)
-    return want_of_memory();
-  if (error) {
-    syslog(log_error, "OCSP url '%s' is invalid", url);
-    return error;
+int split(const char *url, http_address *address) {
+  switch (split_http_url(url, address)) {
+    case url_fault::none:
+      return PKI_OK;
+    case url_fault::no_memory:
+      return want_of_memory();
+    case url_fault::not_http:
+      syslog(log_error, "OCSP transport '%s' not supported - must be http", address->copy.get());
+      return PKI_INVALID_URL;
+    default:
+      syslog(log_error, "OCSP url '%s' is invalid", text_or_null(url));
+      return PKI_INVALID_URL;
   }
-  if (equal_ignoring_case(copy, "http"))
-    return PKI_OK;
-  syslog(log_error, "OCSP transport '%s' not supported - must be http", copy);
-  return PKI_INVALID_URL;
 }
 
 int encode(const OCSP_REQUEST *request, malloc_ptr<unsigned char> *octets, int *length) {
@@ -77,7 +68,7 @@ int judge_head(const char *url, int error, int status, const char *content_type)
   return PKI_OCSP_ERROR;
 }
 
-int post(const char *url, responder_address *address, const unsigned char *request, int length,
+int post(const char *url, http_address *address, const unsigned char *request, int length,
          ocsp_reply *reply) {
   int status = 0;
   char *content_type = nullptr;
@@ -157,7 +148,7 @@ int exchange(const ocsp_query &query, ocsp_reply *reply) {
     if (int error = encode(query.request.get(), &request, &length))
       return error;
   }
-  responder_address address;
+  http_address address;
   if (int error = split(query.responder->url, &address))
     return error;
   return post(query.responder->url, &address, request.get(), length, reply);

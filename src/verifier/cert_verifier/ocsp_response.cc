@@ -14,8 +14,6 @@ namespace {
 
 // 500 days: some responders sign in advance and for long.
 constexpr time_t oldest_this_update_seconds = 43200000 + ocsp_clock_tolerance_seconds;
-// The characters of an object identifier that a log line shows.
-constexpr int oid_characters = 50;
 constexpr int time_characters = 40;
 
 // OCSPResponse with its parts at hand; OpenSSL's own type shows neither the type of the response
@@ -82,9 +80,8 @@ int check_response_type(const response_bytes *bytes) {
     return refuse("No response-bytes found in ocsp response");
   if (OBJ_obj2nid(bytes->type) == NID_id_pkix_OCSP_basic)
     return PKI_OK;
-  char type[oid_characters + 1] = "";
-  OBJ_obj2txt(type, sizeof type, bytes->type, 0);
-  syslog(log_error, "Unexpected response type found in ocsp response: %s", type);
+  syslog(log_error, "Unexpected response type found in ocsp response: %s",
+         oid_line(bytes->type).get());
   return PKI_OCSP_ERROR;
 }
 

@@ -17,9 +17,6 @@ constexpr int supported_critical_extensions[] = {
     NID_issuer_alt_name,         NID_basic_constraints, NID_authority_key_identifier,
     NID_crl_distribution_points, NID_ext_key_usage,     NID_info_access};
 
-// The characters of an object identifier that a log line shows.
-constexpr int oid_characters = 50;
-
 bool is_supported(const X509_EXTENSION *extension) {
   int nid = OBJ_obj2nid(X509_EXTENSION_get_object(const_cast<X509_EXTENSION *>(extension)));
   return std::find(std::begin(supported_critical_extensions),
@@ -97,10 +94,8 @@ bool is_path_length_kept(X509 *cert, int depth) {
 bool are_critical_extensions_known(X509 *cert, int depth) {
   const X509_EXTENSION *unknown = first_unknown_critical_extension(cert);
   if (unknown) {
-    char oid[oid_characters + 1] = "";
-    OBJ_obj2txt(oid, sizeof oid, X509_EXTENSION_get_object(const_cast<X509_EXTENSION *>(unknown)),
-                0);
-    syslog(log_warning, "Found unknown/unsupported critical extension '%s' in cert '%s'", oid,
+    oid_line oid(X509_EXTENSION_get_object(const_cast<X509_EXTENSION *>(unknown)));
+    syslog(log_warning, "Found unknown/unsupported critical extension '%s' in cert '%s'", oid.get(),
            subject_text(cert).get());
   }
   return trace_rule(cert, depth, "critical extensions", !unknown);

@@ -15,9 +15,7 @@ namespace {
 // How long "no source knows" is remembered, so that a dead source is not asked at once again.
 constexpr time_t unknown_seconds = 30;
 
-using sts_info_ptr = std::unique_ptr<cert_sts_info, free_with<cv_free_cert_sts_info>>;
 using locators_ptr = std::unique_ptr<cert_sts_locator_list, free_with<zv_cv_free_csl_list>>;
-using asn1_time_ptr = std::unique_ptr<ASN1_TIME, free_with<ASN1_TIME_free>>;
 
 // The checks that are open in a thread, and how many the outermost one has led to.
 struct open_checks {

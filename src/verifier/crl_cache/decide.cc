@@ -22,22 +22,7 @@ constexpr long remove_from_crl = 8;
 // Without nextUpdate, an answer still has to last for the verification that asked.
 constexpr time_t brief_seconds = 30;
 
-using sts_info_ptr = std::unique_ptr<cert_sts_info, free_with<cv_free_cert_sts_info>>;
-using asn1_time_ptr = std::unique_ptr<ASN1_TIME, free_with<ASN1_TIME_free>>;
-
-void free_list(STACK *list) {
-  while (OPENSSL_sk_num(list) > 0)
-    free_crl_info(static_cast<crl_info *>(OPENSSL_sk_pop(list)));
-  OPENSSL_sk_free(list);
-}
-using crl_infos_ptr = std::unique_ptr<STACK, free_with<free_list>>;
-
-void *share_record(void *record) {
-  return dup_crl_info(static_cast<crl_info *>(record));
-}
-void release_record(void *record) {
-  free_crl_info(static_cast<crl_info *>(record));
-}
+using crl_infos_ptr = std::unique_ptr<STACK, free_with<free_crl_infos>>;
 
 int list_dist_points(const dist_points_locator &data, crl_infos_ptr *list) {
   list->reset(OPENSSL_sk_new_null());
@@ -53,7 +38,7 @@ int list_dist_points(const dist_points_locator &data, crl_infos_ptr *list) {
 }
 
 int list_configured(const crls_locator &data, crl_infos_ptr *list) {
-  list->reset(stack_dup(data.crls, share_record, release_record));
+  list->reset(share_crl_infos(data.crls));
   return *list ? PKI_OK : openssl_failure(PKI_OUT_OF_MEMORY);
 }
 

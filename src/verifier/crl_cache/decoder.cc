@@ -22,7 +22,6 @@ constexpr unsigned char tag_extensions = 0xa0;
 constexpr unsigned char any_form = 0xdf;
 
 using x509_algor_ptr = std::unique_ptr<X509_ALGOR, free_with<X509_ALGOR_free>>;
-using asn1_time_ptr = std::unique_ptr<ASN1_TIME, free_with<ASN1_TIME_free>>;
 using asn1_integer_ptr = std::unique_ptr<ASN1_INTEGER, free_with<ASN1_INTEGER_free>>;
 using asn1_bit_string_ptr = std::unique_ptr<ASN1_BIT_STRING, free_with<ASN1_BIT_STRING_free>>;
 using extensions_ptr = std::unique_ptr<X509_EXTENSIONS, free_with<[](X509_EXTENSIONS *list) {

@@ -26,11 +26,6 @@ class memory_watch {
   int queue_end_ = openssl_queue_end();
 };
 
-inline void free_dist_points(STACK_OF(DIST_POINT) * points) {
-  sk_DIST_POINT_pop_free(points, DIST_POINT_free);
-}
-using dist_points_ptr = std::unique_ptr<STACK_OF(DIST_POINT), free_with<free_dist_points>>;
-
 enum class presence : unsigned char { absent, present, unreadable, no_memory };
 
 // An extension that stands twice cannot be read either.
@@ -59,16 +54,6 @@ class name_line {
 
  private:
   char text_[101] = "";
-};
-
-// An object identifier as text, at most 50 characters of it.
-class oid_line {
- public:
-  explicit oid_line(const ASN1_OBJECT *object) { OBJ_obj2txt(text_, sizeof text_, object, 0); }
-  [[nodiscard]] const char *get() const { return text_; }
-
- private:
-  char text_[51] = "";
 };
 
 }  // namespace pki

@@ -2,17 +2,18 @@
 #include <libpki/error.h>
 #include <libpki/http.h>
 #include <libpki/util.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/socket_owner.h"
 #include "common/text.h"
 #include "verifier/crl_cache/extensions.h"
 #include "verifier/crl_cache/fetch.h"
 #include "verifier/crl_cache/pkcs7_walk.h"
+#include "verifier/http_address.h"
 
 namespace pki {
 
@@ -27,40 +28,19 @@ constexpr const char *usual_types[] = {"application/pkix-crl", "application/x-x5
 // crl_info.format
 enum crl_format { format_any = 0, format_plain = 1 };
 
-class socket_owner {
- public:
-  socket_owner() = default;
-  socket_owner(const socket_owner &) = delete;
-  socket_owner &operator=(const socket_owner &) = delete;
-  ~socket_owner() {
-    if (fd >= 0)
-      close(fd);
+int split(const char *url, http_address *address) {
+  switch (split_http_url(url, address)) {
+    case url_fault::none:
+      return PKI_OK;
+    case url_fault::no_memory:
+      return PKI_OUT_OF_MEMORY;
+    case url_fault::not_http:
+      syslog(log_error, "CRL transport '%s' not supported - must be http", address->copy.get());
+      return PKI_INVALID_URL;
+    default:
+      syslog(log_error, "CRL url '%s' is invalid", text_or_null(url));
+      return PKI_INVALID_URL;
   }
-  int fd = -1;
-};
-
-struct server_address {
-  malloc_ptr<char> copy;
-  char *host = nullptr;
-  char *path = nullptr;
-};
-
-int split(const char *url, server_address *address) {
-  char *copy = nullptr;
-  int error = !url || has_control_character(url)
-                  ? PKI_INVALID_URL
-                  : parse_url(url, &copy, &address->host, &address->path);
-  address->copy.reset(copy);
-  if (error == PKI_OUT_OF_MEMORY)
-    return error;
-  if (error) {
-    syslog(log_error, "CRL url '%s' is invalid", text_or_null(url));
-    return PKI_INVALID_URL;
-  }
-  if (equal_ignoring_case(copy, "http"))
-    return PKI_OK;
-  syslog(log_error, "CRL transport '%s' not supported - must be http", copy);
-  return PKI_INVALID_URL;
 }
 
 bool is_usual(const char *content_type) {
@@ -71,14 +51,16 @@ bool is_usual(const char *content_type) {
 
 // Leaves the socket at the first octet of the body.
 int get(const char *url, int format, socket_owner *socket, uint32_t *content_length) {
-  server_address address;
+  http_address address;
   if (int error = split(url, &address))
     return error;
   int status = 0;
   int length = -1;
   char *content_type = nullptr;
+  int fd = -1;
   int error = send_http_get(address.host, address.path, &status, accepted_types, &length,
-                            &content_type, 1, nullptr, &socket->fd);
+                            &content_type, 1, nullptr, &fd);
+  socket->reset(fd);
   malloc_ptr<char> type_owner(content_type);
   if (error) {
     syslog(log_error, "Error sending CRL request to '%s': %s", url,
@@ -138,8 +120,8 @@ int cv_send_crl_request(crl_request *request, const char *url, int format) {
   evp_md_ctx_ptr digest(EVP_MD_CTX_new());
   if (!buffer || !digest)
     return PKI_OUT_OF_MEMORY;
-  crl_stream stream = {socket.fd, buffer.get(), crl_read_bytes, buffer.get(),
-                       0,         nullptr,      digest.get()};
+  crl_stream stream = {socket.get(), buffer.get(), crl_read_bytes, buffer.get(), 0,
+                       nullptr,      digest.get()};
   if (int error = decode(request, &stream, url, format, content_length))
     return error;
   name_line issuer(X509_CRL_get_issuer(request->crl));

@@ -1,6 +1,7 @@
 // The status of an answer's signer: what is asked, what the answer does, and where it ends.
 #include <map>
 
+#include "fakes/failures.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
 
 using namespace ocsp_support;
@@ -35,6 +36,13 @@ class OcspNested : public ocsp_query_test {
   }
   bool logged(const std::string &lines) const { return own_log().find(lines) != std::string::npos; }
 };
+
+// OpenSSL decodes names and key hashes only.
+TEST_F(OcspNested, ResponderIdOfNoKindIsNobodys) {
+  fake_failures::fail_responder_id();
+  EXPECT_EQ(nullptr, ask(by_issuer()));
+  EXPECT_TRUE(was_logged(3, "Unknown responder-id type -1 encountered")) << log_dump();
+}
 
 TEST_F(OcspNested, SignerWithoutSourcesIsOk) {
   EXPECT_EQ(PKI_CERT_OK, status_of(ask(by(issue_responder({ocsp_signing})))));

@@ -15,6 +15,7 @@
 #include "support/certs.h"
 #include "support/ocsp_responder.h"
 #include "unit/verifier/cache_support.h"
+#include "unit/verifier/own_log.h"
 #include "verifier/cert_status.h"
 
 namespace ocsp_support {
@@ -76,22 +77,6 @@ inline std::string octets_of(const ASN1_STRING *string) {
 
 inline int status_of(const record &info) {
   return info ? info->status : -1;
-}
-
-// The log, one "level: text" a line, without what OpenSSL said.
-inline std::string own_log() {
-  std::string dump;
-  for (const log_entry &entry : captured_log())
-    if (entry.text.rfind("OpenSSL error: ", 0) != 0)
-      dump += std::to_string(entry.level) + ": " + entry.text + "\n";
-  return dump;
-}
-
-inline size_t openssl_lines(int level = 3) {
-  size_t count = 0;
-  for (const log_entry &entry : captured_log())
-    count += entry.level == level && entry.text.rfind("OpenSSL error: ", 0) == 0;
-  return count;
 }
 
 inline bool in_list(const STACK *list, const support::cert &wanted) {

@@ -10,6 +10,7 @@
 #include "fakes/failures.h"
 #include "support/test_server.h"
 #include "unit/verifier/crl_cache/decoder_support.h"
+#include "unit/verifier/own_log.h"
 #include "verifier/crl_cache/fetch.h"
 
 namespace crl_support {
@@ -24,22 +25,6 @@ inline support::answer serve(const std::string &body, bool announced = true,
   if (announced)
     return support::ok(body, type);
   return support::raw("HTTP/1.0 200 OK\r\nContent-Type: " + type + "\r\n\r\n" + body);
-}
-
-// The log, one "level: text" a line, without what OpenSSL said.
-inline std::string own_log() {
-  std::string dump;
-  for (const log_entry &entry : captured_log())
-    if (entry.text.rfind("OpenSSL error: ", 0) != 0)
-      dump += std::to_string(entry.level) + ": " + entry.text + "\n";
-  return dump;
-}
-
-inline size_t openssl_lines(int level = 3) {
-  size_t count = 0;
-  for (const log_entry &entry : captured_log())
-    count += entry.level == level && entry.text.rfind("OpenSSL error: ", 0) == 0;
-  return count;
 }
 
 // A self-signed certificate of a CRL signer.
