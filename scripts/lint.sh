@@ -40,10 +40,11 @@ tidy_all() {
 }
 
 # autoVariables: the option structs of a main outlive the parser that is given their address.
+# OpenSSL's template macros end no statement that cppcheck knows.
 cppcheck_all() {
   cppcheck --quiet --error-exitcode=1 --inline-suppr -j "$jobs" \
     --enable=warning,performance,portability --std=c++20 --std=c99 --template=gcc \
-    --suppress='autoVariables:tools/*/main.cc' \
+    --suppress='autoVariables:tools/*/main.cc' '-Dstatic_ASN1_SEQUENCE_END(type)=;' \
     -I include -I src -I board/include -I tools src board tools
 }
 

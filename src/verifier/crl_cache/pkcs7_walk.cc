@@ -76,7 +76,7 @@ class pkcs7_walk {
   crl_stream *stream_;
   uint32_t left_;
   uint32_t length_ = 0;
-  unsigned char scratch_[der_scratch_bytes];
+  unsigned char scratch_[der_scratch_bytes] = {};
 };
 
 }  // namespace

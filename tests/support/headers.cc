@@ -1,0 +1,1 @@
+// The precompiled headers of the tests need something that is compiled.
