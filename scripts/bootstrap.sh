@@ -3,6 +3,10 @@
 #
 #   bootstrap.sh build          compile, test, benchmark
 #   bootstrap.sh build lint     the same, and the checkers of `make lint`
+#   bootstrap.sh docs           the manual in HTML
+#   bootstrap.sh build fuzz     the same, and the compiler of `make fuzz`
+#   bootstrap.sh build deb      the same, and what builds and checks Debian packages
+#   bootstrap.sh checks         what some tests look with: at the interface, at manual pages
 #   bootstrap.sh peers          what others made and the tests hold us against: programs to talk to,
 #                               certificates and CRLs to judge
 set -eu
@@ -11,8 +15,12 @@ set -eu
 # dependencies.
 build_packages="g++ cmake ninja-build pkg-config ccache openssl python3 \
   libssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
-  libcli11-dev nlohmann-json3-dev"
+  libcli11-dev nlohmann-json3-dev libksba-dev strace"
 lint_packages="clang-format clang-tidy cppcheck python3"
+docs_packages="doxygen python3"
+fuzz_packages="clang libclang-rt-14-dev"
+deb_packages="debhelper dpkg-dev fakeroot lintian man-db"
+checks_packages="abigail-tools man-db mandoc"
 peers_packages="scep certmonger python3-cryptography-vectors"
 
 wanted=""
@@ -20,9 +28,13 @@ for group in "$@"; do
   case "$group" in
     build) wanted="$wanted $build_packages" ;;
     lint) wanted="$wanted $lint_packages" ;;
+    docs) wanted="$wanted $docs_packages" ;;
+    fuzz) wanted="$wanted $fuzz_packages" ;;
+    deb) wanted="$wanted $deb_packages" ;;
+    checks) wanted="$wanted $checks_packages" ;;
     peers) wanted="$wanted $peers_packages" ;;
     *)
-      echo "bootstrap.sh: unknown group '$group' (build, lint, peers)" >&2
+      echo "bootstrap.sh: unknown group '$group' (build, lint, docs, fuzz, deb, checks, peers)" >&2
       exit 2
       ;;
   esac

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Shows a device's way to its certificate from end to end: a CA's document is signed, served,
 # downloaded and checked; a key is made, a certificate for it requested by SCEP, verified and looked
-# up again; its status is asked by OCSP until it is revoked and refused; then three bad documents are
-# refused. Everything happens in a temporary folder and on the loopback. Exit code 0 only if all of
-# it went as told.
+# up again; its status is asked by OCSP, and from a CRL of a million entries, until it is revoked and
+# refused; then three bad documents are refused. Everything happens in a temporary folder and on the
+# loopback. Exit code 0 only if all of it went as told.
 #
 # usage: scripts/demo.sh BUILD_DIR
 set -euo pipefail
@@ -81,6 +81,9 @@ must_show() {
   grep -qF "$1" output || fail "the output should have shown: $1"
 }
 
+# What the last command said of its memory.
+peak_kib() { awk '$1 == "memory" { print $2 }' output; }
+
 must_be_private() {
   local mode
   mode=$(stat -c %a "$1")
@@ -96,8 +99,11 @@ export BOARD_INFO_DIR="$work/board" XDG_STATE_HOME="$work/home"
 echo "  Its board says: serial number $(cat board/serialnumber)"
 
 step "2. A CA, on a loopback port of its own"
-echo "  \$ pkilab serve --dir lab --document office.p7 --scep-save messages &"
-pkilab serve --dir lab --document office.p7 --scep-save messages --ready-file ready >lab.out 2>lab.log &
+# What is asked for when the CA's CRL is to list a million other certificates before its own.
+million="entries=1000000"
+echo "  \$ pkilab serve --dir lab --document office.p7 --scep-save messages --crl-dp $million &"
+pkilab serve --dir lab --document office.p7 --scep-save messages --crl-dp "$million" \
+  --ready-file ready >lab.out 2>lab.log &
 lab=$!
 for _ in $(seq 300); do
   [ ! -e ready ] || break
@@ -132,23 +138,24 @@ grep -qF "GET /ca-info?serial=DEMO-0001 -> 200" lab.log ||
 
 step "5. The device makes a key"
 must_work pkictl key generate device --state state
-must_be_private state/keys/device.pem
+must_be_private state/state
 
 step "6. It asks the CA for a certificate, and gets one"
 must_work pkictl enroll --ca office --key device --cert first --subject "CN=device, O=Example" \
   --state state
 must_show "CN=pkilab issuing CA, O=pkilab"
-must_be_private state/certs/device/first.pem
+must_be_private state/state
 echo
 echo "  What the CA saw:"
 tail -n 1 lab.log | indent
 grep -qF ": SUCCESS" lab.log || fail "the CA should have issued a certificate"
 
 step "7. The certificate is the CA's, and for the device's key"
-must_work openssl verify -CAfile lab/issuing-cert.pem state/certs/device/first.pem
+must_work pkictl cert export device first --out first.pem --state state
+must_work pkictl key export device --public --out key.pub --state state
+must_work openssl verify -CAfile lab/issuing-cert.pem first.pem
 must_show "first.pem: OK"
-openssl pkey -in state/keys/device.pem -pubout >key.pub
-openssl x509 -in state/certs/device/first.pem -noout -pubkey | cmp -s - key.pub ||
+openssl x509 -in first.pem -noout -pubkey | cmp -s - key.pub ||
   fail "the certificate should be for the device's key"
 
 step "8. The request, opened with the CA's key: the device's secret travelled in the envelope"
@@ -160,29 +167,51 @@ for file in messages/*.der lab.log output; do
 done
 
 step "9. The CA hands the certificate out again to whoever knows its serial number"
-serial=$(openssl x509 -in state/certs/device/first.pem -noout -serial)
+serial=$(openssl x509 -in first.pem -noout -serial)
 must_work pkictl cert find "${serial#serial=}" --ca office --key device --state state
 must_show "CN=device, O=Example"
 
 step "10. Whoever meets the certificate asks the CA's OCSP responder whether it still holds"
-must_work pkictl verify state/certs/device/first.pem --state state
+must_work pkictl verify first.pem --state state
 must_show "good, internet flavour"
 must_show "asked $url/ocsp: ok"
 
-step "11. The CA revokes it, and it is refused"
-must_work pkilab revoke --dir lab state/certs/device/first.pem
-must_be_refused "its status is revoked" pkictl verify state/certs/device/first.pem --state state
-must_show "asked $url/ocsp: revoked"
+step "11. Or looks into the CA's CRL, which the certificate names, and which has a million entries"
+crl="$url/crl/issuing.crl?$million"
+must_work pkictl crl show "$url/crl/issuing.crl" --issuer lab/issuing-cert.pem
+must_show "  entries           0"
+small_kib=$(peak_kib)
+must_work pkictl crl show "$crl" --issuer lab/issuing-cert.pem
+must_show "  entries           1000000"
+must_show "  signature         good"
+must_work pkictl verify first.pem --trust lab/issuing-cert.pem --memory
+must_show "CRL $crl: not listed"
+must_show "good, internet flavour"
+large_kib=$(peak_kib)
+echo
+echo "  Verifying with the CRL of a million entries took $large_kib KiB, programs and libraries"
+echo "  included; looking at an empty CRL took $small_kib KiB."
+[ $((large_kib - small_kib)) -lt 4096 ] || fail "a long CRL should not take memory"
 
-step "12. A document that a stranger signed is refused"
+step "12. The CA revokes it, and it is refused: by OCSP, and by the CRL"
+must_work pkilab revoke --dir lab first.pem
+must_be_refused "its status is revoked" pkictl verify first.pem --state state
+must_show "asked $url/ocsp: revoked"
+must_be_refused "its status is revoked" \
+  pkictl verify first.pem --trust lab/issuing-cert.pem
+must_show "CRL $crl: revoked"
+must_be_refused "listed" pkictl crl find "$crl" --cert first.pem
+must_show "  entries           1000001"
+
+step "13. A document that a stranger signed is refused"
 must_be_refused "SIG VERIFY FAILED (29)" \
   pkictl provision "$url/misbehave/wrong-key/ca-info" --doc-key lab/doc-key.pub.pem
 
-step "13. So is a download that breaks off"
+step "14. So is a download that breaks off"
 must_be_refused "HTTP ERROR (47)" \
   pkictl provision "$url/misbehave/truncate-body/ca-info" --doc-key lab/doc-key.pub.pem
 
-step "14. And a document that was changed on its way"
+step "15. And a document that was changed on its way"
 must_be_refused "SIG VERIFY FAILED (29)" \
   pkictl provision "$url/misbehave/corrupt-signature/ca-info" --doc-key lab/doc-key.pub.pem
 

@@ -1,6 +1,6 @@
 #!/bin/bash
-# make lint: clang-format, clang-tidy, cppcheck, and the house rules (lint.py). Says everything
-# that is wrong before it fails.
+# make lint: clang-format, clang-tidy, cppcheck, the house rules (lint.py), and the documents
+# (check_docs.py, doxygen). Says everything that is wrong before it fails.
 #
 #   lint.sh BUILD_DIR      a configured build, for its compile_commands.json
 set -uo pipefail
@@ -23,7 +23,7 @@ check() {
 }
 
 all_sources() {
-  find src include board tools tests bench examples \
+  find src include board tools tests bench examples fuzz \
     \( -name '*.cc' -o -name '*.c' -o -name '*.h' \) -print0
 }
 
@@ -48,14 +48,15 @@ cppcheck_all() {
     -I include -I src -I board/include -I tools src board tools
 }
 
-# The README's example is C99 and compiles as it stands.
-readme_example() {
-  sed -n '/^```c$/,/^```$/{/^```/d;p}' README.md |
-    cc -x c -std=c99 -pedantic -Wall -Wextra -Werror -fsyntax-only -I include -
+# The manual of the interface; a warning is an error.
+manual() {
+  mkdir -p "$build/docs" &&
+    { cat docs/Doxyfile && echo "OUTPUT_DIRECTORY = $build/docs"; } | doxygen -
 }
 
 check clang-format format_all
-check readme-example readme_example
+check docs python3 scripts/check_docs.py
+check manual manual
 check house-rules python3 scripts/lint.py "$build"
 check cppcheck cppcheck_all
 check clang-tidy tidy_all

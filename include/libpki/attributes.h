@@ -36,6 +36,7 @@ PKI_API int get_string_attr(PKCS7 *p7, int nid, const char **text);
 /* The value of an INTEGER, -1 for one that no long holds; 69 for other types. */
 PKI_API int get_integer_attr(PKCS7 *p7, int nid, long *value);
 
+/* A new INTEGER, for ASN1_INTEGER_free; null when memory runs out. */
 PKI_API ASN1_INTEGER *to_integer(long value);
 /* Null for null `data` or a negative length; an empty string for length 0. */
 PKI_API ASN1_OCTET_STRING *to_octetstring(const void *data, int length);

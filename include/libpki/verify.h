@@ -166,7 +166,8 @@ PKI_API X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reas
  * change or sort the CRL from then on. To make room, CRLs are dropped most recently used first.
  * A CRL that is cached already gets a second entry.
  * Returns 0; 2; 14 the CRL does not encode (or 2); 15 its issuingDistributionPoint cannot be read
- * (or 2); 49 no reference; 63 null; 80 no lock; 82 more than 50000 octets.
+ * (or 2); 49 no reference; 63 null, or a CRL that is marked as lacking entries; 80 no lock; 82 more
+ * than 50000 octets.
  */
 PKI_API int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer);
 

@@ -40,6 +40,18 @@ constexpr size_t name_key_characters = 99;
 // decodes no name above 1 MiB.
 constexpr size_t name_text_bytes = 64 * 1024;
 
+// Marshal stream. Composites within each other: reading and writing them is recursive, and the
+// threads of a device have small stacks.
+constexpr int marshal_max_depth = 256;
+// An envelope counts for more: each octet within it goes through one more filter.
+constexpr int marshal_envelope_levels = 16;
+// A new stream in memory.
+constexpr int write_buffer_bytes = 5000;
+// The longest magic that is printed.
+constexpr int dump_max_magic_bytes = 100;
+// The widest indent of a dump: whoever wrote the stream may open levels without end.
+constexpr int dump_max_indent = 2 * marshal_max_depth;
+
 // Certificate statuses. Checks of signers, nested in each other; and those that one outermost check
 // may lead to: depth alone would bound a chain of checks, not a tree.
 constexpr int max_status_depth = 10;

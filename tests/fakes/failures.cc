@@ -86,6 +86,7 @@ bool called_by_openssl(const void *return_address) {
 }
 
 thread_local int poll_timeout = -1;
+thread_local std::function<bool()> is_silent;
 
 void arm(trap state::*which, int error, int after) {
   std::lock_guard lock(mutex());
@@ -152,6 +153,9 @@ void fail_poll(int error, int after) {
 void time_out_poll(int after) {
   arm(&state::poll_timeout, 0, after);
 }
+void time_out_polls_when(const std::function<bool()> &silent) {
+  is_silent = silent;
+}
 void fail_socket(int error, int after) {
   arm(&state::socket, error, after);
 }
@@ -184,6 +188,7 @@ int host_setting_calls() {
 void reset() {
   std::lock_guard lock(mutex());
   current() = state();
+  is_silent = nullptr;
 }
 
 }  // namespace fake_failures
@@ -293,6 +298,13 @@ int poll(pollfd *fds, nfds_t how_many, int timeout) {
   if (fires_here(&state::poll_error, &error)) {
     errno = error;
     return -1;
+  }
+  while (is_silent && (fds->events & POLLIN)) {
+    // What was sent before the silence is there by now.
+    bool silent = is_silent();
+    int ready = NEXT(poll)(fds, how_many, silent ? 0 : 1);
+    if (ready != 0 || silent)
+      return ready;
   }
   return NEXT(poll)(fds, how_many, timeout);
 }

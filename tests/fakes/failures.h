@@ -3,6 +3,7 @@
 #ifndef TESTS_FAKES_FAILURES_H
 #define TESTS_FAKES_FAILURES_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,9 +23,12 @@ void fail_rand_bytes(int after = 0);              // RAND_bytes returns 0
 void fail_serialnumber(int error);                // board_info_serialnumber returns `error`
 void fail_poll(int error, int after = 0);         // poll returns -1 with errno `error`
 void time_out_poll(int after = 0);                // poll returns 0 at once
-void fail_socket(int error, int after = 0);       // socket returns -1 with errno `error`
-void fail_send(int error, int after = 0);         // send returns -1 with errno `error`
-void short_send(int after = 0);                   // send takes one octet only
+// Polls of this thread that find nothing to read time out at once when `silent()` says that nothing
+// more will come; until then they wait.
+void time_out_polls_when(const std::function<bool()> &silent);
+void fail_socket(int error, int after = 0);  // socket returns -1 with errno `error`
+void fail_send(int error, int after = 0);    // send returns -1 with errno `error`
+void short_send(int after = 0);              // send takes one octet only
 
 // Answers name resolution of `host` with numeric addresses, in order, instead of the resolver;
 // an empty list gives EAI_NONAME.

@@ -60,6 +60,28 @@ result device::enroll(const strings &options, const strings &more) const {
   return pkictl(enroll_arguments(options), more);
 }
 
+std::string device::key_file() const {
+  std::string file = home_ / "device-key.pem";
+  result done = pkictl({"key", "export", "device", "-o", file, "--force"});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  return file;
+}
+
+std::string device::cert_file(const std::string &label) const {
+  std::string file = home_ / (label + ".pem");
+  result done = pkictl({"cert", "export", "device", label, "-o", file, "--force"});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  return file;
+}
+
+strings device::certs() const {
+  strings labels;
+  nlohmann::json listed = nlohmann::json::parse(pkictl({"key", "list", "--json"}).out);
+  for (const nlohmann::json &cert : listed["keys"][0]["certs"])
+    labels.push_back(cert["label"]);
+  return labels;
+}
+
 std::vector<std::string> device::messages() const {
   std::vector<std::string> names;
   for (const auto &entry : std::filesystem::directory_iterator(home_ / "messages"))

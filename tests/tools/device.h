@@ -28,7 +28,13 @@ class device {
   result enroll(const strings &options = {}, const strings &environment = {}) const;
   strings enroll_arguments(const strings &options = {}) const;
 
-  std::string state(const std::string &file = "") const { return home_ / ("state/" + file); }
+  std::string state() const { return home_ / "state"; }
+  std::string state_file() const { return home_ / "state/state"; }
+  // What pkictl has kept, exported into a file: the key "device", and a certificate for it.
+  std::string key_file() const;
+  std::string cert_file(const std::string &label = "cert") const;
+  // The labels of those certificates.
+  strings certs() const;
   // The messages that the lab saved, by file name.
   std::vector<std::string> messages() const;
   std::string message(const std::string &name) const { return home_ / ("messages/" + name); }

@@ -25,7 +25,7 @@ TEST(PkictlCertFind, FindsWhatWasIssuedAndSavesIt) {
   device test;
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  std::string issued = test.state("certs/device/cert.pem");
+  std::string issued = test.cert_file();
   result done = find(test, serial_of(issued), {"--out", test.file("found.pem"), "--json"});
   ASSERT_EQ(done.exit_code, 0) << done.err;
   EXPECT_EQ(json::parse(done.out)["certificate"]["subject"], "CN=device, O=Example");
@@ -36,7 +36,7 @@ TEST(PkictlCertFind, PrintsItForAPerson) {
   device test;
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  result done = find(test, serial_of(test.state("certs/device/cert.pem")));
+  result done = find(test, serial_of(test.cert_file()));
   EXPECT_TRUE(done.out.starts_with("found\n  certificate       CN=device, O=Example\n"))
       << done.out;
 }
@@ -47,7 +47,7 @@ TEST(PkictlCertFind, LabKeepsCertificatesWhenItIsStartedAgain) {
   ASSERT_EQ(first.enroll().exit_code, 0);
   device second;
   second.prepare();
-  EXPECT_EQ(find(second, serial_of(first.state("certs/device/cert.pem"))).exit_code, 0);
+  EXPECT_EQ(find(second, serial_of(first.cert_file())).exit_code, 0);
 }
 
 TEST(PkictlCertFind, IssuerCanBeNamed) {
@@ -112,8 +112,7 @@ TEST_P(bad_look_up_test, IsRefused) {
   ASSERT_EQ(enrolled.exit_code, 0) << enrolled.err;
   device test({"--scep-misbehave", GetParam().misdeed});
   test.prepare();
-  result done =
-      find(test, serial_of(good.state("certs/device/cert.pem")), {"--out", test.file("found.pem")});
+  result done = find(test, serial_of(good.cert_file()), {"--out", test.file("found.pem")});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_NE(done.err.find(GetParam().text), std::string::npos) << done.err;
   EXPECT_FALSE(tool_test::exists(test.file("found.pem")));

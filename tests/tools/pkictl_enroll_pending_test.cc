@@ -40,7 +40,7 @@ TEST(PkictlEnrollPending, PollLimitEndsIt) {
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err,
             "sleep 600\nsleep 600\n" + not_yet + "2 polls are over; enroll again to go on\n");
-  EXPECT_FALSE(tool_test::exists(test.state("certs")));
+  EXPECT_TRUE(test.certs().empty());
 }
 
 TEST(PkictlEnrollPending, LimitOfNoPollsEndsItWithoutASleep) {

@@ -3,11 +3,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "device.h"
 #include "lab_fixture.h"
 #include "tools/common/cert_text.h"
 #include "tools/common/keys.h"
 #include "tools/common/scep_message.h"
+#include "tools/pkictl/state_format.h"
 
 namespace {
 
@@ -15,10 +18,6 @@ using nlohmann::json;
 using tool_test::device;
 using tool_test::result;
 using tool_test::strings;
-
-std::string cert_file(const device &test, const std::string &label = "cert") {
-  return test.state("certs/device/" + label + ".pem");
-}
 
 tools::pkcs7_ptr message(const device &test, const std::string &name) {
   return tools::decode_pkcs7(tool_test::read_file(test.message(name)));
@@ -30,16 +29,14 @@ TEST(PkictlEnroll, SavesACertificateOfTheCaForTheKey) {
   result done = test.enroll();
   ASSERT_EQ(done.exit_code, 0) << done.err;
   EXPECT_EQ(done.err, "");
-  tools::cert_ptr cert = tools::load_certificate(cert_file(test));
-  tools::key_ptr key = tools::load_private_key(test.state("keys/device.pem"));
+  tools::cert_ptr cert = tools::load_certificate(test.cert_file());
+  tools::key_ptr key = tools::load_private_key(test.key_file());
   tools::cert_ptr ca = tools::load_certificate(test.lab_file("issuing-cert.pem"));
   EXPECT_EQ(EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key.get()), 1);
   EXPECT_EQ(X509_verify(cert.get(), X509_get0_pubkey(ca.get())), 1);
   EXPECT_EQ(X509_get_signature_nid(cert.get()), NID_sha256WithRSAEncryption);
   EXPECT_EQ(tools::name_text(X509_get_subject_name(cert.get())), "CN=device, O=Example");
-  EXPECT_EQ(tool_test::mode_of(cert_file(test)), 0600u);
-  EXPECT_EQ(tool_test::mode_of(test.state("certs/device")), 0700u);
-  EXPECT_EQ(tool_test::mode_of(test.state("cas/office.pem")), 0600u);
+  EXPECT_EQ(tool_test::mode_of(test.state_file()), 0600u);
 }
 
 TEST(PkictlEnroll, PrintsTheCertificate) {
@@ -51,7 +48,7 @@ TEST(PkictlEnroll, PrintsTheCertificate) {
                            "  first             CN=device, O=Example\n"
                            "    issuer          CN=pkilab issuing CA, O=pkilab\n"))
       << done.out;
-  EXPECT_TRUE(done.out.ends_with("\nsaved " + cert_file(test, "first") + "\n")) << done.out;
+  EXPECT_TRUE(done.out.ends_with("\nsaved " + test.state_file() + "\n")) << done.out;
 }
 
 TEST(PkictlEnroll, PrintsJson) {
@@ -60,7 +57,7 @@ TEST(PkictlEnroll, PrintsJson) {
   json printed = json::parse(test.enroll({"--json"}).out);
   EXPECT_EQ(printed["key"], "device");
   EXPECT_EQ(printed["label"], "cert");
-  EXPECT_EQ(printed["file"], cert_file(test));
+  EXPECT_EQ(printed["file"], test.state_file());
   EXPECT_EQ(printed["certificate"]["subject"], "CN=device, O=Example");
 }
 
@@ -83,26 +80,25 @@ TEST(PkictlEnroll, CertificateIsListedWithItsKeyAndRemovedWithIt) {
   EXPECT_EQ(key["certs"][1]["certificate"]["subject"], "CN=device, O=Example");
   result done = test.pkictl({"key", "remove", "device"});
   EXPECT_EQ(done.out, "removed device and 2 certificates\n");
-  EXPECT_FALSE(tool_test::exists(test.state("certs/device")));
-  EXPECT_FALSE(tool_test::exists(test.state("keys/device.pem")));
+  EXPECT_EQ(test.pkictl({"key", "list"}).out, "no keys\n");
 }
 
 TEST(PkictlEnroll, LeavesACertificateThatIsThereUnlessToldToReplaceIt) {
   device test;
   test.prepare();
   test.enroll();
-  std::string before = tool_test::read_file(cert_file(test));
+  std::string before = tool_test::read_file(test.cert_file());
   result done = test.enroll();
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err,
             "pkictl: the key device has a certificate cert already; take another --cert, or"
             " --replace it\n");
-  EXPECT_EQ(tool_test::read_file(cert_file(test)), before);
+  EXPECT_EQ(tool_test::read_file(test.cert_file()), before);
   EXPECT_EQ(test.messages().size(), 2u);  // the CA was not asked again
   done = test.enroll({"--replace", "--json"});
   ASSERT_EQ(done.exit_code, 0) << done.err;
-  tools::cert_ptr cert = tools::load_certificate(cert_file(test));
-  EXPECT_NE(tool_test::read_file(cert_file(test)), before);
+  tools::cert_ptr cert = tools::load_certificate(test.cert_file());
+  EXPECT_NE(tool_test::read_file(test.cert_file()), before);
   EXPECT_EQ(json::parse(done.out)["certificate"]["serial"],
             tools::serial_text(X509_get0_serialNumber(cert.get())));
 }
@@ -163,8 +159,7 @@ TEST(PkictlEnroll, SecretIsInNoOutputLogOrMessage) {
   ASSERT_EQ(test.messages().size(), 4u);
   for (const std::string &name : test.messages())
     everything += tool_test::read_file(test.message(name));
-  for (const char *file : {"keys/device.pem", "cas/office.pem", "certs/device/cert.pem"})
-    everything += tool_test::read_file(test.state(file));
+  everything += tool_test::read_file(test.state_file());
   EXPECT_EQ(everything.find(tool_test::device_secret), std::string::npos);
 }
 
@@ -241,54 +236,91 @@ TEST(PkictlEnroll, CaThatIsGoneIsAnHttpError) {
   result done = test.enroll();
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_NE(done.err.find("HTTP ERROR (47)"), std::string::npos) << done.err;
-  EXPECT_FALSE(tool_test::exists(test.state("certs")));
+  EXPECT_TRUE(test.certs().empty());
 }
 
-// ---- damaged files ----
+// ---- a state that is whole but of no use ----
 
-TEST(PkictlEnroll, DamagedCaIsNamedAndStays) {
-  device test;
-  test.prepare();
-  std::string file = test.state("cas/office.pem");
-  std::string whole = tool_test::read_file(file);
-  for (const std::string &text : {std::string("garbage"), std::string(), whole.substr(0, 2000),
-                                  whole.substr(whole.find('\n') + 1)}) {
-    test.home().write("state/cas/office.pem", text);
-    result done = test.enroll();
-    EXPECT_EQ(done.exit_code, 1);
-    EXPECT_EQ(done.err, "pkictl: " + file + " is damaged; provision the CA again\n");
-    EXPECT_EQ(tool_test::read_file(file), text);
-  }
+pkictl::saved_state loaded(const device &test) {
+  std::string octets = tool_test::read_file(test.state_file());
+  pkictl::saved_state state;
+  EXPECT_EQ(pkictl::decode_state({octets.begin(), octets.end()}, &state), 0);
+  return state;
+}
+
+void save(const device &test, const pkictl::saved_state &state) {
+  pkictl::secret_octets octets = pkictl::encode_state(state);
+  test.home().write("state/state", {octets.begin(), octets.end()});
 }
 
 TEST(PkictlEnroll, CaWhoseDocumentAnotherKeySignedIsRefused) {
   device test;
   test.prepare();
-  std::string file = test.state("cas/office.pem");
-  std::string text = tool_test::read_file(file);
-  tools::key_ptr other = tools::load_private_key(test.state("keys/device.pem"));
-  text = text.substr(0, text.find("-----BEGIN PUBLIC")) + tools::public_pem(other.get());
-  test.home().write("state/cas/office.pem", text);
+  pkictl::saved_state state = loaded(test);
+  state.cas["office"].doc_key = tools::load_private_key(test.key_file());
+  save(test, state);
   result done = test.enroll();
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_TRUE(
-      done.err.starts_with("pkictl: " + file + " has no good signature: SIG VERIFY FAILED (29)"))
+      done.err.starts_with("pkictl: the document of the CA office has no good signature: SIG VERIFY"
+                           " FAILED (29)"))
       << done.err;
 }
 
-TEST(PkictlEnroll, CertificateOfAnotherKeyIsNamedAndStays) {
+TEST(PkictlEnroll, CaWithoutADocumentIsRefused) {
   device test;
   test.prepare();
-  test.enroll();
-  std::string foreign = tool_test::read_file(test.lab_file("root-cert.pem"));
-  test.home().write("state/certs/device/cert.pem", foreign);
-  for (const strings &arguments : {strings{"key", "list"}, test.enroll_arguments({"--replace"})}) {
-    result done = test.pkictl(arguments);
-    EXPECT_EQ(done.exit_code, 1);
-    EXPECT_EQ(done.err, "pkictl: " + cert_file(test) + " does not belong to " +
-                            test.state("keys/device.pem") + "\n");
-  }
-  EXPECT_EQ(tool_test::read_file(cert_file(test)), foreign);
+  pkictl::saved_state state = loaded(test);
+  state.cas["office"].document = "nothing of use";
+  save(test, state);
+  result done = test.enroll();
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(
+      done.err.starts_with("pkictl: the document of the CA office has no good signature: P7 DECODE"
+                           " ERROR (20)"))
+      << done.err;
+}
+
+// ---- a state that changes while the CA thinks ----
+
+strings meanwhile(const device &test, const std::string &command) {
+  return {
+      "LD_PRELOAD=" SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0",
+      "SLEEP_COMMAND=" TOOL_DIR "/pkictl " + command + " --state " + test.state() + " >/dev/null"};
+}
+
+TEST(PkictlEnrollMeanwhile, WhatOthersSaveIsKept) {
+  device test({"--scep-pending", "1"});
+  test.prepare();
+  result done = test.enroll({}, meanwhile(test, "key generate other --bits 512"));
+  ASSERT_EQ(done.exit_code, 0) << done.err;
+  pkictl::saved_state state = loaded(test);
+  EXPECT_EQ(state.keys.count("other"), 1u);
+  EXPECT_EQ(state.keys["device"].certs.count("cert"), 1u);
+}
+
+TEST(PkictlEnrollMeanwhile, KeyThatIsRemovedLeavesTheCertificateAtTheCa) {
+  device test({"--scep-pending", "1"});
+  test.prepare();
+  result done = test.enroll({}, meanwhile(test, "key remove device"));
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find(" was issued, but cannot be kept: there is no key device in "),
+            std::string::npos)
+      << done.err;
+  EXPECT_TRUE(loaded(test).keys.empty());
+}
+
+TEST(PkictlEnrollMeanwhile, AnotherKeyOfTheSameLabelDoesNotGetTheCertificate) {
+  device test({"--scep-pending", "1"});
+  test.prepare();
+  std::string again = TOOL_DIR "/pkictl key generate device --bits 512";
+  result done =
+      test.enroll({}, meanwhile(test, "key remove device --state " + test.state() + "; " + again));
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find("cannot be kept: the key device is another one by now; enroll again\n"),
+            std::string::npos)
+      << done.err;
+  EXPECT_TRUE(loaded(test).keys["device"].certs.empty());
 }
 
 // ---- provision ----
@@ -312,14 +344,24 @@ TEST(PkictlProvisionState, WithoutAHomeFolderTheCaIsPrintedAndNotKept) {
   EXPECT_TRUE(done.out.starts_with("CA\n")) << done.out;
 }
 
+TEST(PkictlProvisionState, StateThatCannotBeReadIsToldBeforeTheServerIsAsked) {
+  device test;
+  std::filesystem::create_directory(test.state());
+  test.home().write("state/state", "nothing of use");
+  result done = test.pkictl(
+      {"provision", "http://127.0.0.1:1/ca-info", "--doc-key", test.lab_file("doc-key.pub.pem")});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(done.err.starts_with("pkictl: " + test.state_file() + " is damaged")) << done.err;
+}
+
 TEST(PkictlProvisionState, RefusedDocumentIsNotKeptAndAnOlderOneStays) {
   device test;
   test.prepare();
-  std::string before = tool_test::read_file(test.state("cas/office.pem"));
+  std::string before = tool_test::read_file(test.state_file());
   result done = test.pkictl({"provision", test.lab().url() + "/misbehave/wrong-key/ca-info",
                              "--doc-key", test.lab_file("doc-key.pub.pem"), "--label", "office"});
   EXPECT_EQ(done.exit_code, 1);
-  EXPECT_EQ(tool_test::read_file(test.state("cas/office.pem")), before);
+  EXPECT_EQ(tool_test::read_file(test.state_file()), before);
 }
 
 }  // namespace

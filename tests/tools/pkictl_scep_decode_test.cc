@@ -46,7 +46,7 @@ strings lab_key() {
           enrolled().lab_file("issuing-cert.pem")};
 }
 strings device_key() {
-  return {"--key", enrolled().state("keys/device.pem")};
+  return {"--key", enrolled().key_file()};
 }
 
 TEST(PkictlScepDecode, ShowsTheOutsideWithoutAKey) {
@@ -185,9 +185,10 @@ TEST(PkictlScepDecode, FilesThatAreNoMessageAreNamed) {
 
 TEST(PkictlScepDecode, SignedDataThatIsNoScepHasNoAttributes) {
   tool_test::folder home;
-  std::string text = tool_test::read_file(enrolled().state("cas/office.pem"));
-  std::string begin = text.substr(text.find("-----BEGIN PKCS7"));
-  result done = decode(home.write("document", begin), {"--json"});
+  std::string document = home / "document";
+  tool_test::pkictl({"cainfo", "sign", "--issuer-name", "CN=own", "--key",
+                     enrolled().lab_file("doc-key.pem"), "--out", document});
+  result done = decode(document, {"--json"});
   EXPECT_EQ(done.exit_code, 1);  // it carries no certificate of its signer
   EXPECT_EQ(json::parse(done.out)["message"]["message_type"], nullptr);
 }

@@ -246,7 +246,7 @@ TEST(PkictlVerifyCertState, EnrolledCertificateIsGoodUntilItIsRevoked) {
   tool_test::device device;
   device.prepare();
   ASSERT_EQ(device.enroll().exit_code, 0);
-  std::string file = device.state("certs/device/cert.pem");
+  std::string file = device.cert_file();
   result done = device.pkictl({"verify", file});
   EXPECT_EQ(done.exit_code, 0) << done.out << done.err;
   EXPECT_NE(done.out.find("asked " + device.lab().url() + "/ocsp: ok"), std::string::npos)

@@ -219,8 +219,8 @@ TEST(PkictlVerifyCertInput, MissingStateFolderIsNamed) {
 
 TEST(PkictlVerifyCertInput, DamagedStateIsNamed) {
   verify_files files;
-  std::filesystem::create_directories(files.path("state/pkictl/cas"));
-  std::string file = files.path("state/pkictl/cas/home.pem");
+  std::filesystem::create_directories(files.path("state/pkictl"));
+  std::string file = files.path("state/pkictl/state");
   std::ofstream(file) << "nothing of use\n";
   expect_refused(files.verify(), file + " is damaged");
 }

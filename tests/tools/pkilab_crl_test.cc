@@ -171,7 +171,7 @@ TEST(PkilabCrl, AnEnrolledCertificateNamesTheLabsCrlAndIsRevoked) {
   device test({"--crl-dp"});
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  std::string file = test.state("certs/device/cert.pem");
+  std::string file = test.cert_file();
   std::string shown = openssl({"x509", "-in", file, "-noout", "-ext", "crlDistributionPoints"}).out;
   EXPECT_NE(shown.find("URI:" + test.lab().url() + "/crl/issuing.crl\n"), std::string::npos)
       << shown;
@@ -189,9 +189,8 @@ TEST(PkilabCrl, CertificatesNameTheCrlWithItsQuery) {
   device test({"--crl-dp", "entries=1000&reason-in-each"});
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  std::string shown = openssl({"x509", "-in", test.state("certs/device/cert.pem"), "-noout", "-ext",
-                               "crlDistributionPoints"})
-                          .out;
+  std::string shown =
+      openssl({"x509", "-in", test.cert_file(), "-noout", "-ext", "crlDistributionPoints"}).out;
   EXPECT_NE(shown.find("/crl/issuing.crl?entries=1000&reason-in-each\n"), std::string::npos)
       << shown;
 }

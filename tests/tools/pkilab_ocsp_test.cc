@@ -169,7 +169,7 @@ TEST(PkilabOcsp, AnEnrolledCertificateNamesTheLabsResponderAndIsRevoked) {
   device test({"--ocsp-aia"});
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  std::string file = test.state("certs/device/cert.pem");
+  std::string file = test.cert_file();
   result shown = openssl({"x509", "-in", file, "-noout", "-ocsp_uri"});
   EXPECT_EQ(shown.out, test.lab().url() + "/ocsp\n");
   strings ask = {"ocsp",
@@ -196,8 +196,7 @@ TEST(PkilabOcsp, TheUrlInCertificatesCanHaveAQuery) {
   device test({"--ocsp-aia", "status=revoked&signer=delegated"});
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  result shown =
-      openssl({"x509", "-in", test.state("certs/device/cert.pem"), "-noout", "-ocsp_uri"});
+  result shown = openssl({"x509", "-in", test.cert_file(), "-noout", "-ocsp_uri"});
   EXPECT_EQ(shown.out, test.lab().url() + "/ocsp?status=revoked&signer=delegated\n");
 }
 
@@ -205,8 +204,7 @@ TEST(PkilabOcsp, CertificatesNameNoResponderUnlessToldTo) {
   device test;
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
-  result shown =
-      openssl({"x509", "-in", test.state("certs/device/cert.pem"), "-noout", "-ocsp_uri"});
+  result shown = openssl({"x509", "-in", test.cert_file(), "-noout", "-ocsp_uri"});
   EXPECT_EQ(shown.out, "");
 }
 

@@ -157,7 +157,7 @@ TEST_F(scep_http_test, PollForARequestThatIsNotPendingIsBadCertId) {
 }
 
 TEST_F(scep_http_test, IssuedCertificatesAreKeptBesideTheKeys) {
-  tools::cert_ptr cert = tools::load_certificate(test_.state("certs/device/cert.pem"));
+  tools::cert_ptr cert = tools::load_certificate(test_.cert_file());
   std::string serial = tools::serial_text(X509_get0_serialNumber(cert.get()));
   std::string path = test_.lab_file("issued/" + serial + ".pem");
   EXPECT_EQ(tool_test::read_file(path), tools::cert_pem(cert.get()));

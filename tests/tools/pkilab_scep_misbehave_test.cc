@@ -56,7 +56,7 @@ class misdeed_test : public testing::TestWithParam<outcome> {
     EXPECT_EQ(done.exit_code, 1);
     EXPECT_NE(done.err.find(text), std::string::npos) << done.err;
     EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
-    EXPECT_FALSE(tool_test::exists(test.state("certs")));
+    EXPECT_TRUE(test.certs().empty());
   }
 };
 
@@ -126,7 +126,7 @@ TEST_P(refusal_test, IsToldInTheLogAndNothingIsSaved) {
                           " request; -v shows its reason\n"),
             std::string::npos)
       << done.err;
-  EXPECT_FALSE(tool_test::exists(test.state("certs")));
+  EXPECT_TRUE(test.certs().empty());
   EXPECT_NE(test.lab().end(SIGTERM).err.find(": FAILURE " + reason + " (as told)\n"),
             std::string::npos);
 }

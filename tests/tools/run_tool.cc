@@ -192,8 +192,12 @@ background_pkictl::~background_pkictl() {
 }
 
 result background_pkictl::end(int signal_number) {
-  result done;
   kill(pid_, signal_number);
+  return wait();
+}
+
+result background_pkictl::wait() {
+  result done;
   read_both(out_, err_, &done);
   done.exit_code = wait_for(pid_);
   close(out_);

@@ -83,6 +83,7 @@ class background_pkictl {
 
   // Sends a signal and waits for the end.
   result end(int signal_number);
+  result wait();
 
  private:
   pid_t pid_;

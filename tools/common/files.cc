@@ -13,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "tools/common/descriptor.h"
 #include "tools/common/failure.h"
 
 namespace tools {
@@ -23,41 +24,21 @@ namespace {
   throw failure("cannot " + what + " " + path + ": " + strerror(errno));
 }
 
-class descriptor {
- public:
-  explicit descriptor(int fd) : fd_(fd) {}
-  ~descriptor() {
-    if (fd_ >= 0)
-      close(fd_);
-  }
-  descriptor(const descriptor &) = delete;
-  descriptor &operator=(const descriptor &) = delete;
+}  // namespace
 
-  int get() const { return fd_; }
-  bool close_now() {
-    int fd = fd_;
-    fd_ = -1;
-    return close(fd) == 0;
-  }
-
- private:
-  int fd_;
-};
-
-bool write_all(int fd, const std::string &bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t took = write(fd, bytes.data() + done, bytes.size() - done);
+bool write_all(int fd, const void *bytes, size_t length) {
+  const auto *at = static_cast<const char *>(bytes);
+  while (length > 0) {
+    ssize_t took = write(fd, at, length);
     if (took < 0 && errno == EINTR)
       continue;
     if (took <= 0)
       return false;
-    done += static_cast<size_t>(took);
+    at += took;
+    length -= static_cast<size_t>(took);
   }
   return true;
 }
-
-}  // namespace
 
 std::string read_file(const std::string &path) {
   descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -111,13 +92,28 @@ void write_file(const std::string &path, const std::string &bytes, mode_t mode) 
   descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
   if (file.get() < 0)
     fail("write", path);
-  bool written = write_all(file.get(), bytes) && fchmod(file.get(), mode) == 0 &&
-                 fsync(file.get()) == 0 && file.close_now() &&
+  bool written = write_all(file.get(), bytes.data(), bytes.size()) &&
+                 fchmod(file.get(), mode) == 0 && fsync(file.get()) == 0 && file.close_now() &&
                  rename(temporary.c_str(), path.c_str()) == 0;
   if (written)
     return;
   int error = errno;
   unlink(temporary.c_str());
+  errno = error;
+  fail("write", path);
+}
+
+void write_new_file(const std::string &path, const std::string &bytes, mode_t mode) {
+  descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+  if (!file.is_open() && errno == EEXIST)
+    throw failure(path + " is there already");
+  if (!file.is_open())
+    fail("write", path);
+  if (write_all(file.get(), bytes.data(), bytes.size()) && fchmod(file.get(), mode) == 0 &&
+      fsync(file.get()) == 0 && file.close_now())
+    return;
+  int error = errno;
+  unlink(path.c_str());
   errno = error;
   fail("write", path);
 }

@@ -28,6 +28,12 @@ std::vector<std::string> list_folder(const std::string &path);
 // content or the new, never a part. Throws failure and leaves `path` as it was.
 void write_file(const std::string &path, const std::string &bytes, mode_t mode);
 
+// Writes a file that must not be there yet. Throws failure; a part of a file is not left behind.
+void write_new_file(const std::string &path, const std::string &bytes, mode_t mode);
+
+// Writes all of it, however often it takes; false with errno when that cannot be.
+bool write_all(int fd, const void *bytes, size_t length);
+
 }  // namespace tools
 
 #endif

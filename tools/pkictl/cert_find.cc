@@ -111,9 +111,12 @@ bool is_what_was_asked_for(const cert_info &query) {
 
 int find(const context &where, const options &given) {
   state_folder state(given.state);
+  saved_state kept = state.load();
+  const saved_ca &saved = state.ca_in(&kept, given.ca);
+  const saved_key &pair = state.key_in(&kept, given.key);
   start_library();
-  tools::ca_info_ptr ca = enter_ca(state, given.ca);
-  key_info_ptr key = enter_key(state, given.key);
+  tools::ca_info_ptr ca = enter_ca(given.ca, saved);
+  key_info_ptr key = enter_key(given.key, pair);
   scep_req_info_ptr access = make_access(*ca);
   cert_info_ptr query = make_query(given, access->ca_cert);
   int code = scep_qry_cert(query.get(), access.get(), key->key);
@@ -135,7 +138,7 @@ int find(const context &where, const options &given) {
 }  // namespace
 
 void add_cert_command(CLI::App &app, action *chosen) {
-  CLI::App *cert = app.add_subcommand("cert", "Look certificates up");
+  CLI::App *cert = app.add_subcommand("cert", "Look certificates up and export them");
   cert->require_subcommand(1);
   cert->fallthrough();
   auto given = std::make_shared<options>();
@@ -150,6 +153,7 @@ void add_cert_command(CLI::App &app, action *chosen) {
   add_state_option(command, &given->state);
   command->footer(std::string(state_footer) + common_footer);
   command->callback([=] { *chosen = [=](const context &where) { return find(where, *given); }; });
+  add_cert_export_command(*cert, chosen);
 }
 
 }  // namespace pkictl

@@ -33,9 +33,14 @@ void add_cainfo_sign_command(CLI::App &cainfo, action *chosen);
 void add_cainfo_verify_command(CLI::App &cainfo, action *chosen);
 void add_cainfo_show_command(CLI::App &cainfo, action *chosen);
 void add_key_command(CLI::App &app, action *chosen);
+void add_key_export_command(CLI::App &key, action *chosen);
 void add_enroll_command(CLI::App &app, action *chosen);
 void add_cert_command(CLI::App &app, action *chosen);
+void add_cert_export_command(CLI::App &cert, action *chosen);
+void add_crl_show_command(CLI::App &crl, action *chosen);
+void add_crl_find_command(CLI::App &crl, action *chosen);
 void add_scep_command(CLI::App &app, action *chosen);
+void add_state_command(CLI::App &app, action *chosen);
 void add_verify_command(CLI::App &app, action *chosen);
 
 }  // namespace pkictl

@@ -7,6 +7,7 @@
 #include <climits>
 #include <memory>
 
+#include "tools/common/cert_text.h"
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/command.h"
@@ -101,26 +102,58 @@ X509 *newest_cert(const key_info *key) {
   return static_cast<const cert_info *>(last)->cert;
 }
 
-int enroll(const context &where, const options &given) {
-  state_folder state(given.state);
-  if (state.has_cert(given.key, given.cert) && !given.replace)
+void require_room(const options &given, const saved_key &key) {
+  if (key.certs.count(given.cert) != 0 && !given.replace)
     throw tools::failure("the key " + given.key + " has a certificate " + given.cert +
                          " already; take another --cert, or --replace it");
+}
+
+// The key may have been removed, or another one made, while the CA thought.
+void keep(const state_folder &state, const options &given, X509 *issued) {
+  state.update([&](saved_state *kept) {
+    saved_key &key = state.key_in(kept, given.key);
+    if (EVP_PKEY_eq(X509_get0_pubkey(issued), key.pair.get()) != 1)
+      throw tools::failure("the key " + given.key + " is another one by now; enroll again");
+    require_room(given, key);
+    if (X509_up_ref(issued) != 1)
+      throw tools::failure("out of memory");
+    key.certs[given.cert].reset(issued);
+  });
+}
+
+// Whoever cannot keep what was issued still finds it at the CA.
+void keep_or_say_where_it_is(const state_folder &state, const options &given, X509 *issued) {
+  try {
+    keep(state, given, issued);
+  } catch (const tools::failure &error) {
+    throw tools::failure("the certificate " + tools::serial_text(X509_get0_serialNumber(issued)) +
+                         " was issued, but cannot be kept: " + error.what());
+  }
+}
+
+int enroll(const context &where, const options &given) {
+  check_label("the CA", given.ca);
+  check_label("the key", given.key);
+  check_label("the certificate", given.cert);
+  state_folder state(given.state);
+  saved_state kept = state.load();
+  const saved_ca &saved = state.ca_in(&kept, given.ca);
+  const saved_key &pair = state.key_in(&kept, given.key);
+  require_room(given, pair);
   start_library();
-  tools::ca_info_ptr ca = enter_ca(state, given.ca);
-  key_info_ptr key = enter_key(state, given.key);
+  tools::ca_info_ptr ca = enter_ca(given.ca, saved);
+  key_info_ptr key = enter_key(given.key, pair);
   request_certificate(given);
   X509 *issued = newest_cert(key.get());
-  state.save_cert(given.key, given.cert, issued);
-  std::string file = state.cert_file(given.key, given.cert);
+  keep_or_say_where_it_is(state, given, issued);
   json cert = cert_json(issued);
   if (where.json)
     where.out->write_json(
-        {{"key", given.key}, {"label", given.cert}, {"file", file}, {"certificate", cert}});
+        {{"key", given.key}, {"label", given.cert}, {"file", state.file()}, {"certificate", cert}});
   else
     where.out->write_text("enrolled " + given.key + " with the CA " + given.ca + "\n" +
-                          cert_text(1, given.cert, cert) + "saved " + tools::printable(file) +
-                          "\n");
+                          cert_text(1, given.cert, cert) + "saved " +
+                          tools::printable(state.file()) + "\n");
   return 0;
 }
 

@@ -26,17 +26,13 @@ struct options {
   int bits = default_bits;
 };
 
-json key_json(const state_folder &state, const std::string &label, EVP_PKEY *key) {
+json key_json(const std::string &label, const saved_key &key) {
   json certs = json::array();
-  for (const std::string &cert : state.certs(label)) {
-    json entry = {{"label", cert}, {"file", state.cert_file(label, cert)}};
-    entry["certificate"] = cert_json(state.load_cert(label, cert).get());
-    certs.push_back(entry);
-  }
+  for (const auto &[cert_label, cert] : key.certs)
+    certs.push_back({{"label", cert_label}, {"certificate", cert_json(cert.get())}});
   return {{"label", label},
           {"type", "RSA"},
-          {"bits", EVP_PKEY_get_bits(key)},
-          {"file", state.key_file(label)},
+          {"bits", EVP_PKEY_get_bits(key.pair.get())},
           {"certs", certs}};
 }
 
@@ -47,33 +43,48 @@ std::string key_text(const json &key) {
   return text;
 }
 
-int generate(const context &where, const options &given) {
-  state_folder state(given.state);
-  if (state.has_key(given.label))
-    throw tools::failure("there is a key " + given.label +
+void require_no_key(const saved_state &kept, const std::string &label) {
+  if (kept.keys.count(label) != 0)
+    throw tools::failure("there is a key " + label +
                          " already; take another label, or remove it with 'pkictl key remove " +
-                         given.label + "'");
+                         label + "'");
+}
+
+saved_key make_key(const options &given) {
   start_library();
   require_ok("cannot make the key " + given.label,
              pki_generate_key_pair(given.label.c_str(), "RSA", given.bits));
   key_info_ptr made(pki_find_key_info_by_label(given.label.c_str()));
   if (!made)
     throw tools::failure("the store does not find the key that was made");
-  state.save_key(given.label, made->key);
-  json key = key_json(state, given.label, made->key);
+  saved_key key;
+  key.pair.reset(std::exchange(made->key, nullptr));
+  return key;
+}
+
+int generate(const context &where, const options &given) {
+  check_label("the key", given.label);
+  state_folder state(given.state);
+  require_no_key(state.load(), given.label);
+  saved_key made = make_key(given);
+  json key = key_json(given.label, made);
+  state.update([&](saved_state *kept) {
+    require_no_key(*kept, given.label);
+    kept->keys[given.label] = std::move(made);
+  });
   if (where.json)
-    where.out->write_json({{"key", key}});
+    where.out->write_json({{"key", key}, {"file", state.file()}});
   else
-    where.out->write_text("made " + key_text(key) + "saved " +
-                          tools::printable(key["file"].get<std::string>()) + "\n");
+    where.out->write_text("made " + key_text(key) + "saved " + tools::printable(state.file()) +
+                          "\n");
   return 0;
 }
 
 int list(const context &where, const options &given) {
-  state_folder state(given.state);
+  saved_state kept = state_folder(given.state).load();
   json keys = json::array();
-  for (const std::string &label : state.keys())
-    keys.push_back(key_json(state, label, state.load_key(label).get()));
+  for (const auto &[label, key] : kept.keys)
+    keys.push_back(key_json(label, key));
   if (where.json) {
     where.out->write_json({{"keys", keys}});
     return 0;
@@ -87,11 +98,13 @@ int list(const context &where, const options &given) {
 
 int remove(const context &where, const options &given) {
   state_folder state(given.state);
-  start_library();
-  key_info_ptr key = enter_key(state, given.label);
-  int certs = OPENSSL_sk_num(key->certs);
-  require_ok("cannot remove the key " + given.label, pki_remove_key(given.label.c_str()));
-  state.remove_key(given.label);
+  saved_state before = state.load();
+  (void)state.key_in(&before, given.label);  // without one nothing is written, not even a lock
+  size_t certs = 0;
+  state.update([&](saved_state *kept) {
+    certs = state.key_in(kept, given.label).certs.size();
+    kept->keys.erase(given.label);
+  });
   if (where.json)
     where.out->write_json({{"removed", given.label}, {"certs", certs}});
   else
@@ -113,7 +126,7 @@ CLI::App *add_command(CLI::App *key, const char *name, const char *help,
 }  // namespace
 
 void add_key_command(CLI::App &app, action *chosen) {
-  CLI::App *key = app.add_subcommand("key", "Make, list and remove the device's keys");
+  CLI::App *key = app.add_subcommand("key", "Make, list, export and remove the device's keys");
   key->require_subcommand(1);
   key->fallthrough();
   auto made = std::make_shared<options>();
@@ -128,6 +141,7 @@ void add_key_command(CLI::App &app, action *chosen) {
   command =
       add_command(key, "remove", "Remove a key with its certificates", remove, chosen, removed);
   command->add_option("LABEL", removed->label, "The key's label")->required();
+  add_key_export_command(*key, chosen);
 }
 
 }  // namespace pkictl

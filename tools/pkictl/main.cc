@@ -1,4 +1,5 @@
 // pkictl: for the person who integrates or debugs the library.
+#include <signal.h>
 #include <syslog.h>
 
 #include <CLI/CLI.hpp>
@@ -32,7 +33,13 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
   pkictl::add_enroll_command(app, chosen);
   pkictl::add_cert_command(app, chosen);
   pkictl::add_verify_command(app, chosen);
+  CLI::App *crl = app.add_subcommand("crl", "Look into CRLs of any size");
+  crl->require_subcommand(1);
+  crl->fallthrough();
+  pkictl::add_crl_show_command(*crl, chosen);
+  pkictl::add_crl_find_command(*crl, chosen);
   pkictl::add_scep_command(app, chosen);
+  pkictl::add_state_command(app, chosen);
   pkictl::add_error_command(app, chosen);
 }
 
@@ -72,6 +79,7 @@ int run(const action &chosen, const context &given) {
 
 int main(int argc, char **argv) {
   tools::keep_standard_streams();
+  signal(SIGXFSZ, SIG_IGN);  // a limit of the size of files is an error of whoever writes
   context where;
   action chosen;
   CLI::App app("Provision CAs, enroll with them, and look into what they send", "pkictl");

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "tools/common/failure.h"
@@ -33,6 +34,18 @@ void output::write_text(const std::string &text) {
 
 void output::write_json(const json &value) {
   write_text(value.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
+}
+
+void output::lend_standard_output(const std::function<void()> &print) {
+  fflush(stdout);
+  if (dup2(fd_, STDOUT_FILENO) < 0)
+    throw tools::failure(std::string("cannot use standard output: ") + strerror(errno));
+  print();
+  bool arrived = fflush(stdout) == 0 && ferror(stdout) == 0;
+  int error = errno;
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  if (!arrived)
+    throw tools::failure(std::string("cannot write to standard output: ") + strerror(error));
 }
 
 }  // namespace pkictl

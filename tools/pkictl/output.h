@@ -3,6 +3,7 @@
 #ifndef TOOLS_PKICTL_OUTPUT_H
 #define TOOLS_PKICTL_OUTPUT_H
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -22,6 +23,9 @@ class output {
   // Throw failure when the reader cannot be reached.
   void write_text(const std::string &text);
   void write_json(const json &value);
+
+  // While `print` runs, the C library's stdout reaches the reader.
+  void lend_standard_output(const std::function<void()> &print);
 
  private:
   int fd_;

@@ -36,12 +36,17 @@ void keep(const options &given, tools::key_ptr key) {
   std::string xml;
   require_ok("cannot keep what " + given.url + " sent the second time",
              open_signed(document, key.get(), &xml));
-  state_folder(given.state).save_ca(given.label, {given.url, document, std::move(key)});
+  saved_ca ca = {given.url, document, std::move(key)};
+  state_folder(given.state).update([&](saved_state *kept) {
+    kept->cas[given.label] = std::move(ca);
+  });
 }
 
 int provision(const context &where, const options &given) {
   tools::key_ptr key = tools::load_public_key(given.doc_key);
   check_label("the CA", given.label);
+  if (state_folder::is_known(given.state))
+    (void)state_folder(given.state).load();  // one that cannot be read is told before any exchange
   start_library();
   require_ok("cannot provision " + given.url,
              pki_add_ca(given.label.c_str(), given.url.c_str(), key.get()));

@@ -1,11 +1,11 @@
-// What the tool keeps between calls: a folder of PEM files.
+// What the tool keeps between calls.
 #ifndef TOOLS_PKICTL_STATE_H
 #define TOOLS_PKICTL_STATE_H
 
+#include <functional>
 #include <string>
-#include <vector>
 
-#include "tools/common/ossl.h"
+#include "tools/pkictl/state_format.h"
 
 namespace CLI {
 class App;
@@ -13,21 +13,10 @@ class App;
 
 namespace pkictl {
 
-// A provisioned CA: where its document came from, the document as signed, and the key that
-// verifies it.
-struct saved_ca {
-  std::string url;
-  std::string document;  // DER
-  tools::key_ptr doc_key;
-};
-
 /*
- *   keys/KEY.pem          a private key
- *   certs/KEY/CERT.pem    a certificate issued for it
- *   cas/CA.pem            a CA's signed document and its key
- *
- * Files have mode 0600, folders 0700. A file is written beside its place and renamed into it, so
- * that it is always whole. A file that cannot be read stays as it is, and the failure names it.
+ * A folder with the file "state" (mode 0600; its form is in state_format.h). The file is replaced
+ * as a whole, so that a reader needs no lock; writers wait for each other at the file "state.lock".
+ * A file that cannot be read stays as it is, whatever the command, and the failure names it.
  * Everything throws tools::failure, and usage_failure for a label that is none.
  */
 class state_folder {
@@ -39,28 +28,19 @@ class state_folder {
   // something is saved.
   explicit state_folder(const std::string &given);
 
-  // The files of what is saved under these labels.
-  std::string key_file(const std::string &key) const;
-  std::string cert_file(const std::string &key, const std::string &cert) const;
-  std::string ca_file(const std::string &ca) const;
+  std::string file() const;
 
-  bool has_key(const std::string &key) const;
-  bool has_cert(const std::string &key, const std::string &cert) const;
-  std::vector<std::string> keys() const;
-  std::vector<std::string> certs(const std::string &key) const;
-  std::vector<std::string> cas() const;
+  // All that is kept; nothing where there is no file.
+  saved_state load() const;
 
-  tools::key_ptr load_key(const std::string &key) const;
-  // Also fails when the certificate is for another key.
-  tools::cert_ptr load_cert(const std::string &key, const std::string &cert) const;
-  saved_ca load_ca(const std::string &ca) const;
+  // Changes what is kept: what `change` makes of it is saved, unless it throws. What was loaded
+  // before may be out of date by then; `change` has to look again.
+  void update(const std::function<void(saved_state *)> &change) const;
 
-  void save_key(const std::string &key, EVP_PKEY *pair) const;
-  void save_cert(const std::string &key, const std::string &cert, X509 *issued) const;
-  void save_ca(const std::string &ca, const saved_ca &saved) const;
-
-  // Removes a key and its certificates.
-  void remove_key(const std::string &key) const;
+  // What is kept under a label. The failure says how to get it.
+  saved_ca &ca_in(saved_state *kept, const std::string &label) const;
+  saved_key &key_in(saved_state *kept, const std::string &label) const;
+  X509 *cert_in(saved_state *kept, const std::string &key, const std::string &cert) const;
 
  private:
   std::string folder_;
@@ -72,8 +52,7 @@ void add_state_option(CLI::App *command, std::string *state);
 // For the help of commands that have it.
 extern const char *const state_footer;
 
-// Throws usage_failure unless `label` can be a file's name: letters, digits, and "._-@+" behind
-// the first, at most 100 of them.
+// Throws usage_failure unless `label` is_label.
 void check_label(const std::string &what, const std::string &label);
 
 }  // namespace pkictl

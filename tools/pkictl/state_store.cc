@@ -16,15 +16,16 @@ void require_memory(bool had) {
     throw tools::failure("out of memory");
 }
 
-cert_info_ptr make_cert_record(const std::string &label, tools::cert_ptr cert) {
+cert_info_ptr make_cert_record(const std::string &label, X509 *cert) {
   cert_info_ptr record(alloc_cert_info());
   require_memory(record != nullptr);
   record->label = pki_strdup(label.c_str());
-  record->issuer = X509_NAME_dup(X509_get_issuer_name(cert.get()));
-  record->subject = X509_NAME_dup(X509_get_subject_name(cert.get()));
-  record->serial = ASN1_INTEGER_dup(X509_get0_serialNumber(cert.get()));
+  record->issuer = X509_NAME_dup(X509_get_issuer_name(cert));
+  record->subject = X509_NAME_dup(X509_get_subject_name(cert));
+  record->serial = ASN1_INTEGER_dup(X509_get0_serialNumber(cert));
   require_memory(record->label && record->issuer && record->subject && record->serial);
-  record->cert = cert.release();
+  require_memory(X509_up_ref(cert) == 1);
+  record->cert = cert;
   return record;
 }
 
@@ -35,31 +36,30 @@ void push_cert(key_info *key, cert_info_ptr record) {
 
 }  // namespace
 
-tools::ca_info_ptr enter_ca(const state_folder &state, const std::string &label) {
-  saved_ca saved = state.load_ca(label);
-  std::string file = state.ca_file(label);
+tools::ca_info_ptr enter_ca(const std::string &label, const saved_ca &saved) {
+  std::string document = "the document of the CA " + label;
   std::string xml;
-  require_ok(file + " has no good signature",
+  require_ok(document + " has no good signature",
              open_signed(saved.document, saved.doc_key.get(), &xml));
   tools::read_ca_info read = tools::read_document(xml);
-  require_ok(file + " holds a document that devices refuse", read.code);
+  require_ok(document + " is one that devices refuse", read.code);
   ca_info *info = read.info.get();
   info->label = pki_strdup(label.c_str());
   info->ca_pointer_url = pki_strdup(saved.url.c_str());
-  info->doc_key = saved.doc_key.release();
-  require_memory(info->label && info->ca_pointer_url);
+  require_memory(info->label && info->ca_pointer_url && EVP_PKEY_up_ref(saved.doc_key.get()) == 1);
+  info->doc_key = saved.doc_key.get();
   require_ok("cannot enter the CA " + label, pki_add_ca_info(info));
   return std::move(read.info);
 }
 
-key_info_ptr enter_key(const state_folder &state, const std::string &label) {
+key_info_ptr enter_key(const std::string &label, const saved_key &saved) {
   key_info_ptr record(alloc_key_info());
-  require_memory(record != nullptr);
-  record->key = state.load_key(label).release();
+  require_memory(record && EVP_PKEY_up_ref(saved.pair.get()) == 1);
+  record->key = saved.pair.get();
   record->label = pki_strdup(label.c_str());
   require_memory(record->label != nullptr);
-  for (const std::string &cert : state.certs(label))
-    push_cert(record.get(), make_cert_record(cert, state.load_cert(label, cert)));
+  for (const auto &[cert_label, cert] : saved.certs)
+    push_cert(record.get(), make_cert_record(cert_label, cert.get()));
   // The library makes keys but takes none, so this one goes straight into its list.
   require_memory(OPENSSL_sk_push(pki_store->key_store, dup_key_info(record.get())) > 0);
   return record;

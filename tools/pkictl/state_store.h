@@ -8,7 +8,7 @@
 #include <string>
 
 #include "tools/common/ca_info_reader.h"
-#include "tools/pkictl/state.h"
+#include "tools/pkictl/state_format.h"
 
 namespace pkictl {
 
@@ -16,9 +16,9 @@ using key_info_ptr = std::unique_ptr<key_info, tools::free_with<free_key_info>>;
 using cert_info_ptr = std::unique_ptr<cert_info, tools::free_with<free_cert_info>>;
 
 // Each enters what is kept under a label and returns the store's record. start_library must have
-// run. Throw failure, naming a file that is damaged.
-tools::ca_info_ptr enter_ca(const state_folder &state, const std::string &label);
-key_info_ptr enter_key(const state_folder &state, const std::string &label);
+// run. Throw failure.
+tools::ca_info_ptr enter_ca(const std::string &label, const saved_ca &saved);
+key_info_ptr enter_key(const std::string &label, const saved_key &saved);
 
 }  // namespace pkictl
 

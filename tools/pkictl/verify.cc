@@ -17,9 +17,11 @@
 #include "tools/common/keys.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/library.h"
+#include "tools/pkictl/memory.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/state.h"
 #include "tools/pkictl/state_store.h"
+#include "tools/pkictl/verdict.h"
 #include "tools/pkictl/verify_listener.h"
 #include "tools/pkictl/verify_report.h"
 
@@ -35,6 +37,7 @@ struct options {
   std::string state;
   std::string ocsp;
   std::string ocsp_signer;
+  bool memory = false;
 };
 
 using certs_ptr = std::unique_ptr<STACK_OF(X509), tools::free_with<[](STACK_OF(X509) * certs) {
@@ -73,9 +76,9 @@ void add_saved_roots(const options &given, STACK_OF(X509) * trusted) {
                          "; name the one that 'pkictl provision' was given");
   if (!state_folder::is_known(given.state))
     return;
-  state_folder state(given.state);
-  for (const std::string &label : state.cas()) {
-    tools::ca_info_ptr ca = enter_ca(state, label);
+  saved_state kept = state_folder(given.state).load();
+  for (const auto &[label, saved] : kept.cas) {
+    tools::ca_info_ptr ca = enter_ca(label, saved);
     for (int i = 0; i < OPENSSL_sk_num(ca->trusted_roots); i++)
       push(trusted, static_cast<X509 *>(OPENSSL_sk_value(ca->trusted_roots, i)));
   }
@@ -173,6 +176,8 @@ int verify(const context &where, const options &given) {
   certs_ptr trusted = find_trusted(given);
   add_responder(given);
   json report = verify_cert(given, cert.get(), untrusted.get(), trusted.get());
+  if (given.memory)
+    report["peak_memory_kib"] = peak_memory_json();
   if (where.json)
     where.out->write_json(report);
   else
@@ -181,17 +186,6 @@ int verify(const context &where, const options &given) {
     return tools::exit_done;
   tools::complain("pkictl", given.cert + " is rejected: " + rejection_reason(report));
   return tools::exit_failed;
-}
-
-// 1 is kept for certificates that are rejected, so what fails on the way there is 2.
-int verify_or_complain(const context &where, const options &given) {
-  try {
-    return verify(where, given);
-  } catch (const tools::failure &error) {
-    if (where.json)
-      where.out->write_json({{"error", {{"text", error.what()}}}});
-    throw tools::usage_failure(error.what());
-  }
 }
 
 constexpr const char *verify_footer =
@@ -227,8 +221,12 @@ void add_verify_command(CLI::App &app, action *chosen) {
       ->needs(ocsp);
   add_state_option(command, &given->state);
   command->footer(verify_footer);
-  command->callback(
-      [=] { *chosen = [=](const context &where) { return verify_or_complain(where, *given); }; });
+  command->add_flag("--memory", given->memory, "Tell too how much memory it took at the most");
+  command->callback([=] {
+    *chosen = [=](const context &where) {
+      return fail_with_two(where, [&] { return verify(where, *given); });
+    };
+  });
 }
 
 }  // namespace pkictl

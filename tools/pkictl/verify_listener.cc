@@ -5,6 +5,7 @@
 
 #include "tools/common/cert_text.h"
 #include "tools/common/failure.h"
+#include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
 
 namespace pkictl {
@@ -36,6 +37,17 @@ void move_gathered(json *from, json *step) {
       (*step)[list].push_back(std::move(entry));
     (*from)[list] = json::array();
   }
+}
+
+long milliseconds_since(std::chrono::steady_clock::time_point begin) {
+  auto took = std::chrono::steady_clock::now() - begin;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
+}
+
+const char *crl_origin(int verdict) {
+  if (verdict == PKI_CRL_MISSING)
+    return "none";
+  return verdict == PKI_CRL_FROM_CACHE ? "cache" : "network";
 }
 
 bool is_same_place(const json &one, const json &other) {
@@ -110,6 +122,13 @@ void verify_listener::dispatch(const cv_trace_event &event) {
       return end_source(event);
     case PKI_TRACE_STATUS_END:
       return end_check(event);
+    case PKI_TRACE_CRL:
+      return begin_crl(event);
+    case PKI_TRACE_CRL_GOT:
+    case PKI_TRACE_DELTA_GOT:
+      return got_crl(event);
+    case PKI_TRACE_CRL_END:
+      return end_crl(event);
     default:
       return;
   }
@@ -174,6 +193,7 @@ void verify_listener::begin_source(const cv_trace_event &event) {
          {"answer", nullptr},
          {"milliseconds", 0},
          {"valid_until", nullptr},
+         {"crls", json::array()},
          {"log", json::array()},
          {"checks", json::array()},
          {"certificates", json::array()}});
@@ -181,14 +201,46 @@ void verify_listener::begin_source(const cv_trace_event &event) {
 
 void verify_listener::end_source(const cv_trace_event &event) {
   auto [source, begin] = end();
-  auto took = std::chrono::steady_clock::now() - begin;
-  source["milliseconds"] = std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
+  source["milliseconds"] = milliseconds_since(begin);
   if (event.verdict >= 0)
     source["answer"] = zv_cv_cert_sts_to_str(event.verdict);
   source["valid_until"] = time_json(event.valid_until);
   if (event.verdict > PKI_CERT_UNKNOWN)
     current()["from"] = "source";
   current()["sources"].push_back(std::move(source));
+}
+
+void verify_listener::begin_crl(const cv_trace_event &event) {
+  begin({{"url", event.text},
+         {"answer", nullptr},
+         {"valid_until", nullptr},
+         {"fetches", json::array()},
+         {"log", json::array()},
+         {"checks", json::array()},
+         {"certificates", json::array()}});
+}
+
+// What is asked for next begins where this ends.
+void verify_listener::got_crl(const cv_trace_event &event) {
+  open_step &crl = open_.back();
+  json error = nullptr;
+  if (event.verdict == PKI_CRL_MISSING)
+    error = code_json(static_cast<unsigned>(event.error));
+  crl.report["fetches"].push_back({{"url", event.text},
+                                   {"delta", event.kind == PKI_TRACE_DELTA_GOT},
+                                   {"from", crl_origin(event.verdict)},
+                                   {"milliseconds", milliseconds_since(crl.begin)},
+                                   {"valid_until", time_json(event.valid_until)},
+                                   {"error", std::move(error)}});
+  crl.begin = std::chrono::steady_clock::now();
+}
+
+void verify_listener::end_crl(const cv_trace_event &event) {
+  json crl = end().report;
+  if (event.verdict >= 0)
+    crl["answer"] = zv_cv_cert_sts_to_str(event.verdict);
+  crl["valid_until"] = time_json(event.valid_until);
+  current()["crls"].push_back(std::move(crl));
 }
 
 void verify_listener::end_check(const cv_trace_event &event) {

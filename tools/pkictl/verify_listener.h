@@ -24,8 +24,12 @@ namespace pkictl {
  *                "from" ("cache", "source"; "none" where no source is known or counts),
  *                "valid_until" (or null), "sources", "log"
  *   source       "name" (its URL, or what it is), "answer" (a status, or null for none),
- *                "milliseconds", "valid_until" (or null), "log", "checks" (of the answer's
- * signers), "certificates" (that were verified for the answer)
+ *                "milliseconds", "valid_until" (or null), "crls", "log", "checks" (of the answer's
+ *                signers), "certificates" (that were verified for the answer)
+ *   crl          "url", "answer" ("ok": it does not list the certificate; "revoked"; null: it is of
+ *                no use), "valid_until" (or null), "fetches", "log", "checks", "certificates"
+ *   fetch        of the CRL, or a delta CRL for it: "url", "delta", "from" ("network", "cache",
+ *                "none"), "milliseconds", "valid_until" (or null), "error" (a code, or null)
  *
  * "log" holds the library's lines of level 4 and below that came during the step.
  */
@@ -62,6 +66,9 @@ class verify_listener {
   void begin_source(const cv_trace_event &event);
   void end_source(const cv_trace_event &event);
   void end_check(const cv_trace_event &event);
+  void begin_crl(const cv_trace_event &event);
+  void got_crl(const cv_trace_event &event);
+  void end_crl(const cv_trace_event &event);
 
   std::vector<open_step> open_;  // the outermost is the verification itself
   bool complete_ = true;

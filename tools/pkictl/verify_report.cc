@@ -1,6 +1,7 @@
 #include "tools/pkictl/verify_report.h"
 
 #include "tools/common/text.h"
+#include "tools/pkictl/memory.h"
 #include "tools/pkictl/report.h"
 
 namespace pkictl {
@@ -33,11 +34,40 @@ std::string log_lines(int depth, const json &log) {
 std::string cert_lines(int depth, const json &cert);
 std::string check_lines(int depth, const json &check);
 
+std::string fetch_line(int depth, const json &fetch) {
+  std::string from = "from the " + text_of(fetch["from"]);
+  if (!fetch["error"].is_null())
+    from = "not taken, " + text_of(fetch["error"]["text"]) + " (" +
+           text_of(fetch["error"]["code"]) + "),";
+  std::string what = fetch["delta"] ? "delta CRL " + text_of(fetch["url"]) + ": " : "";
+  return line(depth, what + from + " in " + text_of(fetch["milliseconds"]) + " ms" +
+                         until_text(fetch["valid_until"]));
+}
+
+std::string crl_answer(const json &crl) {
+  if (crl["answer"].is_null())
+    return "of no use";
+  return (crl["answer"] == "revoked" ? "revoked" : "not listed") + until_text(crl["valid_until"]);
+}
+
+std::string crl_lines(int depth, const json &crl) {
+  std::string text = line(depth, "CRL " + text_of(crl["url"]) + ": " + crl_answer(crl));
+  for (const json &fetch : crl["fetches"])
+    text += fetch_line(depth + 1, fetch);
+  for (const json &check : crl["checks"])
+    text += check_lines(depth + 1, check);
+  for (const json &cert : crl["certificates"])
+    text += cert_lines(depth + 1, cert);
+  return text + log_lines(depth + 1, crl["log"]);
+}
+
 std::string source_lines(int depth, const json &source) {
   std::string answer = source["answer"].is_null() ? "no answer" : text_of(source["answer"]);
   std::string text =
       line(depth, "asked " + text_of(source["name"]) + ": " + answer + " in " +
                       text_of(source["milliseconds"]) + " ms" + until_text(source["valid_until"]));
+  for (const json &crl : source["crls"])
+    text += crl_lines(depth + 1, crl);
   for (const json &check : source["checks"])
     text += check_lines(depth + 1, check);
   for (const json &cert : source["certificates"])
@@ -105,7 +135,7 @@ std::string verify_text(const json &report) {
       line(0, text_of(report["verdict"]) + ", " + text_of(report["flavour"]) + " flavour");
   for (const json &cert : report["certificates"])
     text += cert_lines(1, cert);
-  return text;
+  return text + memory_text(0, report.value("peak_memory_kib", json(nullptr)));
 }
 
 }  // namespace pkictl

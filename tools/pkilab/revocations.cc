@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tools/common/cert_text.h"
+#include "tools/common/crl_text.h"
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 
@@ -43,17 +44,9 @@ std::optional<revocation> parse(const std::string &text) {
 }  // namespace
 
 std::vector<std::string> revocation_reasons() {
-  return {"unspecified",
-          "keyCompromise",
-          "CACompromise",
-          "affiliationChanged",
-          "superseded",
-          "cessationOfOperation",
-          "certificateHold",
-          "",
-          "",
-          "privilegeWithdrawn",
-          "AACompromise"};
+  std::vector<std::string> names = tools::crl_reasons();
+  names.at(CRL_REASON_REMOVE_FROM_CRL).clear();
+  return names;
 }
 
 serial_ptr parse_serial(const std::string &text) {

@@ -24,6 +24,16 @@ void trace(const cv_trace_event &event) {
     of_this_thread.trace(of_this_thread.arg, &event);
 }
 
+void trace_crl(int kind, X509 *cert, const char *url, int error, const X509_CRL *crl,
+               bool from_cache) {
+  if (!is_traced())
+    return;
+  int origin = PKI_CRL_MISSING;
+  if (crl)
+    origin = from_cache ? PKI_CRL_FROM_CACHE : PKI_CRL_FROM_NETWORK;
+  trace({kind, 0, origin, error, cert, url, crl ? X509_CRL_get0_nextUpdate(crl) : nullptr});
+}
+
 bool trace_rule(X509 *cert, int depth, const char *rule, bool passed) {
   trace({PKI_TRACE_RULE, depth, passed ? 1 : 0, 0, cert, rule, nullptr});
   return passed;

@@ -10,6 +10,7 @@
 #include "common/locks.h"
 #include "common/log.h"
 #include "common/ossl_ptr.h"
+#include "verifier/crl_cache/decoder.h"
 #include "verifier/crl_cache/internal.h"
 
 namespace pki {
@@ -208,7 +209,7 @@ X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons, X50
 }
 
 int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer) {
-  if (!crl)
+  if (!crl || is_marked_truncated(crl))
     return PKI_INVALID_ARGS;
   int size = i2d_X509_CRL(crl, nullptr);
   if (size < 1)

@@ -68,8 +68,11 @@ int name_entry_issuer(X509_REVOKED *entry, const X509_NAME *issuer) {
     GENERAL_NAME_free(name);
     return PKI_OUT_OF_MEMORY;
   }
+  int at;
+  while ((at = X509_REVOKED_get_ext_by_NID(entry, NID_certificate_issuer, -1)) >= 0)
+    X509_EXTENSION_free(X509_REVOKED_delete_ext(entry, at));
   if (X509_REVOKED_add1_ext_i2d(entry, NID_certificate_issuer, names.get(), 0,
-                                X509V3_ADD_REPLACE) == 1)
+                                X509V3_ADD_DEFAULT) == 1)
     return PKI_OK;
   return PKI_OUT_OF_MEMORY;
 }
@@ -77,9 +80,14 @@ int name_entry_issuer(X509_REVOKED *entry, const X509_NAME *issuer) {
 int names_entry_issuer(const X509_REVOKED *entry, bool *named) {
   openssl_error_mark none_is_no_error;
   memory_watch memory;
-  general_names_ptr names(static_cast<GENERAL_NAMES *>(
-      X509_REVOKED_get_ext_d2i(entry, NID_certificate_issuer, nullptr, nullptr)));
-  *named = cv_find_dn(names.get()) != nullptr;
+  *named = false;
+  // It may stand more than once.
+  for (int at = -1;
+       !*named && (at = X509_REVOKED_get_ext_by_NID(entry, NID_certificate_issuer, at)) >= 0;) {
+    general_names_ptr names(
+        static_cast<GENERAL_NAMES *>(X509V3_EXT_d2i(X509_REVOKED_get_ext(entry, at))));
+    *named = cv_find_dn(names.get()) != nullptr;
+  }
   return memory.ran_out() ? PKI_OUT_OF_MEMORY : PKI_OK;
 }
 

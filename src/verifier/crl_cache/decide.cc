@@ -9,6 +9,7 @@
 #include "common/log.h"
 #include "verifier/cert_status.h"
 #include "verifier/cert_verifier/internal.h"
+#include "verifier/cert_verifier/trace.h"
 #include "verifier/crl_cache/delta.h"
 #include "verifier/crl_cache/scope.h"
 #include "verifier/crl_cache/signer_trust.h"
@@ -43,14 +44,14 @@ int list_configured(const crls_locator &data, crl_infos_ptr *list) {
 }
 
 uint32_t reasons_of(const ASN1_BIT_STRING *reasons) {
-  return reasons ? zv_cv_get_crl_reasons(reasons) : PKI_ALL_REASONS;
+  return reasons ? zv_cv_get_crl_reasons(reasons) : UINT32_MAX;
 }
 
-// RFC 5280 6.3.3 (d).
+// RFC 5280 6.3.3 (d). Only who limits nothing speaks for all reasons that there are.
 uint32_t interim_reasons(const crl_info *record, const ISSUING_DIST_POINT *idp) {
-  uint32_t of_point =
-      record->dist_point ? reasons_of(record->dist_point->reasons) : PKI_ALL_REASONS;
-  return of_point & (idp ? reasons_of(idp->onlysomereasons) : PKI_ALL_REASONS);
+  const ASN1_BIT_STRING *of_point = record->dist_point ? record->dist_point->reasons : nullptr;
+  const ASN1_BIT_STRING *of_crl = idp ? idp->onlysomereasons : nullptr;
+  return of_point || of_crl ? reasons_of(of_point) & reasons_of(of_crl) : PKI_ALL_REASONS;
 }
 
 enum class listing : unsigned char { failed, absent, good, revoked };
@@ -92,11 +93,27 @@ class crl_walk {
 
   // Null: go on with the walk.
   cert_sts_info *ask_record(const crl_info *record) {
+    trace({PKI_TRACE_CRL, asked_.depth, 0, 0, asked_.cert, record->url, nullptr});
     judged_crl crl;
-    if (!get_applicable(record, &crl) || !grow_mask(record, crl) || !find_signer(record, crl))
+    listed_ = listing::failed;
+    cert_sts_info *answer = judge_record(record, &crl);
+    trace_end(crl.got.crl.get());
+    return answer;
+  }
+
+  cert_sts_info *judge_record(const crl_info *record, judged_crl *crl) {
+    if (!get_applicable(record, crl) || !grow_mask(record, *crl) || !find_signer(record, *crl))
       return nullptr;
-    keep(crl);
-    return look_up(record, crl);
+    keep(*crl);
+    return look_up(record, *crl);
+  }
+
+  void trace_end(const X509_CRL *crl) const {
+    if (!is_traced())
+      return;
+    int verdict = listed_ == listing::revoked ? PKI_CERT_REVOKED : PKI_CERT_OK;
+    trace({PKI_TRACE_CRL_END, asked_.depth, listed_ == listing::failed ? trace_no_answer : verdict,
+           0, asked_.cert, nullptr, crl ? X509_CRL_get0_nextUpdate(crl) : nullptr});
   }
 
   // What a CRL turned out to be. For the last two, the network may have better than the cache.
@@ -135,7 +152,8 @@ class crl_walk {
   static bool is_base(const crl_info *record, const fetched_crl &got) {
     if (!is_delta_crl(got.crl.get()))
       return true;
-    syslog(log_warning, "CRL from '%s' is a delta-CRL, a complete one was expected", record->url);
+    syslog(log_warning, "CRL from '%s' is a delta-CRL, a complete one was expected",
+           text_or_null(record->url));
     return false;
   }
 
@@ -168,15 +186,17 @@ class crl_walk {
     return fitness::outdated;
   }
 
-  // The cached CRL is everybody's: the merged one takes its place, unless it lacks entries.
+  // The cached CRL is everybody's: the merged one takes its place, unless it lacks entries, or the
+  // issuer that was written into it is this certificate's only.
   bool merge(const crl_info *record, judged_crl *crl, const fetched_crl &delta) {
     x509_crl_ptr merged;
-    int error = cv_merge_crl_dcrl(crl->got.crl.get(), delta.crl.get(), &merged,
-                                  first_entry_issuer(record, *crl));
+    const X509_NAME *first_issuer = first_entry_issuer(record, *crl);
+    int error = cv_merge_crl_dcrl(crl->got.crl.get(), delta.crl.get(), &merged, first_issuer);
     note(error);
     if (error)
       return false;
-    if (crl->got.from_cache && !is_marked_truncated(merged.get())) {
+    crl->is_for_one = X509_NAME_cmp(first_issuer, X509_CRL_get_issuer(merged.get())) != 0;
+    if (crl->got.from_cache && !crl->is_for_one && !is_marked_truncated(merged.get())) {
       (void)zv_cv_rem_crl_from_cache(crl->got.crl.get());
       if (X509_CRL_get0_nextUpdate(merged.get()))
         (void)zv_cv_add_crl_to_cache(merged.get(), sk_X509_value(crl->got.signers.get(), 0));
@@ -214,7 +234,8 @@ class crl_walk {
 
   void keep(const judged_crl &crl) const {
     X509_CRL *got = crl.got.crl.get();
-    if (!crl.got.from_cache && !is_marked_truncated(got) && X509_CRL_get0_nextUpdate(got))
+    if (!crl.got.from_cache && !crl.is_for_one && !is_marked_truncated(got) &&
+        X509_CRL_get0_nextUpdate(got))
       (void)zv_cv_add_crl_to_cache(got, accepted_signer_);
   }
 
@@ -273,7 +294,8 @@ class crl_walk {
       log_openssl_errors(log_error);
       return nullptr;
     }
-    switch (find_listing(record, crl)) {
+    listed_ = find_listing(record, crl);
+    switch (listed_) {
       case listing::failed:
         return nullptr;
       case listing::revoked:
@@ -305,6 +327,7 @@ class crl_walk {
   uint32_t trusted_mask_ = 0;  // those of CRLs that may be believed and do not list it
   int signer_position_ = not_judged;
   X509 *accepted_signer_ = nullptr;
+  listing listed_ = listing::failed;  // what the CRL at hand says
   int fetches_ = 0;
   bool out_of_memory_ = false;
 };

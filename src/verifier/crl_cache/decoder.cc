@@ -279,11 +279,12 @@ int decode_list(crl_decoder *decoder, pkcs7_start *pkcs7) {
   return decoder->decode_tbs();
 }
 
-int decode(crl_decoder *decoder, uint32_t content_length, pkcs7_start *pkcs7) {
+int decode(crl_decoder *decoder, uint32_t content_length, pkcs7_start *pkcs7, bool announce) {
   if (int error = decoder->open(content_length))
     return error;
   if (int error = decode_list(decoder, pkcs7)) {
-    std::puts("c");  // lint: allow puts: hosts' scripts look for it
+    if (announce)
+      std::puts("c");  // lint: allow puts: hosts' scripts look for it
     return error;
   }
   if (int error = decoder->decode_signature())
@@ -296,11 +297,11 @@ int decode(crl_decoder *decoder, uint32_t content_length, pkcs7_start *pkcs7) {
 int cv_crl_decode_crl(crl_request *request, crl_stream *stream, uint32_t content_length,
                       pkcs7_start *pkcs7) {
   request->crl = nullptr;
-  request->truncated = content_length > crl_max_element_bytes;
+  request->truncated = request->look || content_length > crl_max_element_bytes;
   if (pkcs7)
     *pkcs7 = {false, 0};
   crl_decoder decoder(request, stream);
-  int error = decode(&decoder, content_length, pkcs7);
+  int error = decode(&decoder, content_length, pkcs7, !request->look);
   stream->mark = nullptr;
   return error;
 }

@@ -7,6 +7,17 @@
 
 namespace pki {
 
+// Which entries a look into a list keeps: those for the target certificate, all with its serial
+// number, or none.
+enum class look_for : unsigned char { target, serial, nothing };
+
+// A look into a list, for somebody who wants to know what is in it, and no verdict.
+struct crl_look {
+  look_for kept = look_for::nothing;
+  uint64_t entries = 0;           // in the list
+  uint64_t critical_entries = 0;  // with a critical extension that is not known
+};
+
 // One fetch.
 struct crl_request {
   X509_CRL *crl;           // the result; null after a failure
@@ -16,6 +27,9 @@ struct crl_request {
   // The entries may start at the target's issuer instead of the CRL's: a configured signer of
   // another name speaks for the issuer.
   bool entries_may_start_at_target;
+  // May be null. With it the list is truncated however short it is, no entry is refused for a
+  // critical extension, and failures are not announced on standard output.
+  crl_look *look = nullptr;
 };
 
 // What a body turned out to be that is no CertificateList: a PKCS#7 message, whose outer header
@@ -40,8 +54,10 @@ struct pkcs7_start {
 
 // The issuer that the entries of an indirect CRL name (RFC 5280 5.3.3): it holds until the next.
 // Returns 0; 2; 15; 86 for critical extensions that are not known. `*current` may be null.
-// OpenSSL's queue is left for the caller to log.
-[[nodiscard]] int cv_proc_rev_ext(const STACK_OF(X509_EXTENSION) * extensions, X509_NAME **current);
+// OpenSSL's queue is left for the caller to log. With `unknown_critical` given, that is set instead
+// of returning 86.
+[[nodiscard]] int cv_proc_rev_ext(const STACK_OF(X509_EXTENSION) * extensions, X509_NAME **current,
+                                  bool *unknown_critical = nullptr);
 
 }  // namespace pki
 

@@ -42,8 +42,12 @@ void crl_decoder::pass_common_entries(uint32_t *remaining) {
   const unsigned char *in = stream_->cur;
   uint32_t left = stream_->avail < *remaining ? stream_->avail : *remaining;
   uint32_t passed = 0;
-  while (uint32_t size = common_foreign_entry(in + passed, left - passed, wanted_))
+  uint32_t entries = 0;
+  while (uint32_t size = common_foreign_entry(in + passed, left - passed, wanted_)) {
     passed += size;
+    entries++;
+  }
+  entries_ += entries;
   stream_->cur += passed;
   stream_->avail -= passed;
   *remaining -= passed;
@@ -65,11 +69,14 @@ int crl_decoder::read_entries(uint32_t length) {
     element entry;
     if (int error = read_element(&entry, &length))
       return error;
+    entries_++;
     if (request_->truncated && common_foreign_entry(entry.data, entry.size, wanted_) == entry.size)
       continue;
     if (int error = read_unusual_entry(entry))
       return error;
   }
+  if (request_->look)
+    request_->look->entries = entries_;
   if (length != 0)
     syslog(log_warning,
            "CRL-Info parse inconsistency: %u bytes left after parsing crl-info revoked-certs",
@@ -84,19 +91,28 @@ int crl_decoder::read_unusual_entry(const element &entry) {
   if (!spare_)
     return decode_failure();
   X509_NAME *issuer = entry_issuer_.release();
-  int error = cv_proc_rev_ext(X509_REVOKED_get0_extensions(spare_.get()), &issuer);
+  bool unknown_critical = false;
+  int error = cv_proc_rev_ext(X509_REVOKED_get0_extensions(spare_.get()), &issuer,
+                              request_->look ? &unknown_critical : nullptr);
   entry_issuer_.reset(issuer);
   if (error)
     return error;
+  if (unknown_critical)
+    request_->look->critical_entries++;
   if (request_->truncated)
     return is_wanted(spare_.get()) ? keep_truncated(entry) : PKI_OK;
   return parts_.entries.append(entry.data, entry.size) ? PKI_OK : PKI_OUT_OF_MEMORY;
 }
 
 bool crl_decoder::is_wanted(const X509_REVOKED *entry) const {
+  const look_for kept = request_->look ? request_->look->kept : look_for::target;
+  if (kept == look_for::nothing)
+    return false;
   if (ASN1_INTEGER_cmp(X509_REVOKED_get0_serialNumber(entry),
                        X509_get0_serialNumber(request_->target_cert)) != 0)
     return false;
+  if (kept == look_for::serial)
+    return true;
   if (!entry_issuer_)
     return starts_at_target_;
   return X509_NAME_cmp(entry_issuer_.get(), X509_get_issuer_name(request_->target_cert)) == 0;
@@ -104,8 +120,14 @@ bool crl_decoder::is_wanted(const X509_REVOKED *entry) const {
 
 // The entry that named its issuer may have been dropped: what it inherits is written out.
 int crl_decoder::keep_truncated(const element &entry) {
-  if (++kept_ > crl_max_kept_entries || parts_.entries.size() > crl_max_kept_bytes)
+  if (++kept_ > crl_max_kept_entries)
     return PKI_ASN1_DECODE_ERROR;
+  if (int error = append_kept(entry))
+    return error;
+  return parts_.entries.size() > crl_max_kept_bytes ? PKI_ASN1_DECODE_ERROR : PKI_OK;
+}
+
+int crl_decoder::append_kept(const element &entry) {
   bool named = false;
   if (int error = names_entry_issuer(spare_.get(), &named))
     return error;

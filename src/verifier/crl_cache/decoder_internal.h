@@ -56,6 +56,7 @@ class crl_decoder {
   int read_unusual_entry(const element &entry);
   bool is_wanted(const X509_REVOKED *entry) const;
   int keep_truncated(const element &entry);
+  int append_kept(const element &entry);
 
   crl_request *request_;
   crl_stream *stream_;
@@ -73,6 +74,7 @@ class crl_decoder {
   x509_name_ptr entry_issuer_;  // null until an entry names one
   bool starts_at_target_ = false;
   int kept_ = 0;
+  uint64_t entries_ = 0;
 };
 
 }  // namespace pki

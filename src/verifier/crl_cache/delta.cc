@@ -217,7 +217,8 @@ bool is_delta_of_base(const delta_search &search, const fetched_crl &delta, cons
 int try_record(const delta_search &search, const crl_info *record, fetched_crl *delta) {
   int error = cv_get_crl(record, search.cert, search.issuer, cache_use::only_deltas, delta,
                          search.base_record);
-  if (!error && is_delta_of_base(search, *delta, record->url) && !search.out_of_memory)
+  if (!error && is_delta_of_base(search, *delta, text_or_null(record->url)) &&
+      !search.out_of_memory)
     return PKI_OK;
   *delta = fetched_crl();
   return error == PKI_OUT_OF_MEMORY || search.out_of_memory ? PKI_OUT_OF_MEMORY : PKI_NO_ENTRY;

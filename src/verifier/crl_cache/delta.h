@@ -11,6 +11,7 @@ namespace pki {
 struct judged_crl {
   fetched_crl got;
   issuing_dist_point_ptr idp;
+  bool is_for_one = false;  // merged for the certificate that is asked about, not for others
 };
 
 // The first delta CRL that fits `base`: from the places that the base's freshestCRL names, then

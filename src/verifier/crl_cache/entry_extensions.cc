@@ -50,17 +50,21 @@ int take_issuer(const X509_EXTENSION *extension, X509_NAME **current) {
 
 }  // namespace
 
-int cv_proc_rev_ext(const STACK_OF(X509_EXTENSION) * extensions, X509_NAME **current) {
+int cv_proc_rev_ext(const STACK_OF(X509_EXTENSION) * extensions, X509_NAME **current,
+                    bool *unknown_critical) {
   for (int i = 0; i < sk_X509_EXTENSION_num(extensions); i++) {
     const X509_EXTENSION *extension = sk_X509_EXTENSION_value(extensions, i);
     if (is_certificate_issuer(extension))
       if (int error = take_issuer(extension, current))
         return error;
-    if (X509_EXTENSION_get_critical(extension) && !is_known(extension)) {
+    if (!X509_EXTENSION_get_critical(extension) || is_known(extension))
+      continue;
+    if (!unknown_critical) {
       syslog(log_warning, "Found unknown critical crl-entry extension: %s",
              oid_line(X509_EXTENSION_get_object(const_cast<X509_EXTENSION *>(extension))).get());
       return PKI_UNKNOWN_CRITICAL_EXTENSION;
     }
+    *unknown_critical = true;
   }
   return PKI_OK;
 }

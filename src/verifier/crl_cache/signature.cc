@@ -9,6 +9,7 @@
 
 #include "common/log.h"
 #include "verifier/cert_verifier/internal.h"
+#include "verifier/cert_verifier/trace.h"
 #include "verifier/crl_cache/extensions.h"
 #include "verifier/crl_cache/fetch.h"
 #include "verifier/crl_cache/general_names.h"
@@ -109,15 +110,6 @@ bool fits_authority_key_id(const AUTHORITY_KEYID *id, X509 *cert) {
   return !id || (fits_key_id(id, cert) && fits_serial(id, cert) && fits_issuer(id, cert));
 }
 
-bool made_signature(const download &now, const X509 *cert) {
-  EVP_PKEY *key = X509_get0_pubkey(cert);
-  const ASN1_BIT_STRING *signature;
-  X509_CRL_get0_signature(now.request.crl, &signature, nullptr);
-  return key && signature &&
-         EVP_VerifyFinal(now.digest.get(), ASN1_STRING_get0_data(signature),
-                         static_cast<unsigned>(ASN1_STRING_length(signature)), key) == 1;
-}
-
 int keep_signers(const download &now, STACK_OF(X509) * candidates) {
   authority_keyid_ptr key_id;
   presence found = read_crl_extension(now.request.crl, NID_authority_key_identifier, &key_id);
@@ -132,7 +124,8 @@ int keep_signers(const download &now, STACK_OF(X509) * candidates) {
   ERR_set_mark();
   for (int i = 0; i < sk_X509_num(candidates);) {
     X509 *cert = sk_X509_value(candidates, i);
-    if (fits_authority_key_id(key_id.get(), cert) && made_signature(now, cert))
+    if (fits_authority_key_id(key_id.get(), cert) &&
+        made_crl_signature(now.request.crl, now.digest.get(), cert))
       i++;
     else
       X509_free(sk_X509_delete(candidates, i));
@@ -236,6 +229,15 @@ int find_cached(const crl_info *crli, const X509 *cert, cache_use use, fetched_c
 
 }  // namespace
 
+bool made_crl_signature(const X509_CRL *crl, EVP_MD_CTX *tbs_digest, const X509 *cert) {
+  EVP_PKEY *key = X509_get0_pubkey(cert);
+  const ASN1_BIT_STRING *signature;
+  X509_CRL_get0_signature(crl, &signature, nullptr);
+  return key && signature &&
+         EVP_VerifyFinal(tbs_digest, ASN1_STRING_get0_data(signature),
+                         static_cast<unsigned>(ASN1_STRING_length(signature)), key) == 1;
+}
+
 bool has_configured_signer(const crl_info *crli) {
   return !crli->dist_point && !crli->crl_issuer && crli->crl_signer;
 }
@@ -248,7 +250,11 @@ int cv_get_crl(const crl_info *crli, X509 *cert, X509 *issuer, cache_use use, fe
                const crl_info *base_record) {
   *found = fetched_crl();
   int error = find_cached(crli, cert, use, found);
-  return error == PKI_NO_ENTRY ? fetch(crli, cert, issuer, base_record, found) : error;
+  if (error == PKI_NO_ENTRY)
+    error = fetch(crli, cert, issuer, base_record, found);
+  trace_crl(base_record ? PKI_TRACE_DELTA_GOT : PKI_TRACE_CRL_GOT, cert, crli->url, error,
+            found->crl.get(), found->from_cache);
+  return error;
 }
 
 }  // namespace pki

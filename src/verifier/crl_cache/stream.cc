@@ -24,13 +24,19 @@ void feed_digest(crl_stream *stream) {
     stream->mark = stream->cur;
 }
 
+ssize_t read_some(crl_stream *stream, unsigned char *dst, uint32_t size) {
+  if (stream->read)
+    return stream->read(stream->read_context, dst, size);
+  return timed_read(stream->fd, dst, size, http_timeout_ms, nullptr);
+}
+
 // One read into the empty buffer.
 int refill(crl_stream *stream) {
   feed_digest(stream);
   stream->cur = stream->buf;
   if (stream->mark)
     stream->mark = stream->buf;
-  ssize_t got = timed_read(stream->fd, stream->buf, stream->buf_size, http_timeout_ms, nullptr);
+  ssize_t got = read_some(stream, stream->buf, stream->buf_size);
   if (got < 1)
     return PKI_HTTP_READ_RESP_ERROR;
   stream->avail = static_cast<uint32_t>(got);
@@ -40,7 +46,7 @@ int refill(crl_stream *stream) {
 // One read past the empty buffer.
 int read_directly(crl_stream *stream, unsigned char *dst, uint32_t size, uint32_t *read) {
   feed_digest(stream);
-  ssize_t got = timed_read(stream->fd, dst, size, http_timeout_ms, nullptr);
+  ssize_t got = read_some(stream, dst, size);
   if (got < 1)
     return PKI_HTTP_READ_RESP_ERROR;
   *read = static_cast<uint32_t>(got);

@@ -2,6 +2,7 @@
 #ifndef PKI_VERIFIER_CRL_CACHE_STREAM_H
 #define PKI_VERIFIER_CRL_CACHE_STREAM_H
 
+#include <libpki/crl.h>
 #include <openssl/evp.h>
 
 #include <cstdint>
@@ -16,6 +17,9 @@ struct crl_stream {
   uint32_t avail;       // unread octets from there
   unsigned char *mark;  // the first octet that the digest has not seen; null: the digest is off
   EVP_MD_CTX *md;
+  // Where octets come from instead of `fd`, if given.
+  pki_crl_read_fn *read = nullptr;
+  void *read_context = nullptr;
 };
 
 // The functions return 0; 15 for what is no DER or does not fit; 48 when the peer stops sending.

@@ -51,26 +51,17 @@ std::string damaged(std::mt19937 &random, std::string octets) {
 // What the decoders may differ about.
 enum class difference {
   none,
-  outer_tags,         // are not looked at
-  left_over,          // octets are logged, and no error
-  behind_extensions,  // but within their [0], octets are not looked at
-  digest,             // of an algorithm has to be known
-  entry_critical,     // extensions have to be known
-  entry_issuer,       // has to be readable
-  ber,                // OpenSSL reads indefinite lengths, constructed strings and primitive lists
+  outer_tags,      // are not looked at
+  left_over,       // octets are logged, and no error
+  digest,          // of an algorithm has to be known
+  entry_critical,  // extensions have to be known
+  entry_issuer,    // has to be readable
+  ber,             // OpenSSL reads indefinite lengths, constructed strings and primitive lists
   unexplained
 };
 
 bool is_left_over() {
   return logged_containing(4, "parse inconsistency");
-}
-
-// Does the SEQUENCE in the [0] end before the [0] does?
-bool has_octets_behind_extensions(const std::string &octets) {
-  for (size_t at = octets.find('\xA0'); at != std::string::npos; at = octets.find('\xA0', at + 1))
-    if (at + 3 < octets.size() && octets[at + 2] == 0x30 && octets[at + 3] + 2 < octets[at + 1])
-      return true;
-  return false;
 }
 
 bool same(const support::crl &one, const support::crl &other) {
@@ -110,10 +101,7 @@ difference compare(const std::string &octets) {
     size_t tbs = 2 + (octets[1] & 0x80 ? octets[1] & 0x7F : 0);
     if (octets[0] != 0x30 || octets[tbs] != 0x30)
       return difference::outer_tags;
-    if (is_left_over())
-      return difference::left_over;
-    return has_octets_behind_extensions(octets) ? difference::behind_extensions
-                                                : difference::unexplained;
+    return is_left_over() ? difference::left_over : difference::unexplained;
   }
   if (ours.code == 84)
     return difference::digest;

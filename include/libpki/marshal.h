@@ -1,0 +1,309 @@
+/*
+ * marshal.h: the marshal stream, a tagged binary form of a host's own structures, driven by
+ * tables that the host declares, under a digest or a signature where it wants one. The format is
+ * described, with an example octet by octet, in docs/marshal-format.md.
+ *
+ * A stream is a run of blocks. A block is a tag (one octet), the length of its data in base 128
+ * (most significant group first, 0x80 set in all octets but the last) and the data. Numbers are in
+ * the byte order of the machine.
+ *
+ * Tags are 1 to 255; 0 marks the end of the data. Any BIO of OpenSSL serves as a stream; it is
+ * used by one thread at a time. Tables are only read: they may be constant, and shared by all
+ * threads. A tag outside 1 to 255 is written by its low eight bits and never found again.
+ * Composites nest at most 256 deep, written or read (an envelope counts for 16); deeper ones give
+ * 2, with a line "marshalled data is nested too deep" at level 4.
+ *
+ * Lengths: a writer leaves out the groups of a length that are zero, inner ones too. So data of
+ * 16384 octets or more is announced rightly only if no group of seven bits between the highest
+ * that is set and the lowest is zero (16512 is, 16384 is not): keep what you marshal shorter.
+ *
+ * All functions return 0 or an error code. 2, 9 and 10 below: "2 or 9" is 2 if OpenSSL's error
+ * queue shows that memory ran out, else 9, and the queue goes to the log at level 3.
+ */
+#ifndef LIBPKI_MARSHAL_H
+#define LIBPKI_MARSHAL_H
+
+#include <libpki/types.h>
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+
+PKI_BEGIN_DECLS
+
+/*
+ * A field's encoder. `field` points at the field in the caller's object (for a field that is a
+ * pointer, at that pointer), `tag` is the tag for its first block, `arg` what the table says.
+ */
+typedef int marshal_enc_fn(BIO *bio, void *field, int tag, void *arg);
+
+/*
+ * A field's decoder, called when the first block of the field has been read: its tag, its `len`
+ * octets of data (null for none; they stay the caller's), the field to fill, and what the table
+ * says. Further blocks it reads from `bio` itself.
+ *
+ * The object to fill has to be initialised: what it holds is freed or replaced. A decoder of your
+ * own for an alternative of an inline choice is the exception: an alternative of another type may
+ * have left there what it finds, so it makes the field empty first, even if it fails then.
+ */
+typedef int marshal_dec_fn(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                           void *arg);
+
+/* Make and free an object; X509_new and X509_free are such, behind a cast. */
+typedef void *marshal_ctor_fn(void);
+typedef void marshal_dtor_fn(void *object);
+
+/*
+ * A row of a table: a field of a structure, an alternative of a choice, the element of a stack.
+ * The table ends with a row whose `enc` and `dec` are null; a row with one of them null ends it
+ * for writing or for reading only. The first row that fits counts, so no tag may be there twice,
+ * and no selector.
+ */
+typedef struct marshal_field {
+#if defined(__GNUC__)
+  __extension__
+#endif
+      union {
+    int offset;   /* structure: of the field in the object, in octets; see offsetof */
+    int selector; /* choice: what the selector says when this alternative is present */
+  };
+  int tag;             /* of the field's first block */
+  marshal_enc_fn *enc; /* writes the field */
+  const void *enc_arg; /* its `arg`: the description of a composite */
+  marshal_dec_fn *dec; /* reads the field */
+  const void *dec_arg; /* its `arg`: the description of a composite, MARSHAL_D2I(...), or null */
+} marshal_field;
+
+/* The `dec_arg` of dec_asn1_struct: OpenSSL's decoder for the type, as MARSHAL_D2I(d2i_X509). */
+#ifdef __cplusplus
+#define MARSHAL_D2I(d2i) (reinterpret_cast<const void *>(d2i))
+#else
+#define MARSHAL_D2I(d2i) ((const void *)(uintptr_t)(d2i))
+#endif
+
+/* A structure. Inline: embedded in its parent; else the field is a pointer to an object. */
+typedef struct marshal_struct_desc {
+  int own;     /* yours: never read */
+  int end_tag; /* of the empty block that closes it */
+  marshal_ctor_fn *ctor;
+  marshal_dtor_fn *dtor;
+  unsigned char is_inline; /* not 0: `ctor` and `dtor` are not used */
+  const marshal_field *fields;
+} marshal_struct_desc;
+
+/* A tagged union. */
+typedef struct marshal_choice_desc {
+  int own;     /* yours: never read */
+  int end_tag; /* of the empty block that closes it */
+  marshal_ctor_fn *ctor;
+  marshal_dtor_fn *dtor;
+  int selector_offset; /* in the object, of the int that says which alternative is present */
+  int value_offset;    /* in the object, of the value, the same for all alternatives */
+  unsigned char is_inline;
+  const marshal_field *alternatives;
+} marshal_choice_desc;
+
+/* A list of elements of one type; an element is a pointer, so it is no inline composite. */
+typedef struct marshal_stack_desc {
+  int own;     /* yours: never read */
+  int end_tag; /* of the empty block that closes it */
+  marshal_dtor_fn *elem_free;
+  /* Its `enc` is given the address of an element pointer, its `dec` that of a null pointer. */
+  marshal_field element;
+} marshal_stack_desc;
+
+/* What marshall and unmarshall write and read: a row without a place. */
+typedef struct marshal_item {
+  int tag;
+  marshal_enc_fn *enc; /* enc_struct, create_digest, create_sig, ... */
+  const void *enc_arg;
+  marshal_dec_fn *dec; /* dec_struct, verify_digest, verify_sig, ... */
+  const void *dec_arg;
+} marshal_item;
+
+/* A structure under a digest or a signature. */
+typedef struct marshal_envelope_desc {
+  int start_tag;  /* of the empty block that opens the envelope */
+  int check_tag;  /* of the block with the digest or the signature */
+  int struct_tag; /* of the structure's first block */
+  /* Not inline; its `dtor` takes a null pointer too. */
+  const marshal_struct_desc *struct_desc;
+  const EVP_MD *md;     /* verify_digest wants one of 20 octets, such as EVP_sha1() */
+  EVP_PKEY *sign_key;   /* create_sig */
+  EVP_PKEY *verify_key; /* verify_sig */
+} marshal_envelope_desc;
+
+/*
+ * An item.
+ *
+ * marshall writes `magic_len` octets of `magic`, as they are (none if `magic` is null), `object`
+ * as `item` says (its encoder gets the address of the pointer: a structure is not inline), and the
+ * end of the data (two octets 0).
+ *
+ * unmarshall reads them back into `*target`, up to the end of the data, which stays unread.
+ * `target` is the address of your pointer: null, or an object that is freed when the item's first
+ * block has been read (a failure before leaves it). The tag of that block is not compared. Another
+ * magic than `expected_magic` (null: none is read) gives a line at level 2 and 7.
+ *
+ * Return 0; 7 another magic; 63 a null argument, or a negative length; else what the item's encoder
+ * or decoder, write_fully, read_fully and read_block return.
+ */
+PKI_API int marshall(BIO *bio, void *object, const marshal_item *item, const void *magic,
+                     int magic_len);
+PKI_API int unmarshall(BIO *bio, void *target, const marshal_item *item, const void *expected_magic,
+                       int magic_len);
+
+/*
+ * Composites; `arg` is the description (marshal_struct_desc, ...). All three are written as an
+ * empty block with the given tag, their content, and an empty block with `end_tag`; a null
+ * object as nothing, a null stack as an empty one. Null elements are left out.
+ *
+ * Reading takes fields in any order, and again: the last one counts. What is missing stays as
+ * `ctor` (or the parent) left it. Unknown tags are skipped a block at a time, with a line at level
+ * 4 each; an unknown alternative to the end of the choice, with one line. A choice without an
+ * alternative leaves the object as it is. The end of the data (tag 0) ends the structure or stack
+ * that it is met in, with a line at level 4, and is no failure there. A failure other than 63
+ * frees what was read and leaves the target null; inline objects stay as far as they got.
+ *
+ * When an alternative of another type follows in an inline choice (a field that stands twice), the
+ * value that was there is freed as what it is, if it is of a type of this header other than
+ * dec_asn1_struct's; else forgotten.
+ *
+ * Return 0; 2 out of memory, or nested too deep; 63 a null argument; else what the encoders or
+ * decoders of the fields, write_block and read_block return.
+ */
+PKI_API int enc_struct(BIO *bio, void *field, int tag, void *arg);
+PKI_API int enc_choice(BIO *bio, void *field, int tag, void *arg);
+PKI_API int enc_stack(BIO *bio, void *field, int tag, void *arg);
+PKI_API int dec_struct(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                       void *arg);
+PKI_API int dec_choice(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                       void *arg);
+PKI_API int dec_stack(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                      void *arg);
+
+/*
+ * A structure under a digest or a signature; `arg` is a marshal_envelope_desc. Written as an empty
+ * block with `start_tag`, the structure, and a block with `check_tag` that holds the digest or
+ * signature of all octets of the structure. The tag arguments are not used, and neither the tag of
+ * the envelope nor that of the check is compared.
+ *
+ * When reading fails, at any point, the structure is freed and the target null (63 leaves it).
+ * An envelope around a null pointer is written, but cannot be read back.
+ *
+ * Return 0; 2; 3 the digest in the stream, or that of `md`, is not of 20 octets; 4 another digest;
+ * 11, 19 no digest filter, no digest; 29 the signature does not fit, or there is no key; 43 the
+ * filter has no digest; 44 cannot sign, or there is no key; 63 a null argument, or an inline
+ * structure; else as enc_struct, dec_struct, write_block and read_block.
+ */
+PKI_API int create_digest(BIO *bio, void *field, int tag, void *arg);
+PKI_API int verify_digest(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                          void *arg);
+PKI_API int create_sig(BIO *bio, void *field, int tag, void *arg);
+PKI_API int verify_sig(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                       void *arg);
+
+/*
+ * Fields of a fixed size; the types that they point at are in the names. The data is 4 octets for
+ * an int and for a time_t, and 44 for a struct tm: nine numbers in their order of the C standard
+ * (tm_sec to tm_isdst) and tm_gmtoff, of 4 octets each, then 4 octets 0. Reading uses the first
+ * octets of longer data, and leaves tm_zone null. Where time_t may be of 32 or 64 bits, build the
+ * host as the library is built.
+ * Return 0; 42 the data is shorter, nothing is stored; 63 a null argument, or a time or an offset
+ * that 32 bits cannot hold, nothing is written; else as write_block.
+ */
+PKI_API int enc_int(BIO *bio, void *field, int tag, void *arg);
+PKI_API int enc_time(BIO *bio, void *field, int tag, void *arg);
+PKI_API int enc_struct_tm(BIO *bio, void *field, int tag, void *arg);
+PKI_API int dec_int(BIO *bio, int tag, const unsigned char *data, int len, void *target, void *arg);
+PKI_API int dec_time(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                     void *arg);
+PKI_API int dec_struct_tm(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                          void *arg);
+
+/*
+ * A text (char *, malloc), without its NUL; null is not written. Reading replaces a text that is
+ * there, with a line at level 4. Octets 0 are not looked for.
+ * Return 0; 2; 63 a null argument; else as write_block.
+ */
+PKI_API int enc_str(BIO *bio, void *field, int tag, void *arg);
+PKI_API int dec_str(BIO *bio, int tag, const unsigned char *data, int len, void *target, void *arg);
+
+/*
+ * Keys (EVP_PKEY *) and what OpenSSL has a decoder for. They are never written: a stream of this
+ * library carries no key. The encoders of keys still see whether the key can be converted. Reading
+ * serves streams of other writers: a DER SubjectPublicKeyInfo (RFC 5280 4.1), an unencrypted
+ * PKCS#8 PrivateKeyInfo (RFC 5208 5), and what `arg` decodes (see MARSHAL_D2I), which may use the
+ * object that is there, so do not share it. A key that is there is replaced, unless reading fails.
+ * The target of dec_asn1_struct is after a failure what `arg` left, with OpenSSL's decoders null.
+ * Return 0; 2 or: 5 no PKCS#8, 6 no key that OpenSSL knows, 8 no SubjectPublicKeyInfo, 15 not
+ * what `arg` decodes; 63 a null argument.
+ */
+PKI_API int enc_pub_key(BIO *bio, void *field, int tag, void *arg);
+PKI_API int enc_prv_key(BIO *bio, void *field, int tag, void *arg);
+PKI_API int enc_asn1_struct(BIO *bio, void *field, int tag, void *arg);
+PKI_API int dec_pub_key(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                        void *arg);
+PKI_API int dec_prv_key(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                        void *arg);
+PKI_API int dec_asn1_struct(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                            void *arg);
+
+/*
+ * Drops a composite that the host has no use for: reads blocks up to one whose tag is that of the
+ * int that `arg` points to, unless `tag` is it already. Nesting does not count, nor the end of the
+ * data. Returns 0; 63 `arg` is null; else as read_block.
+ */
+PKI_API int skip_struct(BIO *bio, int tag, const unsigned char *data, int len, void *target,
+                        void *arg);
+
+/*
+ * For encoders and decoders of your own.
+ *
+ * write_fully and write_block write all of the `len` octets; of `tag` the low eight bits. Return 0;
+ * 2 or 9 the BIO did not take them; 63 a null argument, a negative length, or, for a block, one of
+ * 2147483647.
+ *
+ * read_fully reads exactly `len` octets. Returns 0; 42 the input ended before; 2 or 10 another
+ * failure of the BIO; 63 a null argument, or a negative length.
+ *
+ * read_block reads a block. `*data` (malloc; the caller frees it; null for length 0) receives
+ * exactly `*len` octets, `*tag` 0 to 255. Returns 0; 42 the input ended (within the tag or the
+ * length: with a line at level 4); 2 out of memory, or a length above 2147483646; 10 as
+ * read_fully; 63 a null argument. After a failure `*data` is null and `*len` 0.
+ */
+PKI_API int write_fully(BIO *bio, const void *buf, int len);
+PKI_API int read_fully(BIO *bio, void *buf, int len);
+PKI_API int write_block(BIO *bio, int tag, const void *data, int len);
+PKI_API int read_block(BIO *bio, int *tag, int *len, unsigned char **data);
+
+/*
+ * Puts a digest filter of `md` in front of `*chain`, which receives the new head; takes the head
+ * off and frees it. The digest itself comes from the filter (BIO_get_md_ctx): finish a copy, for
+ * the filter passes nothing on once its own context is finished.
+ * push_md_bio returns 0; 2 or 11 no filter; 2 or 19 no such digest; 63 `chain` is null.
+ */
+PKI_API int push_md_bio(BIO **chain, const EVP_MD *md);
+PKI_API void pop_md_bio(BIO **chain);
+
+/*
+ * A stream in memory with room for `initial_size` octets (0 or less: 5000), which grows. The
+ * caller frees `*out` (BIO_free), and with it the memory. BIO_get_mem_data tells what was written.
+ * Returns 0; 2 out of memory, or above what OpenSSL allows; 2 or 11, 12 no such BIO; 63.
+ */
+PKI_API int new_write_buffer(BIO **out, int initial_size);
+
+/*
+ * Prints a stream on standard output: the magic of `magic_len` octets (0 to 100), then a line a
+ * block, `<NAME val="HEX">`, indented. The name is `tag_names[tag]` for a tag below
+ * `tag_name_count` (an entry may be null), else the number. Names that contain "START" or "start"
+ * indent what follows by two blanks, up to 512, those with "END" or "end" end that.
+ * Returns 0 at the end of the data (tag 0); 2 without reading for a `magic_len` above 100; 63
+ * `bio` is null; else as read_fully and read_block.
+ */
+PKI_API int dump_raw_bio(BIO *bio, int magic_len, const char **tag_names, int tag_name_count);
+
+/* Prints `n` blanks on standard output. */
+PKI_API void indent(int n);
+
+PKI_END_DECLS
+
+#endif

@@ -1,0 +1,111 @@
+// What the parts of the marshal stream share.
+#ifndef PKI_COMMON_MARSHAL_H
+#define PKI_COMMON_MARSHAL_H
+
+#include <libpki/marshal.h>
+
+#include <cstdlib>
+
+namespace pki {
+
+// A block off a stream. Its data may be a secret of the host's, so it is not left behind.
+class marshal_block {
+ public:
+  marshal_block() = default;
+  marshal_block(const marshal_block &) = delete;
+  marshal_block &operator=(const marshal_block &) = delete;
+  ~marshal_block() { release(); }
+
+  // Returns what read_block does; what was held before is freed.
+  [[nodiscard]] int read(BIO *bio) {
+    release();
+    return read_block(bio, &tag_, &len_, &data_);
+  }
+
+  // Hands the block to a decoder.
+  [[nodiscard]] int decode(BIO *bio, marshal_dec_fn *dec, void *target, const void *arg) const {
+    return dec(bio, tag_, data_, len_, target, const_cast<void *>(arg));
+  }
+
+  [[nodiscard]] int tag() const { return tag_; }
+  [[nodiscard]] int len() const { return len_; }
+  [[nodiscard]] const unsigned char *data() const { return data_; }
+
+ private:
+  void release() {
+    if (!data_)
+      return;
+    OPENSSL_cleanse(data_, static_cast<size_t>(len_));
+    std::free(data_);
+    data_ = nullptr;
+  }
+
+  int tag_ = 0;
+  int len_ = 0;
+  unsigned char *data_ = nullptr;
+};
+
+// One level of a composite. Composites nest by recursion, and a stream says how deep.
+class marshal_level {
+ public:
+  explicit marshal_level(int weight = 1);
+  marshal_level(const marshal_level &) = delete;
+  marshal_level &operator=(const marshal_level &) = delete;
+  ~marshal_level();
+
+  // PKI_OUT_OF_MEMORY, and logged, when this level is too deep.
+  [[nodiscard]] int check() const;
+
+ private:
+  int weight_;
+};
+
+// A place inside of an object.
+[[nodiscard]] inline void *marshal_place(void *object, int offset) {
+  return static_cast<char *>(object) + offset;
+}
+
+// An object that its parent points at, or embeds.
+template <class Desc>
+[[nodiscard]] void *marshal_object(void *field, const Desc *desc) {
+  return desc->is_inline ? field : *static_cast<void **>(field);
+}
+
+template <class Desc>
+[[nodiscard]] bool marshal_can_make(const Desc *desc) {
+  return desc->is_inline || (desc->ctor && desc->dtor);
+}
+
+// A fresh object in place of what the target points at; the target itself for an inline one.
+// Null, and a null target, when there is none.
+template <class Desc>
+[[nodiscard]] void *marshal_fresh_object(void *target, const Desc *desc) {
+  if (desc->is_inline)
+    return target;
+  auto *pointer = static_cast<void **>(target);
+  if (*pointer)
+    desc->dtor(*pointer);
+  return *pointer = desc->ctor();
+}
+
+// After a failure; an inline object stays as far as it got.
+template <class Desc>
+void marshal_drop_object(void *target, const Desc *desc) {
+  if (desc->is_inline)
+    return;
+  auto *pointer = static_cast<void **>(target);
+  desc->dtor(*pointer);
+  *pointer = nullptr;
+}
+
+// dec_struct, whatever function of that name a host may have.
+[[nodiscard]] int marshal_read_struct(BIO *bio, void *target, const marshal_struct_desc *desc);
+
+// Empties a field that `dec` fills, with whatever the field holds freed as what it is, or with
+// what it holds left alone because it is not of that type.
+void marshal_release_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
+void marshal_forget_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
+
+}  // namespace pki
+
+#endif

@@ -1,0 +1,119 @@
+// Structures of the marshal stream, how deep they nest, and how a block is skipped.
+#include <libpki/error.h>
+
+#include "common/limits.h"
+#include "common/log.h"
+#include "common/marshal.h"
+
+namespace pki {
+
+namespace {
+
+__attribute__((tls_model("initial-exec"))) thread_local int depth_of_this_thread = 0;
+
+const marshal_field *row_to_read(const marshal_field *row, int tag) {
+  for (; row->dec; row++)
+    if (row->tag == tag)
+      return row;
+  return nullptr;
+}
+
+int read_field(BIO *bio, const marshal_block &block, void *object, const marshal_field *fields) {
+  const marshal_field *row = row_to_read(fields, block.tag());
+  if (!row) {
+    syslog(log_warning, "read unexpected tag: %d", block.tag());
+    return PKI_OK;
+  }
+  return block.decode(bio, row->dec, marshal_place(object, row->offset), row->dec_arg);
+}
+
+int read_fields(BIO *bio, void *object, const marshal_struct_desc *desc) {
+  for (;;) {
+    marshal_block block;
+    if (int error = block.read(bio))
+      return error;
+    if (block.tag() == desc->end_tag)
+      return PKI_OK;
+    if (block.tag() == 0) {
+      syslog(log_warning, "unexpected EOD - no end-tag found");
+      return PKI_OK;
+    }
+    if (int error = read_field(bio, block, object, desc->fields))
+      return error;
+  }
+}
+
+}  // namespace
+
+marshal_level::marshal_level(int weight) : weight_(weight) {
+  depth_of_this_thread += weight_;
+}
+
+marshal_level::~marshal_level() {
+  depth_of_this_thread -= weight_;
+}
+
+int marshal_level::check() const {
+  if (depth_of_this_thread <= marshal_max_depth)
+    return PKI_OK;
+  syslog(log_warning, "marshalled data is nested too deep");
+  return PKI_OUT_OF_MEMORY;
+}
+
+int marshal_read_struct(BIO *bio, void *target, const marshal_struct_desc *desc) {
+  if (!target || !desc || !desc->fields || !marshal_can_make(desc))
+    return PKI_INVALID_ARGS;
+  void *object = marshal_fresh_object(target, desc);
+  if (!object)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  marshal_level level;
+  int error = level.check();
+  if (!error)
+    error = read_fields(bio, object, desc);
+  if (error)
+    marshal_drop_object(target, desc);
+  return error;
+}
+
+}  // namespace pki
+
+using namespace pki;
+
+int enc_struct(BIO *bio, void *field, int tag, void *arg) {
+  const auto *desc = static_cast<const marshal_struct_desc *>(arg);
+  if (!field || !desc || !desc->fields)
+    return PKI_INVALID_ARGS;
+  void *object = marshal_object(field, desc);
+  if (!object)
+    return PKI_OK;
+  marshal_level level;
+  if (int error = level.check())
+    return error;
+  if (int error = write_block(bio, tag, nullptr, 0))
+    return error;
+  for (const marshal_field *row = desc->fields; row->enc; row++) {
+    void *place = marshal_place(object, row->offset);
+    if (int error = row->enc(bio, place, row->tag, const_cast<void *>(row->enc_arg)))
+      return error;
+  }
+  return write_block(bio, desc->end_tag, nullptr, 0);
+}
+
+int dec_struct(BIO *bio, int /*tag*/, const unsigned char * /*data*/, int /*len*/, void *target,
+               void *arg) {
+  return marshal_read_struct(bio, target, static_cast<const marshal_struct_desc *>(arg));
+}
+
+int skip_struct(BIO *bio, int tag, const unsigned char * /*data*/, int /*len*/, void * /*target*/,
+                void *arg) {
+  if (!arg)
+    return PKI_INVALID_ARGS;
+  int end_tag = *static_cast<const int *>(arg);
+  while (tag != end_tag) {
+    marshal_block block;
+    if (int error = block.read(bio))
+      return error;
+    tag = block.tag();
+  }
+  return PKI_OK;
+}

@@ -1,0 +1,47 @@
+#include "tools/pkictl/exported.h"
+
+#include <CLI/CLI.hpp>
+
+#include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/common/text.h"
+#include "tools/pkictl/state.h"
+
+namespace pkictl {
+
+namespace {
+
+constexpr mode_t private_mode = 0600;
+
+void write_out(const export_options &given, const std::string &pem) {
+  if (given.force)
+    return tools::write_file(given.out, pem, private_mode);
+  if (tools::file_exists(given.out))
+    throw tools::failure(given.out + " is there already; take another name, or --force it");
+  tools::write_new_file(given.out, pem, private_mode);
+}
+
+}  // namespace
+
+void add_export_options(CLI::App *command, export_options *given) {
+  CLI::Option *out =
+      command->add_option("-o,--out", given->out, "File that receives it, instead of the output");
+  out->type_name("FILE");
+  command->add_flag("--force", given->force, "Replace a file that is there")->needs(out);
+  add_state_option(command, &given->state);
+  command->footer(std::string("The file has mode 0600.\n\n") + state_footer + common_footer);
+}
+
+void write_export(const context &where, const export_options &given, const std::string &pem,
+                  json about) {
+  if (!given.out.empty())
+    write_out(given, pem);
+  if (where.json) {
+    about[given.out.empty() ? "pem" : "file"] = given.out.empty() ? pem : given.out;
+    where.out->write_json(about);
+  } else {
+    where.out->write_text(given.out.empty() ? pem : "saved " + tools::printable(given.out) + "\n");
+  }
+}
+
+}  // namespace pkictl

@@ -1,0 +1,17 @@
+// How much memory this process has used.
+#ifndef TOOLS_PKICTL_MEMORY_H
+#define TOOLS_PKICTL_MEMORY_H
+
+#include "tools/pkictl/output.h"
+
+namespace pkictl {
+
+// The most that was resident at a time, in KiB; null where the system does not tell.
+json peak_memory_json();
+
+// The line about it; none for null.
+std::string memory_text(int depth, const json &peak_kib);
+
+}  // namespace pkictl
+
+#endif
