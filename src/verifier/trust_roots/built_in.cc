@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include "common/log.h"
+#include "common/ossl_ptr.h"
 #include "verifier/trust_roots/images.h"
 #include "verifier/trust_roots/internal.h"
 
@@ -51,9 +52,10 @@ const override_rule eng_override_rule = {nullptr, override_always_ok, nullptr, n
 
 X509 *decode_built_in(const built_in_cert &image) {
   const unsigned char *in = image.der;
-  X509 *cert = d2i_X509(nullptr, &in, image.size);
-  if (cert)
-    return cert;
+  x509_ptr cert(d2i_X509(nullptr, &in, image.size));
+  // OpenSSL takes a certificate all the same when memory ran out over its key.
+  if (cert && X509_get0_pubkey(cert.get()))
+    return cert.release();
   syslog(log_error, "failed to decode %s", image.label);
   log_openssl_errors(log_error);
   return nullptr;

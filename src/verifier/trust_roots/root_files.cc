@@ -79,6 +79,10 @@ x509_ptr read_cert(const char *path) {
   if (!bio)
     return nullptr;
   x509_ptr cert(PEM_read_bio_X509(bio.get(), nullptr, no_password, nullptr));
+  // Without its key it is of no use, and would stay: OpenSSL takes it all the same when memory ran
+  // out over that.
+  if (cert && !X509_get0_pubkey(cert.get()))
+    cert.reset();
   if (!cert) {
     const char *reason = ERR_reason_error_string(ERR_peek_last_error());
     syslog(log_error, "failed to convert cert %s: %s", path, reason ? reason : "unknown reason");

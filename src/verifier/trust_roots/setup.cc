@@ -20,6 +20,7 @@ constexpr const char *roots_folder = "/etc/pki/roots/";
 
 pthread_mutex_t setup_mutex = PTHREAD_MUTEX_INITIALIZER;
 bool root_inited = false;
+bool root_ca_installed = false;
 bool eng_inited = false;
 
 // A CA of the store, or a new one with that label.
@@ -60,7 +61,20 @@ struct built_in_ca {
   int rule_count;
 };
 
-int install_ca(const built_in_ca &ca) {
+int status_rule_count(const ca_info *info) {
+  mutex_lock lock(&list_mutex);
+  return OPENSSL_sk_num(info->cert_status_methods);
+}
+
+// Takes back what was added, so that the next try does not add it again.
+void keep_status_rules(ca_info *info, int count) {
+  mutex_lock lock(&list_mutex);
+  while (OPENSSL_sk_num(info->cert_status_methods) > count)
+    free_cert_status_info(
+        static_cast<cert_status_info *>(OPENSSL_sk_pop(info->cert_status_methods)));
+}
+
+int add_ca(const built_in_ca &ca) {
   labelled_ca found;
   if (int error = found.find_or_make(ca.label))
     return error;
@@ -70,9 +84,23 @@ int install_ca(const built_in_ca &ca) {
   X509 *certs[root_cert_count];
   for (int index = 0; index < root_cert_count; index++)
     certs[index] = owned[index].get();
-  if (int error = add_cert_sts_info(found.info.get(), ca.rules, ca.rule_count, certs))
-    return error;
-  return found.is_new ? pki_add_ca_info(found.info.get()) : PKI_OK;
+  const int had = status_rule_count(found.info.get());
+  int error = add_cert_sts_info(found.info.get(), ca.rules, ca.rule_count, certs);
+  if (!error && found.is_new)
+    error = pki_add_ca_info(found.info.get());
+  if (error)
+    keep_status_rules(found.info.get(), had);
+  return error;
+}
+
+bool install_ca(const built_in_ca &ca) {
+  int error = add_ca(ca);
+  if (!error)
+    return true;
+  syslog(log_error, "failed to set up ca '%s': %s", ca.label,
+         pki_strerror(static_cast<unsigned>(error)));
+  log_openssl_errors(log_error);
+  return false;
 }
 
 int add_chain_cert() {
@@ -88,7 +116,8 @@ bool install_roots() {
     return true;
   constexpr built_in_ca ca = {PKI_ROOT_CA_LABEL, root_certs, root_cert_count, root_override_rules,
                               root_override_count};
-  if (install_ca(ca) != PKI_OK || add_chain_cert() != PKI_OK)
+  root_ca_installed = root_ca_installed || install_ca(ca);
+  if (!root_ca_installed || add_chain_cert() != PKI_OK)
     return false;
   syslog(log_info, "inited ca label '%s'", ca.label);
   root_inited = true;
@@ -100,7 +129,7 @@ bool install_engineering_root() {
     return true;
   constexpr built_in_ca ca = {PKI_ENGINEERING_CA_LABEL, &engineering_cert, 1, &eng_override_rule,
                               1};
-  if (install_ca(ca) != PKI_OK)
+  if (!install_ca(ca))
     return false;
   syslog(log_info, "inited ca label '%s'", ca.label);
   eng_inited = true;

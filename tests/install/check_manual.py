@@ -1,0 +1,88 @@
+#!/usr/bin/env python3
+"""Checks the manual: a page for each exported function and each subcommand, and no formatter
+complains about any.
+
+    check_manual.py SOURCE_DIR MAN_DIR TOOL...
+"""
+
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+source, manual = Path(sys.argv[1]), Path(sys.argv[2])
+sys.path.insert(0, str(source / "scripts"))
+sys.dont_write_bytecode = True
+import roff  # noqa: E402
+import tool_help  # noqa: E402
+
+complaints = []
+
+
+def check_page(path, name):
+    """The page is there, has its sections, and is found under the name."""
+    if not path.is_file():
+        complaints.append(f"{path}: no page for {name}")
+        return ""
+    text = path.read_text(encoding="utf-8")
+    for section in ("NAME", "SYNOPSIS", "DESCRIPTION"):
+        if not text.partition(f".SH {section}\n")[2].partition(".SH ")[0].strip():
+            complaints.append(f"{path}: {section} is not there, or empty")
+    names = text.partition(".SH NAME\n")[2].partition(r"\- ")[0]
+    if name not in re.split(r"[,\s]+", names.replace(r"\-", "-").replace("\\", "")):
+        complaints.append(f"{path}: NAME does not have {name}")
+    return text
+
+
+def check_functions():
+    exports = (source / "packaging/libpki.map").read_text(encoding="utf-8")
+    names = re.findall(r"^    (\w+);$", exports, re.MULTILINE)
+    for name in names:
+        text = check_page(manual / "man3" / f"{name}.3", name)
+        synopsis = text.partition(".SH SYNOPSIS\n")[2].partition(".SH ")[0]
+        if text and not re.search(rf"\b{name}\b", synopsis):
+            complaints.append(f"{name}.3: SYNOPSIS does not declare it")
+    for path in sorted((source / "include/libpki").glob("*.h")):
+        if path.stem != "libpki":
+            check_page(manual / "man3" / f"libpki_{path.stem}.3", f"libpki_{path.stem}")
+    check_page(manual / "man3/libpki.3", "libpki")
+    return len(names)
+
+
+def check_tool(program):
+    commands = list(tool_help.read_tool(program, [Path(program).name]).all())
+    for command in commands:
+        name = command.page_name()
+        text = check_page(manual / "man1" / f"{name}.1", name)
+        for option in command.options():
+            for flag in option.flags():
+                if text and roff.bold(flag) not in text:
+                    complaints.append(f"{name}.1: nothing about {flag}")
+    return len(commands)
+
+
+def run_checker(command):
+    result = subprocess.run(command, text=True, capture_output=True, check=False)
+    return (result.stdout if command[0] == "mandoc" else "") + result.stderr
+
+
+def check_formatting():
+    pages = [str(path) for path in sorted(manual.rglob("*.[13]")) if not path.is_symlink()]
+    if shutil.which("mandoc"):
+        complaints.extend(run_checker(["mandoc", "-Tlint", "-W", "warning", *pages]).splitlines())
+    if shutil.which("man"):
+        complaints.extend(run_checker(
+            ["env", "LC_ALL=C.UTF-8", "MANWIDTH=80", "man", "--warnings", "-E", "UTF-8", "-l",
+             "-Tutf8", "-Z", *pages]).splitlines())
+
+
+functions = check_functions()
+subcommands = sum(check_tool(program) for program in sys.argv[3:])
+if not functions or not subcommands:
+    complaints.append("nothing to check")
+check_formatting()
+for complaint in complaints:
+    print(complaint)
+print(f"{functions} functions and objects, {subcommands} commands")
+sys.exit(1 if complaints else 0)

@@ -1,0 +1,51 @@
+#!/bin/bash
+# tree_test.sh BUILD_DIR: what `cmake --install` puts down, below another prefix than the configured
+# one.
+set -euo pipefail
+build=${1:?usage: tree_test.sh BUILD_DIR}
+work=$(mktemp -d)
+trap 'rm -rf --one-file-system "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build" --prefix "$prefix" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+
+failed=0
+# expect PATTERN...: each is there, and no dangling link.
+expect() {
+  local found
+  for pattern; do
+    found=$(compgen -G "$prefix/$pattern" | head -n 1 || true)
+    if [[ -z $found || ! -e $found ]]; then
+      echo "not installed: $pattern" >&2
+      failed=1
+    fi
+  done
+}
+lib=$(cd "$prefix" && dirname "$(find . -name libpki.so)")
+lib=${lib#./}
+expect "$lib/libpki.so" "$lib/libpki.so.0" "$lib/libpki.so.0.*" \
+  "$lib/libboard.so" "$lib/libboard.so.0" "$lib/libboard.so.0.*" \
+  "$lib/pkgconfig/libpki.pc" "$lib/cmake/libpki/libpki-config.cmake" \
+  "$lib/cmake/libpki/libpki-config-version.cmake" "$lib/cmake/libpki/libpki-targets.cmake" \
+  include/libpki/libpki.h include/libpki/error_list.inc include/board/board.h \
+  bin/pkictl bin/pkilab share/man/man3/libpki.3 share/man/man1/pkictl-verify.1 \
+  share/bash-completion/completions/pkictl share/bash-completion/completions/pkilab \
+  share/doc/libpki/README.md share/doc/libpki/docs/security.md \
+  share/doc/libpki/examples/tls_client.c
+
+# Nothing installed looks for libraries where it was built, and the tools start.
+if readelf -d "$prefix/bin/pkictl" "$prefix/$lib/libpki.so.0" | grep -E 'RPATH|RUNPATH' >&2; then
+  failed=1
+fi
+LD_LIBRARY_PATH=$prefix/$lib "$prefix/bin/pkictl" --version >/dev/null
+
+# The folders that builds are told exist.
+export PKG_CONFIG_PATH=$prefix/$lib/pkgconfig
+for variable in libdir includedir; do
+  folder=$(pkg-config --variable="$variable" libpki)
+  if [[ $folder != "$prefix"/* || ! -d $folder ]]; then
+    echo "libpki.pc: $variable is $folder" >&2
+    failed=1
+  fi
+done
+exit $failed

@@ -1,0 +1,221 @@
+// The device's own folder of roots, /etc/pki/roots: here, the calls that open it lead elsewhere.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <map>
+
+#include "roots_process.h"
+
+namespace {
+
+constexpr char device_folder[] = "/etc/pki/roots";
+
+struct redirection {
+  std::string folder;
+  std::map<std::string, int> refused;
+};
+redirection &current() {
+  static redirection instance;
+  return instance;
+}
+
+// "" for a path that is not below the device's folder.
+std::string redirected(const char *path) {
+  size_t length = sizeof device_folder - 1;
+  if (current().folder.empty() || strncmp(path, device_folder, length) != 0 ||
+      (path[length] != '/' && path[length] != '\0'))
+    return "";
+  return current().folder + (path + length);
+}
+
+int refused(const char *path) {
+  auto found = current().refused.find(path);
+  return found == current().refused.end() ? 0 : found->second;
+}
+
+}  // namespace
+
+extern "C" {
+
+DIR *opendir(const char *path) {
+  fake_allocator::pause no_failures;
+  static auto *real = reinterpret_cast<decltype(&::opendir)>(dlsym(RTLD_NEXT, "opendir"));
+  std::string elsewhere = redirected(path);
+  return real(elsewhere.empty() ? path : elsewhere.c_str());
+}
+
+int open(const char *path, int flags, ...) {
+  fake_allocator::pause no_failures;
+  static auto *real = reinterpret_cast<decltype(&::open)>(dlsym(RTLD_NEXT, "open"));
+  va_list arguments;
+  va_start(arguments, flags);
+  mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  if (int error = refused(path)) {
+    errno = error;
+    return -1;
+  }
+  std::string elsewhere = redirected(path);
+  return real(elsewhere.empty() ? path : elsewhere.c_str(), flags, mode);
+}
+}
+
+namespace roots_support {
+
+void redirect_device_folder(const std::string &folder) {
+  current().folder = folder;
+}
+void refuse_to_open(const std::string &path, int error) {
+  current().refused[path] = error;
+}
+
+}  // namespace roots_support
+
+using namespace roots_support;
+
+namespace {
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, ItsCertificatesBecomeTheOtherCa) {
+  support::cert first = device_root("first", 1), second = device_root("second", 2);
+  device.write("first.pem", first);
+  device.write("second", second);
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ("6: inited ca label 'root'\n", log_dump());
+  EXPECT_EQ((texts{"root", "other"}), ca_labels());
+  EXPECT_EQ(2U, root_subjects("other").size());
+  EXPECT_EQ(texts{}, describe(find_ca("other")->cert_status_methods));
+  EXPECT_EQ(7, count_in(store));
+  EXPECT_TRUE(holds(store, first.get()));
+  EXPECT_TRUE(holds(store, second.get()));
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, NoFolderIsNoFailure) {
+  redirect_device_folder(device.path() + "missing/");
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ("6: inited ca label 'root'\n", log_dump());
+  EXPECT_EQ(texts{"root"}, ca_labels());
+  EXPECT_EQ(5, count_in(store));
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileInItsPlaceIsNoFailure) {
+  device.write("file", "x");
+  redirect_device_folder(device.path() + "file");
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ("6: inited ca label 'root'\n", log_dump());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AnEmptyFolderMakesNoCa) {
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"root"}, ca_labels());
+  EXPECT_EQ("6: inited ca label 'root'\n", log_dump());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, ItIsReadAtEachCall) {
+  x509_store first = make_store(), second = make_store(), third = make_store();
+  device.write("one.pem", device_root("one", 1));
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(first.get(), 0));
+  EXPECT_EQ(6, count_in(first));
+  device.write("two.pem", device_root("two", 2));
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(second.get(), 0));
+  EXPECT_EQ(7, count_in(second));
+  EXPECT_EQ((texts{"/C=US/O=Example/CN=one", "/C=US/O=Example/CN=two"}), root_subjects("other"));
+  // What was read once stays.
+  std::filesystem::remove(device.path() + "one.pem");
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(third.get(), 0));
+  EXPECT_EQ(7, count_in(third));
+  EXPECT_EQ((texts{"root", "other"}), ca_labels());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileThatCannotBeUsedIsSkippedAndTheCallSucceeds) {
+  device.write("a.pem", support::pem(support::simple_cert("issuer", "no organization", 1)));
+  device.write("b.pem", "no PEM");
+  device.write("c.pem", device_root("good", 3));
+  std::filesystem::create_directory(device.path() + "d");
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"/C=US/O=Example/CN=good"}, root_subjects("other"));
+  EXPECT_EQ(6, count_in(store));
+  EXPECT_EQ(1U, count_logged(3, "failed to get org name"));
+  EXPECT_TRUE(logged_containing(3, "failed to convert cert /etc/pki/roots/b.pem: "));
+  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/d: "));
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AnUnreadableFileIsSkippedWithItsReason) {
+  device.write("secret.pem", device_root("secret"));
+  refuse_to_open("/etc/pki/roots/secret.pem", EACCES);
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"root"}, ca_labels());
+  EXPECT_EQ(
+      "6: inited ca label 'root'\n"
+      "3: failed to read cert /etc/pki/roots/secret.pem: Permission denied\n",
+      own_log());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, ADanglingLinkIsSkippedWithItsReason) {
+  std::filesystem::create_symlink(device.path() + "nowhere", device.path() + "link.pem");
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(
+      "6: inited ca label 'root'\n"
+      "3: failed to read cert /etc/pki/roots/link.pem: No such file or directory\n",
+      own_log());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, APathOf127OctetsFitsAndALongerOneIsSkipped) {
+  size_t room = 127 - strlen("/etc/pki/roots/");
+  std::string fits(room, 'f'), too_long(room + 1, 'g'), longest(255, 'h');
+  device.write(fits, device_root("fits", 1));
+  device.write(too_long, device_root("too long", 2));
+  device.write(longest, device_root("longest", 3));
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"/C=US/O=Example/CN=fits"}, root_subjects("other"));
+  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/ggg"));
+  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/hhh"));
+  EXPECT_EQ(3U, captured_log().size());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, ACutPathLeadsToNoOtherFile) {
+  // What a buffer of 128 octets would make of the longer name is there too.
+  std::string cut(127 - strlen("/etc/pki/roots/"), 'f');
+  device.write(cut, device_root("cut", 1));
+  device.write(cut + "f", device_root("whole", 2));
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"/C=US/O=Example/CN=cut"}, root_subjects("other"));
+  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/fff"));
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFifoDoesNotBlock) {
+  ASSERT_EQ(0, mkfifo((device.path() + "fifo.pem").c_str(), 0600));
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/fifo.pem: "));
+  EXPECT_EQ(texts{"root"}, ca_labels());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, DescriptorsAreClosed) {
+  device.write("a.pem", device_root("good"));
+  device.write("b.pem", "no PEM");
+  std::filesystem::create_directory(device.path() + "c");
+  ASSERT_EQ(0, mkfifo((device.path() + "fifo").c_str(), 0600));
+  x509_store store = make_store();
+  int before = dup(0);
+  close(before);
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  int after = dup(0);
+  close(after);
+  EXPECT_EQ(before, after);
+}
+
+}  // namespace
