@@ -129,7 +129,7 @@ def try_pages(trial):
     trial.expect(page, 0, 0, trial.compile(page))
 
     quick_start, validation = docs / "quick-start.md", docs / "validation.md"
-    host = [trial.compile(quick_start), document, key, crl, "localhost", f"localhost:{port}"]
+    host = [trial.compile(quick_start), document, key, crl, "localhost", f"127.0.0.1:{port}"]
     judge = [trial.compile(validation), "lab/issuing-cert.pem", "server.pem"]
     trial.expect(quick_start, 0, 0, *host)
     trial.expect(validation, 0, 0, *judge, f"{url}/ocsp", crl)

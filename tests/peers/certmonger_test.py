@@ -25,7 +25,7 @@ def it_sends_our_request_and_believes_the_reply(folder):
     with Lab(folder) as lab:
         device = Device(folder)
         device.provision(lab)
-        device.make_key()
+        key = device.make_key()
         device.enroll()
         request = folder / "request.pem"
         text = base64.encodebytes(lab.messages()[0].read_bytes()).decode()
@@ -38,7 +38,7 @@ def it_sends_our_request_and_believes_the_reply(folder):
         envelope.write_text(output[begin:])
         payload = folder / "payload"
         call("openssl", "cms", "-decrypt", "-inform", "PEM", "-in", envelope, "-binary", "-inkey",
-             device.state / "keys" / "key.pem", "-out", payload)
+             key, "-out", payload)
         certs = call("openssl", "pkcs7", "-inform", "DER", "-print_certs", "-in", payload)[1]
         assert "CN = device" in certs, certs
 

@@ -121,7 +121,9 @@ class Device:
 
     def make_key(self, label="key", bits=2048):
         self.pkictl("key", "generate", label, "--bits", bits)
-        return self.state / "keys" / f"{label}.pem"
+        exported = self.state.parent / f"{label}.pem"
+        self.pkictl("key", "export", label, "--out", exported)
+        return exported
 
     def enroll(self, *more, ok=True):
         return self.pkictl("enroll", "--key", "key", "--ca", "ca", "--subject",
