@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "tools/common/failure.h"
 #include "tools/common/ossl.h"
@@ -55,7 +54,7 @@ class crl_input::pem_decoder {
 
   size_t take(char *buffer, size_t size) {
     size_t taken = std::min(size, decoded_.size() - used_);
-    memcpy(buffer, decoded_.data() + used_, taken);
+    std::copy_n(decoded_.begin() + static_cast<long>(used_), taken, buffer);
     used_ += taken;
     return taken;
   }
