@@ -2,9 +2,12 @@
 #ifndef PKI_COMMON_MARSHAL_H
 #define PKI_COMMON_MARSHAL_H
 
+#include <libpki/error.h>
 #include <libpki/marshal.h>
 
 #include <cstdlib>
+
+#include "common/log.h"
 
 namespace pki {
 
@@ -96,6 +99,38 @@ void marshal_drop_object(void *target, const Desc *desc) {
   auto *pointer = static_cast<void **>(target);
   desc->dtor(*pointer);
   *pointer = nullptr;
+}
+
+// A start block, what `write` writes of the object, and an end block; for a null object nothing.
+template <class Desc, class Write>
+[[nodiscard]] int marshal_write_object(BIO *bio, void *field, int tag, const Desc *desc,
+                                       Write write) {
+  void *object = marshal_object(field, desc);
+  if (!object)
+    return PKI_OK;
+  marshal_level level;
+  if (int error = level.check())
+    return error;
+  if (int error = write_block(bio, tag, nullptr, 0))
+    return error;
+  if (int error = write(bio, object, desc))
+    return error;
+  return write_block(bio, desc->end_tag, nullptr, 0);
+}
+
+// A fresh object that `read` fills, or none.
+template <class Desc, class Read>
+[[nodiscard]] int marshal_read_object(BIO *bio, void *target, const Desc *desc, Read read) {
+  void *object = marshal_fresh_object(target, desc);
+  if (!object)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  marshal_level level;
+  int error = level.check();
+  if (!error)
+    error = read(bio, object, desc);
+  if (error)
+    marshal_drop_object(target, desc);
+  return error;
 }
 
 // dec_struct, whatever function of that name a host may have.

@@ -125,17 +125,7 @@ int enc_choice(BIO *bio, void *field, int tag, void *arg) {
   const auto *desc = static_cast<const marshal_choice_desc *>(arg);
   if (!field || !desc || !desc->alternatives)
     return PKI_INVALID_ARGS;
-  void *object = marshal_object(field, desc);
-  if (!object)
-    return PKI_OK;
-  marshal_level level;
-  if (int error = level.check())
-    return error;
-  if (int error = write_block(bio, tag, nullptr, 0))
-    return error;
-  if (int error = write_value(bio, object, desc))
-    return error;
-  return write_block(bio, desc->end_tag, nullptr, 0);
+  return marshal_write_object(bio, field, tag, desc, write_value);
 }
 
 int dec_choice(BIO *bio, int /*tag*/, const unsigned char * /*data*/, int /*len*/, void *target,
@@ -143,16 +133,7 @@ int dec_choice(BIO *bio, int /*tag*/, const unsigned char * /*data*/, int /*len*
   const auto *desc = static_cast<const marshal_choice_desc *>(arg);
   if (!target || !desc || !desc->alternatives || !marshal_can_make(desc))
     return PKI_INVALID_ARGS;
-  void *object = marshal_fresh_object(target, desc);
-  if (!object)
-    return openssl_failure(PKI_OUT_OF_MEMORY);
-  marshal_level level;
-  int error = level.check();
-  if (!error)
-    error = read_choice(bio, object, desc);
-  if (error)
-    marshal_drop_object(target, desc);
-  return error;
+  return marshal_read_object(bio, target, desc, read_choice);
 }
 
 int enc_stack(BIO *bio, void *field, int tag, void *arg) {

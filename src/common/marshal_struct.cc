@@ -43,6 +43,15 @@ int read_fields(BIO *bio, void *object, const marshal_struct_desc *desc) {
   }
 }
 
+int write_fields(BIO *bio, void *object, const marshal_struct_desc *desc) {
+  for (const marshal_field *row = desc->fields; row->enc; row++) {
+    void *place = marshal_place(object, row->offset);
+    if (int error = row->enc(bio, place, row->tag, const_cast<void *>(row->enc_arg)))
+      return error;
+  }
+  return PKI_OK;
+}
+
 }  // namespace
 
 marshal_level::marshal_level(int weight) : weight_(weight) {
@@ -63,16 +72,7 @@ int marshal_level::check() const {
 int marshal_read_struct(BIO *bio, void *target, const marshal_struct_desc *desc) {
   if (!target || !desc || !desc->fields || !marshal_can_make(desc))
     return PKI_INVALID_ARGS;
-  void *object = marshal_fresh_object(target, desc);
-  if (!object)
-    return openssl_failure(PKI_OUT_OF_MEMORY);
-  marshal_level level;
-  int error = level.check();
-  if (!error)
-    error = read_fields(bio, object, desc);
-  if (error)
-    marshal_drop_object(target, desc);
-  return error;
+  return marshal_read_object(bio, target, desc, read_fields);
 }
 
 }  // namespace pki
@@ -83,20 +83,7 @@ int enc_struct(BIO *bio, void *field, int tag, void *arg) {
   const auto *desc = static_cast<const marshal_struct_desc *>(arg);
   if (!field || !desc || !desc->fields)
     return PKI_INVALID_ARGS;
-  void *object = marshal_object(field, desc);
-  if (!object)
-    return PKI_OK;
-  marshal_level level;
-  if (int error = level.check())
-    return error;
-  if (int error = write_block(bio, tag, nullptr, 0))
-    return error;
-  for (const marshal_field *row = desc->fields; row->enc; row++) {
-    void *place = marshal_place(object, row->offset);
-    if (int error = row->enc(bio, place, row->tag, const_cast<void *>(row->enc_arg)))
-      return error;
-  }
-  return write_block(bio, desc->end_tag, nullptr, 0);
+  return marshal_write_object(bio, field, tag, desc, write_fields);
 }
 
 int dec_struct(BIO *bio, int /*tag*/, const unsigned char * /*data*/, int /*len*/, void *target,
