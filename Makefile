@@ -75,9 +75,12 @@ fuzz: bootstrap-fuzz ## run the fuzzers, FUZZ_SECONDS (60) each
 
 .PHONY: bench
 bench: configure-release ## measure; fails when a budget is exceeded
-	@cmake --build --preset release -j $(JOBS) --target bench_libpki bench_init bench_enroll bench_verify bench_crl bench_marshal
+	@cmake --build --preset release -j $(JOBS) --target bench_libpki bench_init bench_enroll bench_verify bench_crl bench_marshal \
+	  memory_with_openssl memory_with_libpki
 	@$(BUILD)/release/bin/bench_libpki $(BENCH_ARGS)
 	@$(BUILD)/release/bin/bench_init
+	@bench/bench_footprint.sh $(BUILD)/release/lib/libpki.so \
+	  $(BUILD)/release/bin/memory_with_openssl $(BUILD)/release/bin/memory_with_libpki
 	@$(BUILD)/release/bin/bench_enroll
 	@$(BUILD)/release/bin/bench_verify
 	@$(BUILD)/release/bin/bench_crl

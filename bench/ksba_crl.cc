@@ -60,21 +60,12 @@ bool parse(ksba_crl_t crl, const std::string &serial, bool *listed) {
   return false;
 }
 
-}  // namespace
-
-bool have_libksba() {
-  return true;
-}
-
-bool libksba_reads(const std::string &der, const std::string &serial, bool *listed) {
+// Takes the reader.
+bool parse_and_digest(ksba_reader_t reader, const std::string &serial, bool *listed) {
   *listed = false;
-  source octets = {&der, 0};
-  ksba_reader_t reader = nullptr;
   ksba_crl_t crl = nullptr;
   EVP_MD_CTX *digest = EVP_MD_CTX_new();
-  bool good = EVP_DigestInit_ex(digest, EVP_sha256(), nullptr) == 1 &&
-              ksba_reader_new(&reader) == 0 &&
-              ksba_reader_set_cb(reader, read_some, &octets) == 0 && ksba_crl_new(&crl) == 0 &&
+  bool good = EVP_DigestInit_ex(digest, EVP_sha256(), nullptr) == 1 && ksba_crl_new(&crl) == 0 &&
               ksba_crl_set_reader(crl, reader) == 0;
   if (good) {
     ksba_crl_set_hash_function(crl, digest_some, digest);
@@ -85,6 +76,27 @@ bool libksba_reads(const std::string &der, const std::string &serial, bool *list
   ksba_reader_release(reader);
   EVP_MD_CTX_free(digest);
   return good;
+}
+
+}  // namespace
+
+bool have_libksba() {
+  return true;
+}
+
+bool libksba_reads(std::FILE *der, const std::string &serial, bool *listed) {
+  ksba_reader_t reader = nullptr;
+  if (ksba_reader_new(&reader) != 0 || ksba_reader_set_file(reader, der) != 0)
+    return false;
+  return parse_and_digest(reader, serial, listed);
+}
+
+bool libksba_reads(const std::string &der, const std::string &serial, bool *listed) {
+  source octets = {&der, 0};
+  ksba_reader_t reader = nullptr;
+  if (ksba_reader_new(&reader) != 0 || ksba_reader_set_cb(reader, read_some, &octets) != 0)
+    return false;
+  return parse_and_digest(reader, serial, listed);
 }
 
 }  // namespace bench

@@ -5,8 +5,8 @@
 #       The exported symbols are exactly the functions and variables that the public headers mark
 #       PKI_API.
 #   check_symbols.sh dependencies LIBRARY
-#       The soname is libpki.so.0, and nothing is needed but libcrypto, libssl, libxml2, the board
-#       library and libc.
+#       The soname is libpki.so.0, and nothing is needed but libcrypto, libssl, the board library
+#       and libc.
 #   check_symbols.sh runtime LIBRARY
 #       Nothing of the C++ runtime that throws, or ends the host when memory runs out, is used.
 #
@@ -63,7 +63,7 @@ check_dependencies() {
     return 1
   }
   needed=$(echo "$dynamic" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
-  extra=$(echo "$needed" | grep -Ev '^lib(crypto|ssl|xml2|board|c)\.so\.[0-9]+$' || true)
+  extra=$(echo "$needed" | grep -Ev '^lib(crypto|ssl|board|c)\.so\.[0-9]+$' || true)
   [ -z "$extra" ] || {
     echo "$extra" | sed 's/^/needed, not allowed: /' >&2
     return 1

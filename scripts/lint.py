@@ -77,7 +77,7 @@ THROWING_SYMBOLS = re.compile(
 
 # What the shared library may ask the dynamic linker for.
 ALLOWED_LIBRARIES = re.compile(
-    r"^(libcrypto|libssl|libxml2|libboard|libc|ld-linux[\w-]*|lib(a|t|ub)san)\.so\b")
+    r"^(libcrypto|libssl|libboard|libc|ld-linux[\w-]*|lib(a|t|ub)san)\.so\b")
 
 
 class Report:

@@ -66,7 +66,8 @@ PKI_API int pki_add_ca(const char *label, const char *ca_pointer_url, EVP_PKEY *
  * read before an error stays where it was put.
  *
  * Returns 0; 63 a null argument or a negative length; 34 not well-formed XML, an
- * entity that is not one of XML's own, or more than 10,000,000 octets; 2 out of memory;
+ * entity that is not one of XML's own, or more than 10,000,000 octets; 2 out of memory, or
+ * libxml2 could not be loaded (the first document of a process loads it; a line at level 3);
  * 30, 31 nesting deeper than 39 or unbalanced; 32 a required attribute is missing; 33 a
  * certificate that cannot be decoded; 35 an element without its text; 53 to 55 a bad issuer name;
  * 36 to 41 an expiry that does not parse and is not the last element; 9, 11, 13 BIO failures.

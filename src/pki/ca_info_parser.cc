@@ -1,34 +1,46 @@
 // The CA-info document's driver: the XML tokeniser, the stack of states, the text buffer.
 #include <libpki/error.h>
-#include <libxml/globals.h>
-#include <libxml/parser.h>
-#include <libxml/threads.h>
-#include <libxml/xmlerror.h>
 
 #include "common/log.h"
 #include "pki/ca_info_context.h"
+#include "pki/xml_library.h"
 
 namespace pki {
 
 namespace {
 
-using parser_ptr = std::unique_ptr<xmlParserCtxt, free_with<[](xmlParserCtxt *parser) {
-                                     if (parser->myDoc)
-                                       xmlFreeDoc(parser->myDoc);
-                                     xmlFreeParserCtxt(parser);
-                                   }>>;
+class xml_parser {
+ public:
+  xml_parser(const xml_library &xml, xmlSAXHandler *handler, ca_info_context *context)
+      : xml_(xml), parser_(xml.create_push_parser(handler, context, nullptr, 0, nullptr)) {}
+  xml_parser(const xml_parser &) = delete;
+  xml_parser &operator=(const xml_parser &) = delete;
+  ~xml_parser() {
+    if (!parser_)
+      return;
+    if (parser_->myDoc)
+      xml_.free_doc(parser_->myDoc);
+    xml_.free_parser(parser_);
+  }
+  [[nodiscard]] xmlParserCtxt *get() const { return parser_; }
+
+ private:
+  const xml_library &xml_;
+  xmlParserCtxt *parser_;
+};
 
 // The tokeniser writes its view of an error to standard error, and lets some pass that leave
 // octets of the document out (an entity that it does not know). While a document is read this
 // thread's handler is one that says nothing and notes what happened; the host's is put back.
 class xml_error_watch {
  public:
-  xml_error_watch() : handler_(xmlStructuredError), context_(xmlStructuredErrorContext) {
-    xmlSetStructuredErrorFunc(this, note);
+  explicit xml_error_watch(const xml_library &xml)
+      : xml_(xml), handler_(*xml.structured_error()), context_(*xml.structured_error_context()) {
+    xml_.set_structured_error_func(this, note);
   }
   xml_error_watch(const xml_error_watch &) = delete;
   xml_error_watch &operator=(const xml_error_watch &) = delete;
-  ~xml_error_watch() { xmlSetStructuredErrorFunc(context_, handler_); }
+  ~xml_error_watch() { xml_.set_structured_error_func(context_, handler_); }
 
   [[nodiscard]] bool saw_error() const { return error_; }
   [[nodiscard]] bool ran_out_of_memory() const { return out_of_memory_; }
@@ -40,6 +52,7 @@ class xml_error_watch {
     self->out_of_memory_ |= error->code == XML_ERR_NO_MEMORY;
   }
 
+  const xml_library &xml_;
   xmlStructuredErrorFunc handler_;
   void *context_;
   bool error_ = false;
@@ -48,12 +61,12 @@ class xml_error_watch {
 
 // The tokeniser keeps a state for each thread, made on first use, and does not survive failing to
 // make it. The room that is made sure of here is what the thread is given next.
-bool has_thread_state() {
+bool has_thread_state(const xml_library &xml) {
   malloc_ptr<void> room(std::malloc(sizeof(xmlGlobalState)));
   if (!room)
     return false;
   room.reset();
-  return xmlGetGlobalState() != nullptr;
+  return xml.get_global_state() != nullptr;
 }
 
 // xmlParseChunk's word for a chunk that it could not store.
@@ -161,15 +174,17 @@ int parse_ca_info_doc(const unsigned char *document, int length, pki_store_objec
     return PKI_INVALID_ARGS;
   ca_info_context context;
   init_ca_info_context(&context, store, info);
-  if (!has_thread_state())
+  const xml_library *xml = load_xml_library();
+  if (!xml || !has_thread_state(*xml))
     return PKI_OUT_OF_MEMORY;
-  xml_error_watch watch;
-  parser_ptr parser(xmlCreatePushParserCtxt(&sax_handler, &context, nullptr, 0, nullptr));
-  if (!parser)
+  xml_error_watch watch(*xml);
+  xml_parser parser(*xml, &sax_handler, &context);
+  if (!parser.get())
     return PKI_OUT_OF_MEMORY;
   // Attribute values arrive decoded; nothing is ever fetched.
-  xmlCtxtUseOptions(parser.get(), XML_PARSE_NOENT | XML_PARSE_NONET);
-  int xml_error = xmlParseChunk(parser.get(), reinterpret_cast<const char *>(document), length, 1);
+  xml->use_options(parser.get(), XML_PARSE_NOENT | XML_PARSE_NONET);
+  int xml_error =
+      xml->parse_chunk(parser.get(), reinterpret_cast<const char *>(document), length, 1);
   if (watch.ran_out_of_memory() || xml_error == chunk_not_taken)
     return PKI_OUT_OF_MEMORY;
   return xml_error || watch.saw_error() ? PKI_XML_CA_PTR_PARSE_ERROR : document_result(context);

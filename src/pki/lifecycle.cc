@@ -5,7 +5,6 @@
 #include <libpki/error.h>
 #include <libpki/oids.h>
 #include <libpki/verify.h>
-#include <libxml/parser.h>
 #include <openssl/ssl.h>
 #include <unistd.h>
 
@@ -65,8 +64,6 @@ int libpki_init(void) {
   if (__atomic_load_n(&initialised, __ATOMIC_ACQUIRE))
     return PKI_NO_INFO_FILE;
   SSL_library_init();
-  // The XML library sets up its tables on first use; better here than beside other threads.
-  xmlInitParser();
   register_oids();
   log_openssl_errors(log_error);
   zv_cv_init();

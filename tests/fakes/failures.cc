@@ -18,6 +18,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "fakes/allocator.h"
 
@@ -87,6 +88,7 @@ bool called_by_openssl(const void *return_address) {
 
 thread_local int poll_timeout = -1;
 thread_local std::function<bool()> is_silent;
+thread_local const char *loaded_instead = nullptr;
 
 void arm(trap state::*which, int error, int after) {
   std::lock_guard lock(mutex());
@@ -166,6 +168,10 @@ void short_send(int after) {
   arm(&state::send_short, 0, after);
 }
 
+void load_instead(const char *name) {
+  loaded_instead = name;
+}
+
 void resolve(const std::string &host, const std::vector<std::string> &addresses) {
   std::lock_guard lock(mutex());
   current().names[host] = addresses;
@@ -189,6 +195,7 @@ void reset() {
   std::lock_guard lock(mutex());
   current() = state();
   is_silent = nullptr;
+  loaded_instead = nullptr;
 }
 
 }  // namespace fake_failures
@@ -307,6 +314,11 @@ int poll(pollfd *fds, nfds_t how_many, int timeout) {
       return ready;
   }
   return NEXT(poll)(fds, how_many, timeout);
+}
+
+void *dlopen(const char *name, int flags) noexcept {
+  const char *other = std::exchange(loaded_instead, nullptr);
+  return NEXT(dlopen)(other ? other : name, flags);
 }
 
 int socket(int domain, int type, int protocol) noexcept {

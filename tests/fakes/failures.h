@@ -29,6 +29,8 @@ void time_out_polls_when(const std::function<bool()> &silent);
 void fail_socket(int error, int after = 0);  // socket returns -1 with errno `error`
 void fail_send(int error, int after = 0);    // send returns -1 with errno `error`
 void short_send(int after = 0);              // send takes one octet only
+// The next dlopen of this thread loads `name` (a text that lasts) instead.
+void load_instead(const char *name);
 
 // Answers name resolution of `host` with numeric addresses, in order, instead of the resolver;
 // an empty list gives EAI_NONAME.

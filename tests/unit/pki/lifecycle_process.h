@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
-#include <libxml/parser.h>
 #include <openssl/ssl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,7 +37,6 @@ inline const testing::TestResult &result_so_far() {
 // they ran out of memory then.
 inline void warm_up_libraries() {
   SSL_library_init();
-  xmlInitParser();
   OBJ_create("1.3.6.1.4.1.32473.98.1", "libpki-warm-up", nullptr);
   clear_openssl_errors();
   raise_openssl_error(1);

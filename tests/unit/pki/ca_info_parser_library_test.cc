@@ -1,0 +1,149 @@
+// libxml2 is not linked: it comes with the first document of a process.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libpki/libpki.h>
+#include <sys/mman.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fakes/allocator.h"
+#include "fakes/failures.h"
+#include "fakes/log_capture.h"
+#include "support/ca_info_doc.h"
+#include "unit/pki/lifecycle_process.h"
+
+namespace {
+
+bool xml_library_is_loaded() {
+  return dlsym(RTLD_DEFAULT, "xmlParseChunk") || dlopen(PKI_XML_SONAME, RTLD_LAZY | RTLD_NOLOAD);
+}
+
+int parse(const std::string &document, ca_info *info) {
+  return parse_ca_info_doc(reinterpret_cast<const unsigned char *>(document.data()),
+                           static_cast<int>(document.size()), pki_store, info);
+}
+
+int parse_sample() {
+  ca_info *info = alloc_ca_info();
+  int error = parse(support::sample().document, info);
+  if (error == PKI_OK) {
+    EXPECT_EQ(support::sample_difference(info), "");
+  }
+  free_ca_info(info);
+  return error;
+}
+
+void loaded_with_the_first_document() {
+  ASSERT_EQ(libpki_init(), PKI_OK);
+  EXPECT_FALSE(xml_library_is_loaded());
+  EXPECT_EQ(parse_sample(), PKI_OK);
+  EXPECT_TRUE(xml_library_is_loaded());
+}
+
+TEST(XmlLibrary, IsLoadedWithTheFirstDocument) {
+  EXPECT_IN_FRESH_PROCESS(loaded_with_the_first_document);
+}
+
+void refused_documents_load_nothing() {
+  ASSERT_EQ(libpki_init(), PKI_OK);
+  EXPECT_EQ(parse_ca_info_doc(nullptr, 0, pki_store, nullptr), PKI_INVALID_ARGS);
+  EXPECT_FALSE(xml_library_is_loaded());
+}
+
+TEST(XmlLibrary, IsNotLoadedForArgumentsThatAreRefused) {
+  EXPECT_IN_FRESH_PROCESS(refused_documents_load_nothing);
+}
+
+// What is loaded in its place, and what the log says.
+void expect_not_loaded(const char *instead, const char *reason) {
+  ASSERT_EQ(libpki_init(), PKI_OK);
+  support::sample();
+  clear_log();
+  fake_failures::load_instead(instead);
+  EXPECT_EQ(parse_sample(), PKI_OUT_OF_MEMORY);
+  EXPECT_TRUE(logged_containing(3, "failed to load " PKI_XML_SONAME ": "));
+  EXPECT_TRUE(logged_containing(3, reason));
+  EXPECT_EQ(parse_sample(), PKI_OK);
+}
+
+void a_missing_library() {
+  expect_not_loaded("libnowhere.so.1", "libnowhere.so.1");
+}
+
+TEST(XmlLibrary, ThatIsMissingIsCode2AndALineAndTriedAgain) {
+  EXPECT_IN_FRESH_PROCESS(a_missing_library);
+}
+
+void a_library_without_the_functions() {
+  expect_not_loaded("libc.so.6", "undefined symbol");
+}
+
+TEST(XmlLibrary, WithoutItsFunctionsIsCode2AndALineAndTriedAgain) {
+  EXPECT_IN_FRESH_PROCESS(a_library_without_the_functions);
+}
+
+void first_documents_on_eight_threads() {
+  ASSERT_EQ(libpki_init(), PKI_OK);
+  support::sample();
+  std::vector<int> codes(8, -1);
+  std::vector<ca_info *> infos;
+  for (size_t i = 0; i < codes.size(); i++)
+    infos.push_back(alloc_ca_info());
+  std::vector<std::thread> threads;
+  // An empty document brings nothing into the store, which is the management thread's.
+  for (size_t i = 0; i < codes.size(); i++)
+    threads.emplace_back([&, i] { codes[i] = parse("<QRNPkiConfig/>", infos[i]); });
+  for (std::thread &thread : threads)
+    thread.join();
+  for (size_t i = 0; i < codes.size(); i++) {
+    EXPECT_EQ(codes[i], PKI_OK) << i;
+    free_ca_info(infos[i]);
+  }
+}
+
+TEST(XmlLibrary, CanBeWantedByManyThreadsAtOnce) {
+  EXPECT_IN_FRESH_PROCESS(first_documents_on_eight_threads);
+}
+
+// In a copy of a process that has read no document, allocation `n` of its first one fails; tells
+// the original through `done` when there were fewer.
+void first_document_without_memory(size_t n, bool *done) {
+  ca_info *info = alloc_ca_info();
+  fake_allocator::fail_at(n);
+  int error = parse("<QRNPkiConfig/>", info);
+  bool failed = fake_allocator::has_failed();
+  fake_allocator::stop_failing();
+  free_ca_info(info);
+  EXPECT_TRUE(error == PKI_OK || (failed && error == PKI_OUT_OF_MEMORY)) << error;
+  EXPECT_EQ(parse_sample(), PKI_OK) << "the document behind it";
+  *done = !failed;
+}
+
+void first_documents_without_memory() {
+  ASSERT_EQ(libpki_init(), PKI_OK);
+  support::sample();
+  // OpenSSL's own first uses are not what this is about.
+  support::raise_openssl_error(1);
+  log_openssl_errors(7);
+  void *shared =
+      mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto *done = static_cast<bool *>(shared);
+  size_t n = 0;
+  while (!*done) {
+    n++;
+    ASSERT_TRUE(support::holds_in_copy([=] { first_document_without_memory(n, done); })) << n;
+  }
+  EXPECT_GT(n, 50u);
+}
+
+TEST(XmlLibrary, ThatRunsOutOfMemoryWhileItIsLoadedFailsThatDocumentOnly) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  EXPECT_IN_FRESH_PROCESS(first_documents_without_memory);
+}
+
+}  // namespace
