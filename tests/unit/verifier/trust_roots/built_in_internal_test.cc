@@ -23,19 +23,34 @@ std::vector<const pki::built_in_cert *> all_images() {
   return all;
 }
 
+constexpr const pki::built_in_cert *public_images[] = {&pki::root_certs[0], &pki::root_certs[1],
+                                                       &pki::root_certs[2], &pki::chain_cert};
+
+// The vendor's own, by their files.
+struct vendor_image {
+  const char *file;
+  const pki::built_in_cert *image;
+  size_t size_of_stand_in;
+};
+const std::string stand_ins = SOURCE_DIR "/roots/vendor/";
+constexpr vendor_image vendor_images[] = {
+    {"corporate_root.der", &pki::root_certs[3], 1142},
+    {"emergency_root.der", &pki::root_certs[4], 2396},
+    {"engineering_root.der", &pki::engineering_cert, 980},
+};
+
 class BuiltInCert : public support::store_test {};
 
-TEST_F(BuiltInCert, TheImagesHaveTheirSizes) {
+TEST_F(BuiltInCert, ThePublicImagesHaveTheirSizes) {
   std::vector<long> sizes;
-  for (const pki::built_in_cert *image : all_images())
+  for (const pki::built_in_cert *image : public_images)
     sizes.push_back(image->size);
-  EXPECT_EQ((std::vector<long>{576, 774, 1054, 1142, 2396, 903, 980}), sizes);
+  EXPECT_EQ((std::vector<long>{576, 774, 1054, 903}), sizes);
 }
 
 TEST_F(BuiltInCert, ThePublicOnesAreGenuine) {
   texts digests;
-  for (const pki::built_in_cert *image :
-       {&pki::root_certs[0], &pki::root_certs[1], &pki::root_certs[2], &pki::chain_cert})
+  for (const pki::built_in_cert *image : public_images)
     digests.push_back(sha256(octets_of(*image)));
   EXPECT_EQ((texts{"a4b6b3996fc2f306b3fd8681bd63413d8c5009cc4fa329c2ccf0e2fa1b140305",
                    "83ce3c1229688a593d485f81973c0f9195431eda37cc5e36430e79c7a888638b",
@@ -76,17 +91,33 @@ TEST_F(BuiltInCert, TheRootsAreSelfSigned) {
   }
 }
 
-TEST_F(BuiltInCert, TheVendorsOwnHaveNamesOfPrintableStringsAndSignCertificates) {
-  for (const pki::built_in_cert *image :
-       {&pki::root_certs[3], &pki::root_certs[4], &pki::engineering_cert}) {
-    support::cert cert = decode(*image);
+TEST_F(BuiltInCert, TheVendorsOwnAreTheFilesOfHisFolder) {
+  for (const vendor_image &own : vendor_images)
+    EXPECT_EQ(file_octets(vendor_file(own.file)), octets_of(*own.image)) << own.file;
+}
+
+TEST_F(BuiltInCert, TheVendorsOwnMaySignCertificates) {
+  for (const vendor_image &own : vendor_images)
+    EXPECT_NE(0, X509_check_ca(decode(*own.image).get())) << own.file;
+}
+
+// What stands in for a vendor's own is known by its size, whatever is built in.
+TEST_F(BuiltInCert, TheStandInsHaveTheirSizes) {
+  for (const vendor_image &own : vendor_images)
+    EXPECT_EQ(own.size_of_stand_in, file_octets(stand_ins + own.file).size()) << own.file;
+}
+
+TEST_F(BuiltInCert, TheStandInsHaveNamesOfPrintableStringsAndSignCertificatesAndCrls) {
+  for (const vendor_image &own : vendor_images) {
+    support::cert cert = file_cert(stand_ins + own.file);
+    ASSERT_TRUE(cert) << own.file;
     const X509_NAME *subject = X509_get_subject_name(cert.get());
     for (int i = 0; i < X509_NAME_entry_count(subject); i++)
       EXPECT_EQ(V_ASN1_PRINTABLESTRING,
                 ASN1_STRING_type(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, i))))
-          << image->label;
-    EXPECT_EQ(1, X509_check_ca(cert.get())) << image->label;
-    EXPECT_TRUE(X509_get_key_usage(cert.get()) & KU_CRL_SIGN) << image->label;
+          << own.file;
+    EXPECT_EQ(1, X509_check_ca(cert.get())) << own.file;
+    EXPECT_TRUE(X509_get_key_usage(cert.get()) & KU_CRL_SIGN) << own.file;
   }
 }
 

@@ -5,12 +5,6 @@ using namespace roots_support;
 
 namespace {
 
-support::cert engineering_file() {
-  std::string octets = file_octets(SOURCE_DIR "/roots/vendor/engineering_root.der");
-  const auto *in = reinterpret_cast<const unsigned char *>(octets.data());
-  return support::cert(d2i_X509(nullptr, &in, static_cast<long>(octets.size())), X509_free);
-}
-
 void set_up(unsigned char with_eng) {
   x509_store store = make_store();
   ASSERT_EQ(1, pki_ver_setup_trust_roots(store.get(), with_eng));
@@ -23,7 +17,8 @@ FRESH_PROCESS_TEST(EngineeringRootDeathTest, IsOneRootOfItsOwnCa) {
   EXPECT_EQ((texts{"root", "engineering"}), ca_labels());
   ca_ref ca = find_ca("engineering");
   ASSERT_EQ(1, OPENSSL_sk_num(ca->trusted_roots));
-  EXPECT_EQ(980U, support::ders(ca->trusted_roots)[0].size());
+  EXPECT_EQ(texts{file_octets(vendor_file("engineering_root.der"))},
+            support::ders(ca->trusted_roots));
   EXPECT_EQ(6, count_in(store));
   EXPECT_TRUE(holds(store, root_of("engineering", 0)));
 }
@@ -59,7 +54,8 @@ FRESH_PROCESS_TEST(EngineeringRootDeathTest, WithoutTheFlagItIsNowhere) {
   x509_store store = make_store();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
   EXPECT_EQ(nullptr, find_ca("engineering"));
-  support::cert root = engineering_file();
+  support::cert root = file_cert(vendor_file("engineering_root.der"));
+  ASSERT_TRUE(root);
   EXPECT_FALSE(holds(store, root.get()));
   EXPECT_EQ(0, pki_ver_eng_root(root.get()));
   EXPECT_EQ(0, pki_ver_eng_root(root_of("root", 0)));

@@ -106,9 +106,7 @@ FRESH_PROCESS_TEST(RootRulesDeathTest, TheSignersAreTheBuiltInRootsBehindAHostsO
 
 FRESH_PROCESS_TEST(RootRulesDeathTest, TheSignersAreRightWhenAHostHoldsSomeOfTheRoots) {
   // G3 first: the built-in roots are in another order then.
-  std::string octets = file_octets(SOURCE_DIR "/roots/public/pca3_g3.der");
-  const auto *in = reinterpret_cast<const unsigned char *>(octets.data());
-  support::cert g3(d2i_X509(nullptr, &in, static_cast<long>(octets.size())), X509_free);
+  support::cert g3 = file_cert(SOURCE_DIR "/roots/public/pca3_g3.der");
   ASSERT_TRUE(g3);
   add_host_ca("root", {g3});
   set_up();

@@ -42,6 +42,18 @@ inline std::string file_octets(const std::string &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// The certificate in a DER file, or null.
+inline support::cert file_cert(const std::string &path) {
+  std::string octets = file_octets(path);
+  const auto *in = reinterpret_cast<const unsigned char *>(octets.data());
+  return support::cert(d2i_X509(nullptr, &in, static_cast<long>(octets.size())), X509_free);
+}
+
+// The file of that name from which a vendor's root was built in.
+inline std::string vendor_file(const std::string &name) {
+  return VENDOR_ROOTS_DIR "/" + name;
+}
+
 // ---- CAs ----
 
 using ca_ref = std::shared_ptr<ca_info>;

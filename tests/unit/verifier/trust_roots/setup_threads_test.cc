@@ -42,9 +42,7 @@ FRESH_PROCESS_TEST(SetupThreadsDeathTest, OneX509StoreCanBeShared) {
 }
 
 FRESH_PROCESS_TEST(SetupThreadsDeathTest, SomeAskForTheEngineeringRootAndOthersLookForIt) {
-  std::string octets = file_octets(SOURCE_DIR "/roots/vendor/engineering_root.der");
-  const auto *in = reinterpret_cast<const unsigned char *>(octets.data());
-  support::cert root(d2i_X509(nullptr, &in, static_cast<long>(octets.size())), X509_free);
+  support::cert root = file_cert(vendor_file("engineering_root.der"));
   ASSERT_TRUE(root);
   support::cert stranger = device_root("stranger");
   cache_support::in_threads(threads, [&](int i) {
