@@ -216,6 +216,17 @@ void make_marshal_seeds(const std::string &root) {
   const std::string note = block(0x97) + block(0x83) + block(note_end) + block(0x84);
   folder.add(block(fuzz::node_start) + block(fuzz::node_record) + text + note + text + block(0x9f) +
              block(fuzz::node_end) + end_of_data);
+  // And alternatives that are structures, or a choice, within.
+  const std::string numbers = block(0x52) + int_block(0x31, 0x41414141) +
+                              int_block(0x32, 0x42424242) + int_block(0x33, 0x43434343) +
+                              block(0x3f);
+  const std::string event = block(0x51) + block(0x21, "event") + block(0x2f);
+  const std::string nested = block(0x53) + block(0x41, "deep") + block(0x4f);
+  std::string varied;
+  for (const std::string &value : {numbers, event, nested, numbers, block(0x53) + block(0x4f),
+                                   block(0x54, "text"), nested, event})
+    varied += block(fuzz::node_varied) + value + block(0x5f);
+  folder.add(block(fuzz::node_start) + varied + block(fuzz::node_end) + end_of_data);
   fuzz::free_node(first);
 }
 

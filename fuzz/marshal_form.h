@@ -10,11 +10,82 @@
 
 namespace fuzz {
 
+// ---- an inline choice whose alternatives are structures, or a choice, within ----
+
+struct event {
+  char *name;
+  time_t since;
+  tm when;
+};
+struct numbers {
+  int values[24];
+};
+struct inner_choice {
+  int kind;
+  union {
+    char *text;
+    int number;
+  } value;
+};
+enum varied_kind { varied_event = 1, varied_numbers, varied_choice, varied_text };
+// The selector of a text lists 0, which names nothing elsewhere.
+enum inner_kind { inner_text, inner_number };
+struct varied {
+  int kind;
+  union {
+    event event;
+    numbers numbers;
+    inner_choice choice;
+    char *text;
+  } value;
+};
+
+inline void clear_varied(varied *of) {
+  if (of->kind == varied_event)
+    std::free(of->value.event.name);
+  if (of->kind == varied_choice && of->value.choice.kind == inner_text)
+    std::free(of->value.choice.value.text);
+  if (of->kind == varied_text)
+    std::free(of->value.text);
+}
+
+inline const marshal_field event_fields[] = {
+    support::field(offsetof(event, name), 0x21, enc_str, dec_str),
+    support::field(offsetof(event, since), 0x22, enc_time, dec_time),
+    support::field(offsetof(event, when), 0x23, enc_struct_tm, dec_struct_tm),
+    support::last_field()};
+inline const marshal_struct_desc event_desc = {0, 0x2f, nullptr, nullptr, 1, event_fields};
+
+// The first, one in a pointer's place, and the last.
+inline const marshal_field number_fields[] = {
+    support::field(0, 0x31, enc_int, dec_int),
+    support::field(offsetof(event, when) + offsetof(tm, tm_zone), 0x32, enc_int, dec_int),
+    support::field(sizeof(int[23]), 0x33, enc_int, dec_int), support::last_field()};
+inline const marshal_struct_desc numbers_desc = {0, 0x3f, nullptr, nullptr, 1, number_fields};
+
+inline const marshal_field inner_rows[] = {support::field(inner_text, 0x41, enc_str, dec_str),
+                                           support::field(inner_number, 0x42, enc_int, dec_int),
+                                           support::last_field()};
+inline const marshal_choice_desc inner_desc = {
+    0, 0x4f,      nullptr, nullptr, offsetof(inner_choice, kind), offsetof(inner_choice, value),
+    1, inner_rows};
+
+inline const marshal_field varied_rows[] = {
+    support::field(varied_event, 0x51, enc_struct, dec_struct, &event_desc),
+    support::field(varied_numbers, 0x52, enc_struct, dec_struct, &numbers_desc),
+    support::field(varied_choice, 0x53, enc_choice, dec_choice, &inner_desc),
+    support::field(varied_text, 0x54, enc_str, dec_str), support::last_field()};
+inline const marshal_choice_desc varied_desc = {
+    0, 0x5f, nullptr, nullptr, offsetof(varied, kind), offsetof(varied, value), 1, varied_rows};
+
+// ---- nodes ----
+
 struct node {
   support::record *record;
   node *next;
   support::note *digested;
   support::note *signed_note;
+  varied varied;
 };
 
 inline void *new_node() {
@@ -28,6 +99,7 @@ inline void free_node(void *object) {
   free_node(of->next);
   support::free_note(of->digested);
   support::free_note(of->signed_note);
+  clear_varied(&of->varied);
   std::free(of);
 }
 
@@ -44,7 +116,8 @@ enum node_tags {
   node_next,
   node_digest,
   node_sig,
-  node_check
+  node_check,
+  node_varied
 };
 
 // Made once a process: a key and a digest are no constants.
@@ -61,10 +134,12 @@ struct node_form {
                               verify_digest, &digest),
                support::field(offsetof(node, signed_note), node_sig, enc_if_there<create_sig>,
                               verify_sig, &signature),
+               support::field(offsetof(node, varied), node_varied, enc_choice, dec_choice,
+                              &varied_desc),
                support::last_field()} {}
 
   marshal_envelope_desc digest, signature;
-  marshal_field fields[5];
+  marshal_field fields[6];
   marshal_struct_desc desc = {0, node_end, new_node, free_node, 0, fields};
   marshal_item item = {node_start, enc_struct, &desc, dec_struct, &desc};
 };

@@ -10,8 +10,9 @@
  * Tags are 1 to 255; 0 marks the end of the data. Any BIO of OpenSSL serves as a stream; it is
  * used by one thread at a time. Tables are only read: they may be constant, and shared by all
  * threads. A tag outside 1 to 255 is written by its low eight bits and never found again.
- * Composites nest at most 256 deep, written or read (an envelope counts for 16); deeper ones give
- * 2, with a line "marshalled data is nested too deep" at level 4.
+ * Composites nest at most 256 deep, written or read (an envelope counts for 16 and its structure
+ * for one, so 15 envelopes nest); deeper ones give 2, with a line "marshalled data is nested too
+ * deep" at level 4.
  *
  * Lengths: a writer leaves out the groups of a length that are zero, inner ones too. So data of
  * 16384 octets or more is announced rightly only if no group of seven bits between the highest
@@ -41,8 +42,8 @@ typedef int marshal_enc_fn(BIO *bio, void *field, int tag, void *arg);
  * says. Further blocks it reads from `bio` itself.
  *
  * The object to fill has to be initialised: what it holds is freed or replaced. A decoder of your
- * own for an alternative of an inline choice is the exception: an alternative of another type may
- * have left there what it finds, so it makes the field empty first, even if it fails then.
+ * own for an alternative of a choice is the exception: an alternative of another type may have left
+ * there what it finds, so it makes the field empty first, even if it fails then.
  */
 typedef int marshal_dec_fn(BIO *bio, int tag, const unsigned char *data, int len, void *target,
                            void *arg);
@@ -141,7 +142,8 @@ typedef struct marshal_envelope_desc {
  * unmarshall reads them back into `*target`, up to the end of the data, which stays unread.
  * `target` is the address of your pointer: null, or an object that is freed when the item's first
  * block has been read (a failure before leaves it). The tag of that block is not compared. Another
- * magic than `expected_magic` (null: none is read) gives a line at level 2 and 7.
+ * magic than `expected_magic` (null: none is read) gives 7 and a line at level 2 that shows both,
+ * with a dot for each octet that is no printable ASCII; when memory runs out, their first 256.
  *
  * Return 0; 7 another magic; 63 a null argument, or a negative length; else what the item's encoder
  * or decoder, write_fully, read_fully and read_block return.
@@ -160,15 +162,29 @@ PKI_API int unmarshall(BIO *bio, void *target, const marshal_item *item, const v
  * `ctor` (or the parent) left it. Unknown tags are skipped a block at a time, with a line at level
  * 4 each; an unknown alternative to the end of the choice, with one line. A choice without an
  * alternative leaves the object as it is. The end of the data (tag 0) ends the structure or stack
- * that it is met in, with a line at level 4, and is no failure there. A failure other than 63
- * frees what was read and leaves the target null; inline objects stay as far as they got.
+ * that it is met in, with a line at level 4, and is no failure there. A null argument, or a
+ * description that lacks something, gives 63 at once and leaves the target. Any other failure, and
+ * a 63 of a field's decoder, frees what was read and leaves the target null; inline objects stay as
+ * far as they got.
  *
- * When an alternative of another type follows in an inline choice (a field that stands twice), the
- * value that was there is freed as what it is, if it is of a type of this header other than
- * dec_asn1_struct's; else forgotten.
+ * A choice may hold another alternative than the one that is read: its constructor's, or, where an
+ * inline choice stands twice or is read again, the former one. That is freed as what it is, by the
+ * alternative that the selector names. Objects of dec_asn1_struct and of decoders of your own are
+ * forgotten instead: a hostile stream can make a host lose some, as many as its length allows; a
+ * host that minds has them in structures that are not inline. The place is then made empty for the
+ * new alternative: numbers 0, pointers null, and in a choice within a selector that names nothing
+ * (0, or the first number that is not listed). So every member of an inline structure that is an
+ * alternative needs a row, for what has none keeps what another alternative left; and the selector
+ * of an inline choice has no row of its own (dec_int), or a stream would say what is freed.
  *
- * Return 0; 2 out of memory, or nested too deep; 63 a null argument; else what the encoders or
- * decoders of the fields, write_block and read_block return.
+ * Rows of decoders of your own, and rows that are only written, cannot be made empty. An inline
+ * structure or choice with such a row in it, at any depth, therefore does not replace another
+ * alternative that a stream left, unless that is all zeros: 42, with a line "choice type %d cannot
+ * replace type %d" (their tags) at level 4, and what is there stays. What a constructor chose in an
+ * object that is being read for the first time it does replace.
+ *
+ * Return 0; 2 out of memory, or nested too deep; 42 see above; 63 a null argument; else what the
+ * encoders or decoders of the fields, write_block and read_block return.
  */
 PKI_API int enc_struct(BIO *bio, void *field, int tag, void *arg);
 PKI_API int enc_choice(BIO *bio, void *field, int tag, void *arg);
@@ -233,7 +249,8 @@ PKI_API int dec_str(BIO *bio, int tag, const unsigned char *data, int len, void 
  * serves streams of other writers: a DER SubjectPublicKeyInfo (RFC 5280 4.1), an unencrypted
  * PKCS#8 PrivateKeyInfo (RFC 5208 5), and what `arg` decodes (see MARSHAL_D2I), which may use the
  * object that is there, so do not share it. A key that is there is replaced, unless reading fails.
- * The target of dec_asn1_struct is after a failure what `arg` left, with OpenSSL's decoders null.
+ * The target of dec_asn1_struct is after a failure what `arg` left: with most of OpenSSL's decoders
+ * null, the object freed; with some (d2i_PUBKEY) the object that was there.
  * Return 0; 2 or: 5 no PKCS#8, 6 no key that OpenSSL knows, 8 no SubjectPublicKeyInfo, 15 not
  * what `arg` decodes; 63 a null argument.
  */
@@ -267,8 +284,9 @@ PKI_API int skip_struct(BIO *bio, int tag, const unsigned char *data, int len, v
  *
  * read_block reads a block. `*data` (malloc; the caller frees it; null for length 0) receives
  * exactly `*len` octets, `*tag` 0 to 255. Returns 0; 42 the input ended (within the tag or the
- * length: with a line at level 4); 2 out of memory, or a length above 2147483646; 10 as
- * read_fully; 63 a null argument. After a failure `*data` is null and `*len` 0.
+ * length with a line at level 4, and also when BIO_read returns 0, wants no other try and queues no
+ * error, as TLS does at its end); 2 out of memory, or a length above 2147483646; 10 as read_fully;
+ * 63 a null argument. After a failure `*data` is null and `*len` 0.
  */
 PKI_API int write_fully(BIO *bio, const void *buf, int len);
 PKI_API int read_fully(BIO *bio, void *buf, int len);

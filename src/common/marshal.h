@@ -63,6 +63,20 @@ class marshal_level {
   int weight_;
 };
 
+// Whether the fields that are being read are as a constructor left them: in an object that was made
+// for this stream, and for the first time there. Else what is in them may come from a stream.
+class marshal_fresh {
+ public:
+  explicit marshal_fresh(bool fresh);
+  marshal_fresh(const marshal_fresh &) = delete;
+  marshal_fresh &operator=(const marshal_fresh &) = delete;
+  ~marshal_fresh();
+  [[nodiscard]] static bool here();
+
+ private:
+  bool before_;
+};
+
 // A place inside of an object.
 [[nodiscard]] inline void *marshal_place(void *object, int offset) {
   return static_cast<char *>(object) + offset;
@@ -125,6 +139,7 @@ template <class Desc, class Read>
   if (!object)
     return openssl_failure(PKI_OUT_OF_MEMORY);
   marshal_level level;
+  marshal_fresh fresh(!desc->is_inline || marshal_fresh::here());
   int error = level.check();
   if (!error)
     error = read(bio, object, desc);
@@ -136,10 +151,29 @@ template <class Desc, class Read>
 // dec_struct, whatever function of that name a host may have.
 [[nodiscard]] int marshal_read_struct(BIO *bio, void *target, const marshal_struct_desc *desc);
 
-// Empties a field that `dec` fills, with whatever the field holds freed as what it is, or with
-// what it holds left alone because it is not of that type.
+// A table ends with a row that is neither written nor read.
+[[nodiscard]] inline bool marshal_is_row(const marshal_field *row) {
+  return row && (row->enc || row->dec);
+}
+
+// The alternative that a selector names, or null.
+[[nodiscard]] const marshal_field *marshal_row_of(const marshal_choice_desc *desc, int selector);
+
+[[nodiscard]] inline int *marshal_selector(void *object, const marshal_choice_desc *desc) {
+  return static_cast<int *>(marshal_place(object, desc->selector_offset));
+}
+
+// Frees what a field that `dec` fills holds, as what it is.
 void marshal_release_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
+// Makes such a field empty, with what it holds left alone because it may be of another type: zeros
+// and null pointers, and a selector that names nothing.
 void marshal_forget_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
+// Whether forgetting empties all of the field: it has no decoder of the host's in it.
+[[nodiscard]] bool marshal_knows_field(marshal_dec_fn *dec, const void *dec_arg);
+// Whether the library knows all of the field, and it holds nothing: zeros and null pointers.
+[[nodiscard]] bool marshal_is_empty_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
+// Whether the field is an inline structure or choice.
+[[nodiscard]] bool marshal_is_embedded(marshal_dec_fn *dec, const void *dec_arg);
 
 }  // namespace pki
 

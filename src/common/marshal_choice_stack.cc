@@ -9,10 +9,6 @@ namespace pki {
 
 namespace {
 
-int *selector_of(void *object, const marshal_choice_desc *desc) {
-  return static_cast<int *>(marshal_place(object, desc->selector_offset));
-}
-
 const marshal_field *alternative_to_write(const marshal_choice_desc *desc, int selector) {
   for (const marshal_field *row = desc->alternatives; row->enc; row++)
     if (row->selector == selector)
@@ -28,7 +24,7 @@ const marshal_field *alternative_to_read(const marshal_choice_desc *desc, int ta
 }
 
 int write_value(BIO *bio, void *object, const marshal_choice_desc *desc) {
-  int selector = *selector_of(object, desc);
+  int selector = *marshal_selector(object, desc);
   const marshal_field *row = alternative_to_write(desc, selector);
   if (!row) {
     syslog(log_warning, "read unexpected tag: %d", selector);
@@ -38,22 +34,38 @@ int write_value(BIO *bio, void *object, const marshal_choice_desc *desc) {
   return row->enc(bio, value, row->tag, const_cast<void *>(row->enc_arg));
 }
 
-// An inline choice that stands twice has the value of the first in it, which the decoder of
-// another alternative would take for one of its own.
-void make_room_for_alternative(void *object, const marshal_choice_desc *desc,
-                               const marshal_field *next) {
-  int present = *selector_of(object, desc);
-  if (!desc->is_inline || present == next->selector)
-    return;
+// Members that decoders of the host's fill cannot be emptied: they would take for theirs what an
+// earlier alternative of the stream left.
+bool can_replace(const marshal_field *present, const marshal_field *next, void *value) {
+  if (marshal_fresh::here() || !marshal_is_embedded(next->dec, next->dec_arg) ||
+      marshal_knows_field(next->dec, next->dec_arg))
+    return true;
+  return marshal_is_empty_field(present->dec, present->dec_arg, value);
+}
+
+void drop_alternative(const marshal_field *row, void *value) {
+  marshal_release_field(row->dec, row->dec_arg, value);
+  marshal_forget_field(row->dec, row->dec_arg, value);
+}
+
+// A choice may hold a value already: its constructor's, or, of an inline one that stands twice, the
+// first one's. The decoder of another alternative would take it for one of its own.
+int make_room_for_alternative(void *object, const marshal_choice_desc *desc,
+                              const marshal_field *next) {
+  int selector = *marshal_selector(object, desc);
+  if (selector == next->selector)
+    return PKI_OK;
   void *value = marshal_place(object, desc->value_offset);
-  for (const marshal_field *row = desc->alternatives; row->dec; row++) {
-    if (row->selector != present)
-      continue;
-    marshal_release_field(row->dec, row->dec_arg, value);
-    marshal_forget_field(row->dec, row->dec_arg, value);
-    break;
+  const marshal_field *present = marshal_row_of(desc, selector);
+  if (present && !can_replace(present, next, value)) {
+    syslog(log_warning, "choice type %d cannot replace type %d", next->tag, present->tag);
+    return PKI_BIO_EOD;
   }
-  marshal_forget_field(next->dec, next->dec_arg, value);
+  if (present)
+    drop_alternative(present, value);
+  if (present || !marshal_fresh::here())
+    marshal_forget_field(next->dec, next->dec_arg, value);
+  return PKI_OK;
 }
 
 int read_value(BIO *bio, const marshal_block &block, void *object,
@@ -63,8 +75,9 @@ int read_value(BIO *bio, const marshal_block &block, void *object,
     syslog(log_warning, "unknown choice type %d", block.tag());
     return PKI_OK;
   }
-  make_room_for_alternative(object, desc, row);
-  *selector_of(object, desc) = row->selector;
+  if (int error = make_room_for_alternative(object, desc, row))
+    return error;
+  *marshal_selector(object, desc) = row->selector;
   return block.decode(bio, row->dec, marshal_place(object, desc->value_offset), row->dec_arg);
 }
 
@@ -123,7 +136,7 @@ using namespace pki;
 
 int enc_choice(BIO *bio, void *field, int tag, void *arg) {
   const auto *desc = static_cast<const marshal_choice_desc *>(arg);
-  if (!field || !desc || !desc->alternatives)
+  if (!bio || !field || !desc || !desc->alternatives)
     return PKI_INVALID_ARGS;
   return marshal_write_object(bio, field, tag, desc, write_value);
 }
@@ -131,14 +144,14 @@ int enc_choice(BIO *bio, void *field, int tag, void *arg) {
 int dec_choice(BIO *bio, int /*tag*/, const unsigned char * /*data*/, int /*len*/, void *target,
                void *arg) {
   const auto *desc = static_cast<const marshal_choice_desc *>(arg);
-  if (!target || !desc || !desc->alternatives || !marshal_can_make(desc))
+  if (!bio || !target || !desc || !desc->alternatives || !marshal_can_make(desc))
     return PKI_INVALID_ARGS;
   return marshal_read_object(bio, target, desc, read_choice);
 }
 
 int enc_stack(BIO *bio, void *field, int tag, void *arg) {
   const auto *desc = static_cast<const marshal_stack_desc *>(arg);
-  if (!field || !desc || !desc->element.enc)
+  if (!bio || !field || !desc || !desc->element.enc)
     return PKI_INVALID_ARGS;
   marshal_level level;
   if (int error = level.check())
@@ -160,7 +173,7 @@ int enc_stack(BIO *bio, void *field, int tag, void *arg) {
 int dec_stack(BIO *bio, int /*tag*/, const unsigned char * /*data*/, int /*len*/, void *target,
               void *arg) {
   const auto *desc = static_cast<const marshal_stack_desc *>(arg);
-  if (!target || !desc || !desc->elem_free || !desc->element.dec)
+  if (!bio || !target || !desc || !desc->elem_free || !desc->element.dec)
     return PKI_INVALID_ARGS;
   auto *field = static_cast<STACK **>(target);
   OPENSSL_sk_pop_free(*field, desc->elem_free);

@@ -46,7 +46,7 @@ int print_magic(BIO *bio, int len) {
   if (int error = read_fully(bio, magic, len))
     return error;
   // lint: allow printf: a dump is printed
-  std::printf("magic: `%.*s'\n", len > 0 ? len : 0, magic);
+  std::printf("magic: `%.*s'\n", len, magic);
   return PKI_OK;
 }
 

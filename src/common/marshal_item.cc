@@ -2,6 +2,7 @@
 #include <libpki/error.h>
 #include <openssl/buffer.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/alloc.h"
@@ -16,23 +17,33 @@ namespace {
 
 using buf_mem_ptr = std::unique_ptr<BUF_MEM, free_with<BUF_MEM_free>>;
 
-// A magic is text to people only as far as it is text.
-malloc_ptr<char> printable(const void *octets, int len) {
-  malloc_ptr<char> text(static_cast<char *>(allocate(static_cast<size_t>(len) + 1)));
-  if (!text)
-    return text;
-  const auto *from = static_cast<const char *>(octets);
-  for (int index = 0; index < len; index++)
-    text.get()[index] = from[index] >= ' ' && from[index] <= '~' ? from[index] : '.';
-  text.get()[len] = '\0';
-  return text;
-}
+// A magic is text to people only as far as it is text. When memory runs out, its start is.
+class printable {
+ public:
+  printable(const void *octets, int len) {
+    if (len > shown_without_memory) {
+      long_text_.reset(static_cast<char *>(allocate(static_cast<size_t>(len) + 1)));
+      if (!long_text_)
+        len = shown_without_memory;
+    }
+    char *to = long_text_ ? long_text_.get() : text_;
+    std::transform(static_cast<const char *>(octets), static_cast<const char *>(octets) + len, to,
+                   [](char octet) { return octet >= ' ' && octet <= '~' ? octet : '.'; });
+    to[len] = '\0';
+  }
+
+  [[nodiscard]] const char *text() const { return long_text_ ? long_text_.get() : text_; }
+
+ private:
+  static constexpr int shown_without_memory = 256;
+  char text_[shown_without_memory + 1];
+  malloc_ptr<char> long_text_;
+};
 
 void log_wrong_magic(const void *got, const void *expected, int len) {
-  malloc_ptr<char> got_text = printable(got, len);
-  malloc_ptr<char> expected_text = printable(expected, len);
-  syslog(log_critical, "magic is wrong: got '%s', expected '%s'", text_or_null(got_text.get()),
-         text_or_null(expected_text.get()));
+  const printable got_text(got, len), expected_text(expected, len);
+  syslog(log_critical, "magic is wrong: got '%s', expected '%s'", got_text.text(),
+         expected_text.text());
 }
 
 int check_magic(BIO *bio, const void *expected, int len) {

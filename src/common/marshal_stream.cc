@@ -1,5 +1,6 @@
 // The marshal stream: octets and blocks.
 #include <libpki/error.h>
+#include <openssl/err.h>
 #include <syslog.h>
 
 #include <climits>
@@ -36,9 +37,14 @@ bool has_ended(BIO *bio) {
   return BIO_eof(bio) > 0;
 }
 
-// A tag or a part of a length could not be read.
-int no_header(BIO *bio) {
-  if (!has_ended(bio))
+// Some streams end without BIO_eof knowing, such as TLS once the other side has closed it.
+bool gives_nothing(BIO *bio, int result) {
+  return result == 0 && !BIO_should_retry(bio) && !ERR_peek_error();
+}
+
+// A tag or a part of a length could not be read: `result` is what BIO_read returned.
+int no_header(BIO *bio, int result) {
+  if (!has_ended(bio) && !gives_nothing(bio, result))
     return openssl_failure(PKI_BIO_READ_ERROR);
   syslog(log_warning, "premature EOD on bio");
   return PKI_BIO_EOD;
@@ -60,15 +66,16 @@ int get_header(BIO *bio, int *tag, int *len) {
   unsigned char header[2];
   int had = BIO_read(bio, header, sizeof header);
   if (had < 1)
-    return no_header(bio);
+    return no_header(bio, had);
   *tag = header[0];
-  if (had < 2 && BIO_read(bio, &header[1], 1) < 1)
-    return no_header(bio);
+  if (had < 2)
+    if (int more = BIO_read(bio, &header[1], 1); more < 1)
+      return no_header(bio, more);
   unsigned char octet = header[1];
   uint64_t length = octet & length_group;
   while (octet & more_groups) {
-    if (BIO_read(bio, &octet, 1) < 1)
-      return no_header(bio);
+    if (int more = BIO_read(bio, &octet, 1); more < 1)
+      return no_header(bio, more);
     length = length << group_bits | (octet & length_group);
     if (length > uint64_t{marshal_max_length})
       return PKI_OUT_OF_MEMORY;

@@ -1,6 +1,8 @@
 // Structures of the marshal stream, how deep they nest, and how a block is skipped.
 #include <libpki/error.h>
 
+#include <cstdint>
+
 #include "common/limits.h"
 #include "common/log.h"
 #include "common/marshal.h"
@@ -10,6 +12,22 @@ namespace pki {
 namespace {
 
 __attribute__((tls_model("initial-exec"))) thread_local int depth_of_this_thread = 0;
+__attribute__((tls_model("initial-exec"))) thread_local bool fresh_on_this_thread = false;
+
+class tag_set {
+ public:
+  // Returns whether it was there.
+  bool add(int tag) {
+    uint64_t &word = words_[tag / 64 % 4];
+    uint64_t bit = uint64_t{1} << tag % 64;
+    bool there = word & bit;
+    word |= bit;
+    return there;
+  }
+
+ private:
+  uint64_t words_[4] = {};
+};
 
 const marshal_field *row_to_read(const marshal_field *row, int tag) {
   for (; row->dec; row++)
@@ -18,16 +36,20 @@ const marshal_field *row_to_read(const marshal_field *row, int tag) {
   return nullptr;
 }
 
-int read_field(BIO *bio, const marshal_block &block, void *object, const marshal_field *fields) {
+int read_field(BIO *bio, const marshal_block &block, void *object, const marshal_field *fields,
+               tag_set *seen) {
   const marshal_field *row = row_to_read(fields, block.tag());
   if (!row) {
     syslog(log_warning, "read unexpected tag: %d", block.tag());
     return PKI_OK;
   }
+  bool again = seen->add(block.tag());
+  marshal_fresh fresh(!again && marshal_fresh::here());
   return block.decode(bio, row->dec, marshal_place(object, row->offset), row->dec_arg);
 }
 
 int read_fields(BIO *bio, void *object, const marshal_struct_desc *desc) {
+  tag_set seen;
   for (;;) {
     marshal_block block;
     if (int error = block.read(bio))
@@ -38,7 +60,7 @@ int read_fields(BIO *bio, void *object, const marshal_struct_desc *desc) {
       syslog(log_warning, "unexpected EOD - no end-tag found");
       return PKI_OK;
     }
-    if (int error = read_field(bio, block, object, desc->fields))
+    if (int error = read_field(bio, block, object, desc->fields, &seen))
       return error;
   }
 }
@@ -69,8 +91,20 @@ int marshal_level::check() const {
   return PKI_OUT_OF_MEMORY;
 }
 
+marshal_fresh::marshal_fresh(bool fresh) : before_(fresh_on_this_thread) {
+  fresh_on_this_thread = fresh;
+}
+
+marshal_fresh::~marshal_fresh() {
+  fresh_on_this_thread = before_;
+}
+
+bool marshal_fresh::here() {
+  return fresh_on_this_thread;
+}
+
 int marshal_read_struct(BIO *bio, void *target, const marshal_struct_desc *desc) {
-  if (!target || !desc || !desc->fields || !marshal_can_make(desc))
+  if (!bio || !target || !desc || !desc->fields || !marshal_can_make(desc))
     return PKI_INVALID_ARGS;
   return marshal_read_object(bio, target, desc, read_fields);
 }
@@ -81,7 +115,7 @@ using namespace pki;
 
 int enc_struct(BIO *bio, void *field, int tag, void *arg) {
   const auto *desc = static_cast<const marshal_struct_desc *>(arg);
-  if (!field || !desc || !desc->fields)
+  if (!bio || !field || !desc || !desc->fields)
     return PKI_INVALID_ARGS;
   return marshal_write_object(bio, field, tag, desc, write_fields);
 }

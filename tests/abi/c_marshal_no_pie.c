@@ -12,6 +12,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 static int failures = 0;
 
@@ -270,6 +271,93 @@ static void check_round_trip(void) {
   BIO_free(io);
 }
 
+/* ---- a choice of two structures within ---- */
+
+typedef struct moment {
+  char *name;
+  time_t since;
+  struct tm when;
+} moment;
+
+typedef struct slot {
+  int kind;
+  union {
+    moment moment;
+    int numbers[24];
+  } value;
+} slot;
+
+static const marshal_field moment_fields[] = {
+    {.offset = offsetof(moment, name), .tag = 1, .enc = enc_str, .dec = dec_str},
+    {.offset = offsetof(moment, since), .tag = 2, .enc = enc_time, .dec = dec_time},
+    {.offset = offsetof(moment, when), .tag = 3, .enc = enc_struct_tm, .dec = dec_struct_tm},
+    {.enc = NULL, .dec = NULL},
+};
+
+static const marshal_field number_fields[] = {
+    {.offset = offsetof(moment, when) + offsetof(struct tm, tm_hour),
+     .tag = 1,
+     .enc = enc_int,
+     .dec = dec_int},
+    {.enc = NULL, .dec = NULL},
+};
+
+static const marshal_struct_desc moment_desc = {
+    .end_tag = 9, .is_inline = 1, .fields = moment_fields};
+static const marshal_struct_desc numbers_desc = {
+    .end_tag = 9, .is_inline = 1, .fields = number_fields};
+
+static const marshal_field slot_rows[] = {
+    {.selector = 1,
+     .tag = 11,
+     .enc = enc_struct,
+     .enc_arg = &moment_desc,
+     .dec = dec_struct,
+     .dec_arg = &moment_desc},
+    {.selector = 2,
+     .tag = 12,
+     .enc = enc_struct,
+     .enc_arg = &numbers_desc,
+     .dec = dec_struct,
+     .dec_arg = &numbers_desc},
+    {.enc = NULL, .dec = NULL},
+};
+
+static const marshal_choice_desc slot_desc = {
+    .end_tag = 10,
+    .selector_offset = offsetof(slot, kind),
+    .value_offset = offsetof(slot, value),
+    .is_inline = 1,
+    .alternatives = slot_rows,
+};
+
+static void read_slot(BIO *io, slot *into) {
+  CHECK(dec_choice(io, 13, NULL, 0, into, (void *)(uintptr_t)&slot_desc) == 0);
+}
+
+/* The host's addresses of dec_int, dec_time and dec_struct_tm are the library's. */
+static void check_emptied_place(void) {
+  int number = 0x41414141;
+  slot here;
+  BIO *io = NULL;
+  memset(&here, 0, sizeof here);
+  CHECK(new_write_buffer(&io, 0) == 0);
+  write_empty(io, 12);
+  CHECK(enc_int(io, &number, 1, NULL) == 0);
+  write_empty(io, 9);
+  write_empty(io, 10);
+  write_empty(io, 11);
+  write_empty(io, 9);
+  write_empty(io, 10);
+  read_slot(io, &here);
+  CHECK(here.kind == 2);
+  CHECK(here.value.moment.when.tm_hour == number);
+  read_slot(io, &here);
+  CHECK(here.kind == 1);
+  CHECK(here.value.moment.when.tm_hour == 0);
+  BIO_free(io);
+}
+
 /* The tables may hold OpenSSL's decoders too. */
 static void check_openssl_decoder(void) {
   const unsigned char der[] = {2, 1, 5};
@@ -289,6 +377,7 @@ int main(void) {
   CHECK(pair != NULL);
   check_round_trip();
   check_openssl_decoder();
+  check_emptied_place();
   for (first = TEXT; first <= POINT; first++)
     for (second = TEXT; second <= POINT; second++)
       for (third = TEXT; third <= POINT; third++)

@@ -197,14 +197,17 @@ struct script {
   size_t writes_left = static_cast<size_t>(-1);
   int failure = -1;       // what a failing call returns
   int queued_reason = 0;  // what it queues in OpenSSL's error queue
+  bool wants_retry = false;
   std::string output = {};
   std::vector<size_t> asked = {};  // octets that each write was asked to take
   size_t position = 0;
 };
 
-inline int script_failure(const script *of) {
+inline int script_failure(BIO *bio, const script *of) {
   if (of->queued_reason)
     raise_openssl_error(of->queued_reason);
+  if (of->wants_retry)
+    BIO_set_retry_read(bio);
   return of->failure;
 }
 inline int script_write(BIO *bio, const char *data, int length) {
@@ -212,7 +215,7 @@ inline int script_write(BIO *bio, const char *data, int length) {
   of->asked.push_back(static_cast<size_t>(length));
   size_t count = std::min({of->chunk, of->writes_left, static_cast<size_t>(length)});
   if (!count)
-    return script_failure(of);
+    return script_failure(bio, of);
   of->output.append(data, count);
   of->writes_left -= count;
   return static_cast<int>(count);
@@ -221,7 +224,7 @@ inline int script_read(BIO *bio, char *data, int length) {
   script *of = static_cast<script *>(BIO_get_data(bio));
   size_t rest = of->input.size() - of->position;
   if (of->reads_left == 0)
-    return script_failure(of);
+    return script_failure(bio, of);
   size_t count = std::min({of->chunk, of->reads_left, rest, static_cast<size_t>(length)});
   memcpy(data, of->input.data() + of->position, count);
   of->position += count;

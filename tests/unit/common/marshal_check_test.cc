@@ -141,6 +141,19 @@ TEST_F(MarshalCheck, AChangeWithinTheStructuresDataIs4) {
   }
 }
 
+TEST_F(MarshalCheck, LengthOfTheCheckBlockMayHaveLeadingZeroGroups) {
+  const std::string digest = digest_of(structure, EVP_sha1());
+  EXPECT_EQ(read(verify_digest, opening + support::from_hex("218014") + digest), 0);
+  EXPECT_EQ(read(verify_digest, opening + support::from_hex("21808014") + digest), 0);
+}
+
+TEST_F(MarshalCheck, StartOfTheEnvelopeMayCarryData) {
+  EXPECT_EQ(read(verify_digest,
+                 block(start, "x") + structure + block(check, digest_of(structure, EVP_sha1()))),
+            0);
+  EXPECT_STREQ(target->text, "a note");
+}
+
 TEST_F(MarshalCheck, UnknownBlocksWithinTheStructureAreDigestedToo) {
   std::string longer = block(content) + block(0x77, "unknown") + block(support::note_end);
   EXPECT_EQ(
@@ -242,6 +255,15 @@ TEST_F(MarshalCheck, KeyThatCannotSignIs44) {
   EXPECT_EQ(write(create_sig), 44);
   EXPECT_EQ(written, opening) << "no check block";
   expect_openssl_lines();
+}
+
+TEST_F(MarshalCheck, KeyWithoutASizeIs44) {
+  support::key empty(EVP_PKEY_new(), EVP_PKEY_free);
+  desc.sign_key = empty.get();
+  EXPECT_EQ(write(create_sig), 44);
+  EXPECT_EQ(written, opening) << "no check block";
+  support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
+  EXPECT_EQ(write(create_sig), 2);
 }
 
 TEST_F(MarshalCheck, OutOfMemoryInOpensslsQueueIsThatCode) {

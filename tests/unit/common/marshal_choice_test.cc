@@ -243,6 +243,55 @@ TEST_F(MarshalChoice, EndOfTheDataForAnAlternativeIsAnUnknownOne) {
   EXPECT_TRUE(was_logged(4, "unknown choice type 0")) << log_dump();
 }
 
+TEST_F(MarshalChoice, TheFirstRowThatFitsCounts) {
+  const marshal_field rows[] = {field(1, 2, enc_int, dec_int), field(1, 3, enc_str, dec_str),
+                                field(4, 2, enc_str, dec_str), last_field()};
+  marshal_choice_desc twice = inline_desc;
+  twice.alternatives = rows;
+  selected sent = {}, back = {};
+  sent.kind = 1;
+  sent.value.number = 5;
+  const std::string octets = encoded(enc_choice, &sent, 0x40, &twice);
+  EXPECT_EQ(octets, block(0x40) + int_block(2, 5) + block(0x4f)) << "by the selector";
+  EXPECT_EQ(decode(octets, dec_choice, &back, &twice), 0);
+  EXPECT_EQ(back.kind, 1) << "by the tag";
+  EXPECT_EQ(back.value.number, 5);
+}
+
+TEST_F(MarshalChoice, InlineChoiceIsNeitherMadeNorFreed) {
+  marshal_choice_desc here = inline_desc;
+  here.ctor = []() -> void * { return ADD_FAILURE(), nullptr; };
+  here.dtor = [](void *) { ADD_FAILURE(); };
+  selected object = {};
+  EXPECT_EQ(decode(block(0x40) + int_block(0x42, 5) + block(0x4f), dec_choice, &object, &here), 0);
+  EXPECT_EQ(object.value.number, 5);
+  EXPECT_EQ(decode(block(0x40) + int_block(0x42, 6), dec_choice, &object, &here), 42);
+  EXPECT_EQ(object.value.number, 6) << "as far as it got";
+}
+
+TEST_F(MarshalChoice, StreamThatTakesNoMoreIs9WhereverThatIs) {
+  selected sent = {};
+  sent.kind = number_kind;
+  const std::string whole = encoded(enc_choice, &sent, 0x40, &inline_desc);
+  for (size_t room = 0; room < whole.size(); room++) {
+    support::script of;
+    of.writes_left = room;
+    EXPECT_EQ(enc_choice(support::scripted(&of).get(), &sent, 0x40, support::arg(&inline_desc)), 9);
+    EXPECT_EQ(of.output, whole.substr(0, room));
+  }
+}
+
+TEST_F(MarshalChoice, StreamThatFailsIs10AndLeavesNull) {
+  const std::string whole = block(0x40) + block(0x41, "abc") + block(0x4f);
+  for (size_t given = 2; given < whole.size(); given++) {
+    support::script of{.input = whole};
+    of.reads_left = given;
+    read = static_cast<selected *>(new_selected());
+    EXPECT_EQ(decode(support::scripted(&of).get(), dec_choice, &read, &desc), 10) << given;
+    EXPECT_EQ(read, nullptr) << given;
+  }
+}
+
 TEST_F(MarshalChoice, InputThatRunsOutIs42AndLeavesNull) {
   std::string octets = block(0x40) + note_octets("hello", 1, 0x43) + block(0x4f);
   for (size_t length = 2; length < octets.size(); length++) {
@@ -306,6 +355,18 @@ TEST_F(MarshalChoice, NullArgumentsAreRefused) {
   EXPECT_EQ(dec_choice(nullptr, 1, nullptr, 0, &target, support::arg(&desc)), 63);
   EXPECT_EQ(dec_choice(io.get(), 1, nullptr, 0, nullptr, support::arg(&desc)), 63);
   EXPECT_EQ(dec_choice(io.get(), 1, nullptr, 0, &target, nullptr), 63);
+}
+
+TEST_F(MarshalChoice, NullStreamLeavesTheObjectThatIsThere) {
+  read = static_cast<selected *>(new_selected());
+  selected *before = read;
+  EXPECT_EQ(dec_choice(nullptr, 1, nullptr, 0, &read, support::arg(&desc)), 63);
+  EXPECT_EQ(read, before);
+}
+
+TEST_F(MarshalChoice, NullStreamIsRefusedWhereNothingWouldBeWrittenToo) {
+  selected *none = nullptr;
+  EXPECT_EQ(enc_choice(nullptr, &none, 1, support::arg(&desc)), 63);
 }
 
 }  // namespace

@@ -58,6 +58,20 @@ TEST_F(MarshalDump, MagicOf100OctetsIsPrintedAndOf101NothingIsRead) {
   }
 }
 
+TEST_F(MarshalDump, MagicIsPrintedUpToItsNul) {
+  EXPECT_EQ(dump(std::string("MA\0IC", 5) + end_of_data, 5), 0);
+  EXPECT_EQ(printed, "magic: `MA'\n<0 val=\"\">\n");
+}
+
+TEST_F(MarshalDump, MagicOfNegativeLengthIsRefused) {
+  stream in = stream_of(end_of_data);
+  for (int length : {-1, INT_MIN}) {
+    EXPECT_EQ(dump(in.get(), length), 63);
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(octets_in(in), end_of_data);
+  }
+}
+
 TEST_F(MarshalDump, BlocksAreNumbersAndUpperCaseDigits) {
   EXPECT_EQ(dump(block(7, "\x01\xab") + block(255, "") + end_of_data, 0), 0);
   EXPECT_EQ(printed, "magic: `'\n<7 val=\"01AB\">\n<255 val=\"\">\n<0 val=\"\">\n");

@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "fakes/allocator.h"
 #include "fakes/log_capture.h"
 #include "support/marshal.h"
 
@@ -73,6 +74,11 @@ TEST_F(MarshalItem, TagOfTheFirstBlockIsNotCompared) {
 TEST_F(MarshalItem, NullObjectIsMagicAndEndOnly) {
   EXPECT_EQ(marshalled(nullptr, "MAGIC", 5), "MAGIC" + end_of_data);
   EXPECT_EQ(marshalled(nullptr, nullptr, 0), end_of_data);
+}
+
+TEST_F(MarshalItem, NullObjectDoesNotComeBack) {
+  EXPECT_EQ(read(marshalled(nullptr, "MAGIC", 5), "MAGIC", 5), 42);
+  EXPECT_EQ(target.object, nullptr);
 }
 
 int seen_tag, seen_length;
@@ -150,6 +156,37 @@ TEST_F(MarshalItem, WrongMagicIsShownUpToItsLengthWithoutANul) {
 TEST_F(MarshalItem, WrongMagicIsNoFormat) {
   EXPECT_EQ(read("%s%n" + note_octets("hi", 3), "%d%u", 4), 7);
   EXPECT_TRUE(was_logged(2, "magic is wrong: got '%s%n', expected '%d%u'")) << log_dump();
+}
+
+TEST_F(MarshalItem, WrongMagicIsShownWithDotsForWhatIsNotPrintable) {
+  EXPECT_EQ(read(std::string("A\0\n\x7f\x80 ~", 7) + note_octets("hi", 3), "M\x1fGIC\xff.", 7), 7);
+  EXPECT_TRUE(was_logged(2, "magic is wrong: got 'A.... ~', expected 'M.GIC..'")) << log_dump();
+}
+
+TEST_F(MarshalItem, WrongMagicIsShownWholeHoweverLongItIs) {
+  for (size_t length : {255, 256, 257, 5000}) {
+    const std::string got(length, 'g'), wanted(length, 'w');
+    EXPECT_EQ(read(got, wanted.data(), static_cast<int>(length)), 7);
+    EXPECT_TRUE(was_logged(2, "magic is wrong: got '" + got + "', expected '" + wanted + "'"));
+  }
+}
+
+// The first allocation is for the magic itself.
+TEST_F(MarshalItem, WrongMagicIsShownWithoutMemoryToo) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be told to fail";
+  for (size_t length : {5, 256, 257, 5000}) {
+    const std::string got(length, 'g'), wanted(length, 'w');
+    stream in = stream_of(got);
+    fake_allocator::fail_at(2, true);
+    int code =
+        unmarshall(in.get(), &target.object, &note_item, wanted.data(), static_cast<int>(length));
+    fake_allocator::stop_failing();
+    EXPECT_EQ(code, 7);
+    EXPECT_TRUE(was_logged(2, "magic is wrong: got '" + got.substr(0, 256) + "', expected '" +
+                                  wanted.substr(0, 256) + "'"))
+        << log_dump();
+  }
 }
 
 TEST_F(MarshalItem, EachOctetOfTheMagicIsCompared) {

@@ -239,6 +239,20 @@ TEST_F(MarshalKeys, WhatIsNoStructureOfTheTypeIs15) {
   expect_openssl_lines();
 }
 
+TEST_F(MarshalKeys, WhatIsNoStructureOfTheTypeMayCostTheObjectThatWasThere) {
+  // Most of OpenSSL's decoders free it, some leave it alone: the target says which.
+  X509 *cert = X509_dup(support::make_cert().get());
+  EXPECT_EQ(decode(block(1, "junk"), dec_asn1_struct, &cert, support::d2i(d2i_X509)), 15);
+  EXPECT_EQ(cert, nullptr);
+  expect_openssl_lines();
+  target = EVP_PKEY_dup(pair.get());
+  EVP_PKEY *before = target;
+  EXPECT_EQ(decode(block(1, "junk"), dec_asn1_struct, &target, support::d2i(d2i_PUBKEY)), 15);
+  EXPECT_EQ(target, before);
+  EXPECT_EQ(EVP_PKEY_eq(target, pair.get()), 1);
+  expect_openssl_lines();
+}
+
 TEST_F(MarshalKeys, NullArgumentsAreRefused) {
   stream out = empty_stream();
   EXPECT_EQ(enc_pub_key(out.get(), nullptr, 1, nullptr), 63);

@@ -145,6 +145,36 @@ TEST_F(MarshalStack, InputThatRunsOutIs42AndFreesWhatWasRead) {
   }
 }
 
+TEST_F(MarshalStack, InputThatRunsOutFreesTheStackThatWasThereToo) {
+  read = stack_of({"x", "y"});
+  EXPECT_EQ(read_from(block(0x50) + block(0x52, "a")), 42);
+  EXPECT_EQ(read, nullptr);
+  EXPECT_EQ(freed, 3);
+}
+
+TEST_F(MarshalStack, StreamThatTakesNoMoreIs9WhereverThatIs) {
+  STACK *sent = stack_of({"a", "b"});
+  const std::string whole = encoded(enc_stack, &sent, 0x50, &texts);
+  for (size_t room = 0; room < whole.size(); room++) {
+    support::script of;
+    of.writes_left = room;
+    EXPECT_EQ(enc_stack(support::scripted(&of).get(), &sent, 0x50, support::arg(&texts)), 9);
+    EXPECT_EQ(of.output, whole.substr(0, room));
+  }
+  OPENSSL_sk_pop_free(sent, free_text);
+}
+
+TEST_F(MarshalStack, StreamThatFailsIs10AndLeavesNull) {
+  const std::string whole = block(0x50) + block(0x52, "a") + block(0x52, "b") + block(0x51);
+  for (size_t given = 2; given < whole.size(); given++) {
+    support::script of{.input = whole};
+    of.reads_left = given;
+    read = stack_of({"x"});
+    EXPECT_EQ(decode(support::scripted(&of).get(), dec_stack, &read, &texts), 10) << given;
+    EXPECT_EQ(read, nullptr);
+  }
+}
+
 int dec_fails_at_b(BIO *bio, int tag, const unsigned char *data, int len, void *target, void *arg) {
   return len && *data == 'b' ? 77 : dec_str(bio, tag, data, len, target, arg);
 }
@@ -243,6 +273,14 @@ TEST_F(MarshalStack, NullArgumentsAreRefused) {
   EXPECT_EQ(dec_stack(io.get(), 1, nullptr, 0, nullptr, support::arg(&texts)), 63);
   EXPECT_EQ(dec_stack(io.get(), 1, nullptr, 0, &read, nullptr), 63);
   EXPECT_EQ(octets_in(io), "");
+}
+
+TEST_F(MarshalStack, NullStreamLeavesTheStackThatIsThere) {
+  read = stack_of({"x"});
+  STACK *before = read;
+  EXPECT_EQ(dec_stack(nullptr, 1, nullptr, 0, &read, support::arg(&texts)), 63);
+  ASSERT_EQ(read, before);
+  EXPECT_STREQ(text(0), "x");
 }
 
 }  // namespace

@@ -318,6 +318,32 @@ void *no_object() {
   return nullptr;
 }
 
+TEST_F(MarshalStruct, InlineStructureIsNeitherMadeNorFreed) {
+  marshal_struct_desc here = support::inline_note_desc;
+  here.ctor = []() -> void * { return ADD_FAILURE(), nullptr; };
+  here.dtor = [](void *) { ADD_FAILURE(); };
+  note object;
+  EXPECT_EQ(decode(block(1) + int_block(support::note_number, 5) + block(support::note_end),
+                   dec_struct, &object, &here),
+            0);
+  EXPECT_EQ(object.number, 5);
+  EXPECT_EQ(decode(block(1) + int_block(support::note_number, 6), dec_struct, &object, &here), 42);
+  EXPECT_EQ(object.number, 6);
+}
+
+TEST_F(MarshalStruct, NullStreamLeavesTheObjectThatIsThere) {
+  note_owner there("kept", 1);
+  note *before = there.object;
+  EXPECT_EQ(dec_struct(nullptr, 1, nullptr, 0, &there.object, support::arg(&note_desc)), 63);
+  ASSERT_EQ(there.object, before);
+  EXPECT_STREQ(there->text, "kept");
+}
+
+TEST_F(MarshalStruct, NullStreamIsRefusedWhereNothingWouldBeWrittenToo) {
+  note *none = nullptr;
+  EXPECT_EQ(enc_struct(nullptr, &none, 1, support::arg(&note_desc)), 63);
+}
+
 TEST_F(MarshalStruct, ConstructorWithoutAnObjectIsOutOfMemory) {
   const marshal_struct_desc desc = {
       0, 0x11, no_object, support::free_note, 0, support::note_fields};

@@ -119,6 +119,26 @@ TEST_F(MarshalTamper, EveryChangeOfASmallDigestEnvelope) {
   expect_truncations_refused(octets);
 }
 
+// What was damaged is not only told by the digest: a length may lead out of the input (42) or out
+// of an int (2), or the check block away (3), and a field may not do with its data (42).
+TEST_F(MarshalTamper, AChangeOfATagOrALengthIs4OrTheCodeOfWhatItLedTo) {
+  note_owner sent("a note", 42);
+  const std::string octets = marshalled(sent.object);
+  const size_t structure_at = magic_length + block(start).size();
+  const size_t structure_end = structure_at + note_octets("a note", 42).size();
+  std::set<int> seen;
+  for (size_t at = structure_at; at < structure_end; at++)
+    for (int change : all_changes()) {
+      std::string other = octets;
+      other[at] = static_cast<char>(other[at] ^ change);
+      int code = read(other);
+      EXPECT_TRUE(code == 4 || code == 42 || code == 2 || code == 3) << at << ": " << code;
+      seen.insert(code);
+    }
+  EXPECT_TRUE(seen.count(4) && seen.count(42));
+  clear_log();
+}
+
 TEST_F(MarshalTamper, EveryChangeOfASmallSignedEnvelope) {
   sign();
   note_owner sent("a note", 42);

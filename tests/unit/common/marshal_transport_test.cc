@@ -14,6 +14,7 @@
 namespace {
 
 using support::block;
+using support::from_hex;
 using support::hex;
 using support::note;
 using support::note_desc;
@@ -37,6 +38,14 @@ struct MarshalTransport : testing::Test {
   }
   static int read_note(BIO *bio, note_owner *out) {
     return unmarshall(bio, &out->object, &note_item, "MAGI", 4);
+  }
+  // The code of reading a block.
+  static int block_code(script *of) {
+    int tag = 0, length = 0;
+    unsigned char *data = nullptr;
+    int code = read_block(scripted(of).get(), &tag, &length, &data);
+    EXPECT_EQ(data, nullptr);
+    return code;
   }
   const std::string whole = "MAGI" + note_octets("some text", 77) + support::end_of_data;
 };
@@ -111,7 +120,7 @@ TEST_F(MarshalTransport, StreamThatFailsInMagicOrDataIs10) {
 }
 
 TEST_F(MarshalTransport, StreamThatFailsInATagOrLengthIs10AndNoEnd) {
-  for (int failure : {-1, 0, -2})
+  for (int failure : {-1, -2})
     for (size_t given : headers_at) {
       script of{.input = whole};
       of.reads_left = given;
@@ -122,6 +131,60 @@ TEST_F(MarshalTransport, StreamThatFailsInATagOrLengthIs10AndNoEnd) {
     }
   EXPECT_FALSE(was_logged(4, premature)) << log_dump();
   EXPECT_EQ(support::notes_alive, 0);
+}
+
+TEST_F(MarshalTransport, StreamThatGivesNothingForATagOrLengthHasEnded) {
+  for (size_t given : headers_at) {
+    clear_log();
+    script of{.input = whole};
+    of.reads_left = given;
+    of.failure = 0;
+    note_owner read;
+    EXPECT_EQ(read_note(scripted(&of).get(), &read), 42) << given;
+    EXPECT_EQ(read.object, nullptr) << given;
+    std::vector<log_entry> expected = {{4, premature}};
+    EXPECT_EQ(captured_log(), expected) << log_dump();
+  }
+}
+
+TEST_F(MarshalTransport, StreamThatGivesNothingYetIs10) {
+  for (size_t given : {0, 1, 2}) {
+    script of{.input = from_hex("058103")};
+    of.reads_left = given;
+    of.failure = 0;
+    of.wants_retry = true;
+    EXPECT_EQ(block_code(&of), 10) << given;
+  }
+  EXPECT_TRUE(captured_log().empty()) << log_dump();
+}
+
+TEST_F(MarshalTransport, OpensslsErrorsOfABlockAreLoggedAtLevel3) {
+  for (int failure : {-1, 0})
+    for (size_t given : {0, 1, 2, 3, 4}) {
+      clear_log();
+      script of{.input = from_hex("05818261626364")};
+      of.reads_left = given;
+      of.failure = failure;
+      of.queued_reason = 101;
+      EXPECT_EQ(block_code(&of), 10) << given;
+      ASSERT_EQ(captured_log().size(), 1u) << given << log_dump();
+      EXPECT_EQ(captured_log()[0].level, 3);
+      EXPECT_EQ(captured_log()[0].text.rfind("OpenSSL error: error:", 0), 0u) << log_dump();
+    }
+}
+
+TEST_F(MarshalTransport, OutOfMemoryInATagALengthOrDataIsThatCode) {
+  for (int failure : {-1, 0})
+    for (size_t given : {0, 1, 2, 3, 4}) {
+      clear_log();
+      script of{.input = from_hex("05818261626364")};
+      of.reads_left = given;
+      of.failure = failure;
+      of.queued_reason = ERR_R_MALLOC_FAILURE;
+      EXPECT_EQ(block_code(&of), 2) << given;
+      EXPECT_EQ(captured_log().size(), 1u) << log_dump();
+      EXPECT_TRUE(logged_containing(3, "malloc failure")) << log_dump();
+    }
 }
 
 TEST_F(MarshalTransport, InputThatEndsIs42WhereverThatIs) {
