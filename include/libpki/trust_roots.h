@@ -23,24 +23,32 @@ PKI_BEGIN_DECLS
  * time:
  *
  *   - the CA "root" with its status rules: what the public roots and their intermediate issued is
- *     looked up in the CRLs that those CAs published, unless its own sources are final. The
- *     intermediate becomes an untrusted certificate.
+ *     looked up in the CRLs that those CAs published, after the certificate's own sources, when
+ *     these give no definite answer. The intermediate becomes an untrusted certificate.
  *   - with `with_eng`, the CA "engineering" with a rule that takes what the engineering root issued
- *     for good, after the certificate's own sources. The engineering root stays in the store: from
- *     then on every call copies it into its `store`, `with_eng` or not.
+ *     for good, after the certificate's own sources, when these give no definite answer. The
+ *     engineering root stays in the store: from then on every call copies it into its `store`,
+ *     `with_eng` or not.
  *   - at each call, the PEM certificates of the folder /etc/pki/roots into the CA "other": the
- *     first certificate of each regular file, if its subject has an organizationName. Files that
- *     cannot be used are skipped with a line at level 3; encrypted ones are not asked about. No
- *     folder is no failure.
+ *     first certificate of each regular file of at most 1 MiB, if its subject has an
+ *     organizationName and its key is of an algorithm that OpenSSL knows. Files that cannot be used
+ *     are skipped with a line at level 3; encrypted ones are not asked about. No folder is no
+ *     failure. What was read once stays trusted until the process ends, also when its file leaves
+ *     the folder; a certificate of the issuer and serial number of one that the CA holds, such as
+ *     that root renewed, is not taken.
  *
- * A CA of one of the labels that is in the store is added to.
+ * A CA of one of the labels that is in the store is added to; when that fails, it is left as it
+ * was.
  *
  * Returns 1; 0 when something of the first two, or the copying, failed (a line at level 3), when
  * `store` is null, or before libpki_init. What failed is tried again by the next call. Any thread.
  */
 PKI_API int pki_ver_setup_trust_roots(X509_STORE *store, unsigned char with_eng);
 
-/* 1 if `cert` is one of the CA "engineering", else 0, also for null. Any thread. */
+/*
+ * 1 if `cert` is one of the CA "engineering", else 0, also for null and when memory ran out (as a
+ * rule a line at level 3). Any thread.
+ */
 PKI_API int pki_ver_eng_root(const X509 *cert);
 
 PKI_END_DECLS

@@ -81,6 +81,10 @@ constexpr int crl_max_fetches = 64;
 // Delta CRLs that are tried for one base.
 constexpr int crl_max_delta_records = 16;
 
+// Trust roots. A file of the device's folder, which holds one certificate: a large one is put there
+// by mistake.
+constexpr int root_file_max_bytes = 1024 * 1024;
+
 // Caches.
 constexpr int status_cache_records = 20;
 constexpr uint32_t crl_cache_bytes = 50000;

@@ -19,6 +19,8 @@ using crl_info_ptr = std::unique_ptr<crl_info, free_with<free_crl_info>>;
 constexpr uint32_t all_reasons = 511;
 // After the certificate's own sources.
 constexpr unsigned char flag0 = 1;
+// Of an issuer without a text of its own, in the log.
+constexpr int issuer_text_bytes = 256;
 
 int failed_allocation(const char *what) {
   syslog(log_error, "%s", what);
@@ -29,11 +31,27 @@ int no_lists() {
   return failed_allocation("add_cert_sts_info: failed alloc rules or crls");
 }
 
-int issuer_of(const override_rule &rule, X509 *const *certs, X509_NAME **name) {
+// A rule matches every name that has the entries of its own: without any, it would match all.
+int issuer_of(const override_rule &rule, X509 *const *certs, x509_name_ptr *name) {
+  X509_NAME *made = nullptr;
+  int error = PKI_OK;
   if (rule.issuer)
-    return parse_rfc1779_str(rule.issuer, name);
-  *name = X509_NAME_dup(X509_get_subject_name(certs[0]));
-  return *name ? PKI_OK : PKI_OUT_OF_MEMORY;
+    error = parse_rfc1779_str(rule.issuer, &made);
+  else if (!(made = X509_NAME_dup(X509_get_subject_name(certs[0]))))
+    error = PKI_OUT_OF_MEMORY;
+  name->reset(made);
+  if (error)
+    return error;
+  return X509_NAME_entry_count(made) > 0 ? PKI_OK : PKI_DN_NO_VALUE;
+}
+
+int bad_issuer(const override_rule &rule, X509 *const *certs, int error) {
+  char subject[issuer_text_bytes] = "";
+  if (!rule.issuer)
+    X509_NAME_oneline(X509_get_subject_name(certs[0]), subject, sizeof subject);
+  syslog(log_error, "failed to parse issuer '%s': %s", rule.issuer ? rule.issuer : subject,
+         pki_strerror(static_cast<unsigned>(error)));
+  return log_reasons(error);
 }
 
 int make_issuer_rule(const override_rule &rule, X509 *const *certs, match_rule_ptr *made) {
@@ -41,13 +59,10 @@ int make_issuer_rule(const override_rule &rule, X509 *const *certs, match_rule_p
   if (!*made)
     return failed_allocation("add_cert_sts_info: failed alloc match rule");
   (*made)->type = PKI_MATCH_ISSUER;
-  X509_NAME *name = nullptr;
-  if (int error = issuer_of(rule, certs, &name)) {
-    syslog(log_error, "failed to parse issuer '%s': %s", text_or_null(rule.issuer),
-           pki_strerror(static_cast<unsigned>(error)));
-    return log_reasons(error);
-  }
-  (*made)->name_or_low = name;
+  x509_name_ptr name;
+  if (int error = issuer_of(rule, certs, &name))
+    return bad_issuer(rule, certs, error);
+  (*made)->name_or_low = name.release();
   return PKI_OK;
 }
 

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "common/alloc.h"
+#include "common/limits.h"
 #include "common/log.h"
 #include "common/ossl_ptr.h"
 #include "pki/internal.h"
@@ -26,6 +27,9 @@ namespace {
 
 constexpr size_t path_bytes = 128;
 constexpr int organization_bytes = 128;
+constexpr size_t read_bytes = 4096;
+// A folder on a big file system has to be readable on 32-bit machines too.
+static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8);
 
 using folder_ptr = std::unique_ptr<DIR, free_with<closedir>>;
 
@@ -33,39 +37,66 @@ void log_unread(const char *path, int error) {
   syslog(log_error, "failed to read cert %s: %s", path, strerror(error));
 }
 
-// A regular file, opened for reading; -1 with errno. Anything else might never end.
-int open_regular_file(const char *path) {
-  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0)
-    return -1;
-  struct stat info;
-  int reason = EINVAL;
-  if (fstat(fd, &info) != 0)
-    reason = errno;
-  else if (S_ISREG(info.st_mode))
-    return fd;
-  else if (S_ISDIR(info.st_mode))
-    reason = EISDIR;
-  close(fd);
-  errno = reason;
-  return -1;
+// 0 for a regular file of a size that is read, else an errno.
+int unusable(const struct stat &info) {
+  if (S_ISDIR(info.st_mode))
+    return EISDIR;
+  if (!S_ISREG(info.st_mode))
+    return EINVAL;
+  return info.st_size > root_file_max_bytes ? EFBIG : 0;
 }
 
-bio_ptr open_file(const char *path) {
-  int fd = open_regular_file(path);
-  if (fd < 0) {
-    log_unread(path, errno);
-    return nullptr;
-  }
-  FILE *file = fdopen(fd, "r");
-  bio_ptr bio(file ? BIO_new_fp(file, BIO_CLOSE) : nullptr);
-  if (bio)
-    return bio;
-  log_unread(path, ENOMEM);
-  if (file)
-    std::fclose(file);
-  else
+// 0, or an errno. Opening alone may make a device or a FIFO do something, so the path is looked at
+// before; and again what was opened, which may be another by then.
+int open_regular_file(const char *path, int *opened) {
+  struct stat info;
+  if (stat(path, &info) != 0)
+    return errno;
+  if (int error = unusable(info))
+    return error;
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0)
+    return errno;
+  int error = fstat(fd, &info) == 0 ? unusable(info) : errno;
+  if (error)
     close(fd);
+  else
+    *opened = fd;
+  return error;
+}
+
+// The rest of a file, which may be longer than it said; 0, or an errno.
+int read_all(int fd, BIO *octets) {
+  char buffer[read_bytes];
+  size_t total = 0;
+  while (true) {
+    ssize_t length = read(fd, buffer, sizeof buffer);
+    if (length == 0)
+      return 0;
+    if (length < 0 && errno == EINTR)
+      continue;
+    if (length < 0)
+      return errno;
+    total += static_cast<size_t>(length);
+    if (total > root_file_max_bytes)
+      return EFBIG;
+    if (BIO_write(octets, buffer, static_cast<int>(length)) != length)
+      return ENOMEM;
+  }
+}
+
+bio_ptr read_file(const char *path) {
+  openssl_error_mark errno_says_it_all;
+  int fd = -1;
+  int error = open_regular_file(path, &fd);
+  bio_ptr octets(error ? nullptr : BIO_new(BIO_s_mem()));
+  if (!error)
+    error = octets ? read_all(fd, octets.get()) : ENOMEM;
+  if (fd >= 0)
+    close(fd);
+  if (!error)
+    return octets;
+  log_unread(path, error);
   return nullptr;
 }
 
@@ -75,7 +106,7 @@ int no_password(char * /*buffer*/, int /*size*/, int /*writing*/, void * /*data*
 }
 
 x509_ptr read_cert(const char *path) {
-  bio_ptr bio = open_file(path);
+  bio_ptr bio = read_file(path);
   if (!bio)
     return nullptr;
   x509_ptr cert(PEM_read_bio_X509(bio.get(), nullptr, no_password, nullptr));

@@ -23,36 +23,6 @@ bool root_inited = false;
 bool root_ca_installed = false;
 bool eng_inited = false;
 
-// A CA of the store, or a new one with that label.
-struct labelled_ca {
-  ca_info_ptr info;
-  bool is_new = false;
-
-  int find_or_make(const char *label) {
-    info.reset(pki_find_ca_info_by_label(label));
-    if (info)
-      return PKI_OK;
-    is_new = true;
-    info.reset(alloc_ca_info());
-    if (!info)
-      return PKI_OUT_OF_MEMORY;
-    info->label = pki_strdup(label);
-    return info->label ? PKI_OK : PKI_OUT_OF_MEMORY;
-  }
-};
-
-// Adds built-in certificates to a CA; `decoded` receives them.
-int add_certs(const built_in_cert *images, int count, ca_info *info, x509_ptr *decoded) {
-  for (int index = 0; index < count; index++) {
-    decoded[index].reset(decode_built_in(images[index]));
-    if (!decoded[index])
-      return PKI_OUT_OF_MEMORY;
-    if (int error = pki_add_trusted_cert(decoded[index].get(), info))
-      return error;
-  }
-  return PKI_OK;
-}
-
 struct built_in_ca {
   const char *label;
   const built_in_cert *certs;
@@ -61,36 +31,76 @@ struct built_in_ca {
   int rule_count;
 };
 
-int status_rule_count(const ca_info *info) {
-  mutex_lock lock(&list_mutex);
-  return OPENSSL_sk_num(info->cert_status_methods);
+// Adds built-in certificates to a CA; `decoded` receives them.
+int add_certs(const built_in_ca &ca, ca_info *info, x509_ptr *decoded) {
+  for (int index = 0; index < ca.cert_count; index++) {
+    decoded[index].reset(decode_built_in(ca.certs[index]));
+    if (!decoded[index])
+      return PKI_OUT_OF_MEMORY;
+    if (int error = pki_add_trusted_cert(decoded[index].get(), info))
+      return error;
+  }
+  return PKI_OK;
 }
 
-// Takes back what was added, so that the next try does not add it again.
-void keep_status_rules(ca_info *info, int count) {
-  mutex_lock lock(&list_mutex);
-  while (OPENSSL_sk_num(info->cert_status_methods) > count)
-    free_cert_status_info(
-        static_cast<cert_status_info *>(OPENSSL_sk_pop(info->cert_status_methods)));
-}
-
-int add_ca(const built_in_ca &ca) {
-  labelled_ca found;
-  if (int error = found.find_or_make(ca.label))
-    return error;
+// A CA with the built-in certificates and rules, outside the store.
+int make_ca(const built_in_ca &ca, ca_info_ptr *made) {
+  made->reset(alloc_ca_info());
+  if (!*made)
+    return PKI_OUT_OF_MEMORY;
+  (*made)->label = pki_strdup(ca.label);
+  if (!(*made)->label)
+    return PKI_OUT_OF_MEMORY;
   x509_ptr owned[root_cert_count];
-  if (int error = add_certs(ca.certs, ca.cert_count, found.info.get(), owned))
+  if (int error = add_certs(ca, made->get(), owned))
     return error;
   X509 *certs[root_cert_count];
   for (int index = 0; index < root_cert_count; index++)
     certs[index] = owned[index].get();
-  const int had = status_rule_count(found.info.get());
-  int error = add_cert_sts_info(found.info.get(), ca.rules, ca.rule_count, certs);
-  if (!error && found.is_new)
-    error = pki_add_ca_info(found.info.get());
-  if (error)
-    keep_status_rules(found.info.get(), had);
-  return error;
+  return add_cert_sts_info(made->get(), ca.rules, ca.rule_count, certs);
+}
+
+// Moves what `to` does not hold yet; there is room for it. The caller holds list_mutex.
+void move_certs_locked(STACK *from, STACK *to) {
+  int kept = 0;
+  for (int index = 0; index < OPENSSL_sk_num(from); index++) {
+    auto *cert = static_cast<X509 *>(OPENSSL_sk_value(from, index));
+    bool is_there = X509_find_by_issuer_and_serial(as_x509_stack(to), X509_get_issuer_name(cert),
+                                                   X509_get0_serialNumber(cert)) != nullptr;
+    if (is_there)
+      OPENSSL_sk_set(from, kept++, cert);
+    else
+      OPENSSL_sk_push(to, cert);
+  }
+  while (OPENSSL_sk_num(from) > kept)
+    OPENSSL_sk_pop(from);
+}
+
+void move_rules_locked(STACK *from, STACK *to) {
+  while (void *rule = OPENSSL_sk_shift(from))
+    OPENSSL_sk_push(to, rule);
+}
+
+// All or nothing: once there is room in the lists, nothing can fail. What `to` had already stays in
+// `from`.
+int move_into(ca_info *from, ca_info *to) {
+  mutex_lock lock(&list_mutex);
+  if (OPENSSL_sk_reserve(to->trusted_roots, OPENSSL_sk_num(from->trusted_roots)) != 1 ||
+      OPENSSL_sk_reserve(to->cert_status_methods, OPENSSL_sk_num(from->cert_status_methods)) != 1)
+    return PKI_OUT_OF_MEMORY;
+  move_certs_locked(from->trusted_roots, to->trusted_roots);
+  move_rules_locked(from->cert_status_methods, to->cert_status_methods);
+  return PKI_OK;
+}
+
+// Everything that can fail comes before the store is touched: roots that were there without their
+// rules would be trusted without them.
+int add_ca(const built_in_ca &ca) {
+  ca_info_ptr made;
+  if (int error = make_ca(ca, &made))
+    return error;
+  ca_info_ptr found(pki_find_ca_info_by_label(ca.label));
+  return found ? move_into(made.get(), found.get()) : pki_add_ca_info(made.get());
 }
 
 bool install_ca(const built_in_ca &ca) {
@@ -136,27 +146,37 @@ bool install_engineering_root() {
   return true;
 }
 
-// The roots of a CA as they are now, with references of their own; null without memory, or
-// without such a CA, which `*missing` tells.
-certs_ptr roots_of(const char *label, bool *missing) {
+// A list of what another holds, with references of its own; the caller holds list_mutex, and frees
+// what was made of it when that failed.
+int share_certs_locked(const STACK *certs, certs_ptr *shared) {
+  const int count = OPENSSL_sk_num(certs);
+  shared->reset(sk_X509_new_reserve(nullptr, count));
+  if (!*shared)
+    return PKI_OUT_OF_MEMORY;
+  for (int index = 0; index < count; index++) {
+    auto *cert = static_cast<X509 *>(OPENSSL_sk_value(certs, index));
+    if (cert && !take_reference(cert))
+      return PKI_CRYPTO_LOCK_FAILED;
+    sk_X509_push(shared->get(), cert);
+  }
+  return PKI_OK;
+}
+
+// The roots of a CA as they are now: 0, 2, 49, or 50 when the store has no such CA.
+int roots_of(const char *label, certs_ptr *roots) {
   ca_info_ptr info(pki_find_ca_info_by_label(label));
-  *missing = !info;
   if (!info)
-    return nullptr;
+    return PKI_NO_SUCH_CA;
   mutex_lock lock(&list_mutex);
-  certs_ptr copy(reinterpret_cast<STACK_OF(X509) *>(OPENSSL_sk_dup(info->trusted_roots)));
-  for (int index = 0; index < sk_X509_num(copy.get()); index++)
-    if (X509 *cert = sk_X509_value(copy.get(), index))
-      X509_up_ref(cert);
-  return copy;
+  return share_certs_locked(info->trusted_roots, roots);
 }
 
 bool load_roots(X509_STORE *store, const char *label) {
-  bool missing;
-  certs_ptr roots = roots_of(label, &missing);
-  if (missing)
+  certs_ptr roots;
+  int error = roots_of(label, &roots);
+  if (error == PKI_NO_SUCH_CA)
     return true;
-  bool loaded = roots != nullptr;
+  bool loaded = error == PKI_OK;
   for (int index = 0; loaded && index < sk_X509_num(roots.get()); index++)
     loaded = X509_STORE_add_cert(store, sk_X509_value(roots.get(), index)) == 1;
   if (loaded)
@@ -164,6 +184,12 @@ bool load_roots(X509_STORE *store, const char *label) {
   syslog(log_error, "Failed to add a root cert to cert store:");
   log_openssl_errors(log_error);
   return false;
+}
+
+int log_no_engineering_root() {
+  syslog(log_error, "Failed to get eng root");
+  log_openssl_errors(log_error);
+  return 0;
 }
 
 }  // namespace
@@ -186,15 +212,16 @@ int pki_ver_setup_trust_roots(X509_STORE *store, unsigned char with_eng) {
 int pki_ver_eng_root(const X509 *cert) {
   if (!cert)
     return 0;
-  bool missing;
-  certs_ptr roots = roots_of(PKI_ENGINEERING_CA_LABEL, &missing);
+  certs_ptr roots;
+  int error = roots_of(PKI_ENGINEERING_CA_LABEL, &roots);
+  if (error == PKI_NO_SUCH_CA)
+    return 0;
+  if (error)
+    return log_no_engineering_root();
   for (int index = 0; index < sk_X509_num(roots.get()); index++) {
     X509 *root = sk_X509_value(roots.get(), index);
-    if (!root) {
-      syslog(log_error, "Failed to get eng root");
-      log_openssl_errors(log_error);
-      return 0;
-    }
+    if (!root)
+      return log_no_engineering_root();
     if (is_same_cert(const_cast<X509 *>(cert), root))
       return 1;
   }

@@ -8,8 +8,11 @@
 #include <cstdarg>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include "roots_process.h"
+
+using roots_support::texts;
 
 namespace {
 
@@ -18,6 +21,8 @@ constexpr char device_folder[] = "/etc/pki/roots";
 struct redirection {
   std::string folder;
   std::map<std::string, int> refused;
+  texts opened;
+  std::function<void()> after_stat, after_fstat;
 };
 redirection &current() {
   static redirection instance;
@@ -33,9 +38,41 @@ std::string redirected(const char *path) {
   return current().folder + (path + length);
 }
 
-int refused(const char *path) {
+void happen_once(std::function<void()> *what) {
+  if (std::function<void()> happens = std::exchange(*what, nullptr))
+    happens();
+}
+
+template <class Function>
+Function *real_call(const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+int open_elsewhere(decltype(&::open) real, const char *path, int flags, mode_t mode) {
   auto found = current().refused.find(path);
-  return found == current().refused.end() ? 0 : found->second;
+  if (found != current().refused.end()) {
+    errno = found->second;
+    return -1;
+  }
+  std::string elsewhere = redirected(path);
+  if (elsewhere.empty())
+    return real(path, flags, mode);
+  current().opened.emplace_back(path);
+  return real(elsewhere.c_str(), flags, mode);
+}
+
+template <class Info>
+int stat_elsewhere(int (*real)(const char *, Info *), const char *path, Info *info) {
+  std::string elsewhere = redirected(path);
+  if (elsewhere.empty())
+    return real(path, info);
+  int result = real(elsewhere.c_str(), info);
+  happen_once(&current().after_stat);
+  return result;
+}
+
+mode_t mode_of(int flags, va_list arguments) {
+  return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
 }  // namespace
@@ -44,24 +81,58 @@ extern "C" {
 
 DIR *opendir(const char *path) {
   fake_allocator::pause no_failures;
-  static auto *real = reinterpret_cast<decltype(&::opendir)>(dlsym(RTLD_NEXT, "opendir"));
+  static auto *real = real_call<decltype(::opendir)>("opendir");
   std::string elsewhere = redirected(path);
   return real(elsewhere.empty() ? path : elsewhere.c_str());
 }
 
+// The library's files are big ones, whose calls have names of their own.
 int open(const char *path, int flags, ...) {
   fake_allocator::pause no_failures;
-  static auto *real = reinterpret_cast<decltype(&::open)>(dlsym(RTLD_NEXT, "open"));
+  static auto *real = real_call<decltype(::open)>("open");
   va_list arguments;
   va_start(arguments, flags);
-  mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+  mode_t mode = mode_of(flags, arguments);
   va_end(arguments);
-  if (int error = refused(path)) {
-    errno = error;
-    return -1;
-  }
-  std::string elsewhere = redirected(path);
-  return real(elsewhere.empty() ? path : elsewhere.c_str(), flags, mode);
+  return open_elsewhere(real, path, flags, mode);
+}
+
+int open64(const char *path, int flags, ...) {
+  fake_allocator::pause no_failures;
+  static auto *real = real_call<decltype(::open)>("open64");
+  va_list arguments;
+  va_start(arguments, flags);
+  mode_t mode = mode_of(flags, arguments);
+  va_end(arguments);
+  return open_elsewhere(real, path, flags, mode);
+}
+
+int stat(const char *path, struct stat *info) noexcept {
+  fake_allocator::pause no_failures;
+  static auto *real = real_call<int(const char *, struct stat *)>("stat");
+  return stat_elsewhere(real, path, info);
+}
+
+int stat64(const char *path, struct stat64 *info) noexcept {
+  fake_allocator::pause no_failures;
+  static auto *real = real_call<int(const char *, struct stat64 *)>("stat64");
+  return stat_elsewhere(real, path, info);
+}
+
+int fstat(int fd, struct stat *info) noexcept {
+  fake_allocator::pause no_failures;
+  static auto *real = real_call<int(int, struct stat *)>("fstat");
+  int result = real(fd, info);
+  happen_once(&current().after_fstat);
+  return result;
+}
+
+int fstat64(int fd, struct stat64 *info) noexcept {
+  fake_allocator::pause no_failures;
+  static auto *real = real_call<int(int, struct stat64 *)>("fstat64");
+  int result = real(fd, info);
+  happen_once(&current().after_fstat);
+  return result;
 }
 }
 
@@ -73,12 +144,25 @@ void redirect_device_folder(const std::string &folder) {
 void refuse_to_open(const std::string &path, int error) {
   current().refused[path] = error;
 }
+texts opened_files() {
+  return current().opened;
+}
+void after_next_stat(const std::function<void()> &happens) {
+  current().after_stat = happens;
+}
+void after_next_fstat(const std::function<void()> &happens) {
+  current().after_fstat = happens;
+}
 
 }  // namespace roots_support
 
 using namespace roots_support;
 
 namespace {
+
+std::string unread_line(const std::string &name, const std::string &reason) {
+  return "failed to read cert /etc/pki/roots/" + name + ": " + reason;
+}
 
 FRESH_PROCESS_TEST(DeviceFolderDeathTest, ItsCertificatesBecomeTheOtherCa) {
   support::cert first = device_root("first", 1), second = device_root("second", 2);
@@ -146,7 +230,7 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileThatCannotBeUsedIsSkippedAndTheCa
   EXPECT_EQ(6, count_in(store));
   EXPECT_EQ(1U, count_logged(3, "failed to get org name"));
   EXPECT_TRUE(logged_containing(3, "failed to convert cert /etc/pki/roots/b.pem: "));
-  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/d: "));
+  EXPECT_TRUE(was_logged(3, "failed to read cert /etc/pki/roots/d: Is a directory"));
 }
 
 FRESH_PROCESS_TEST(DeviceFolderDeathTest, AnUnreadableFileIsSkippedWithItsReason) {
@@ -180,8 +264,8 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, APathOf127OctetsFitsAndALongerOneIsSki
   x509_store store = make_store();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
   EXPECT_EQ(texts{"/C=US/O=Example/CN=fits"}, root_subjects("other"));
-  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/ggg"));
-  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/hhh"));
+  EXPECT_EQ(1U, count_logged(3, unread_line(too_long.substr(0, room), "File name too long")));
+  EXPECT_EQ(1U, count_logged(3, unread_line(longest.substr(0, room), "File name too long")));
   EXPECT_EQ(3U, captured_log().size());
 }
 
@@ -193,15 +277,68 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, ACutPathLeadsToNoOtherFile) {
   x509_store store = make_store();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
   EXPECT_EQ(texts{"/C=US/O=Example/CN=cut"}, root_subjects("other"));
-  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/fff"));
+  EXPECT_TRUE(was_logged(3, unread_line(cut, "File name too long"))) << log_dump();
 }
 
 FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFifoDoesNotBlock) {
   ASSERT_EQ(0, mkfifo((device.path() + "fifo.pem").c_str(), 0600));
   x509_store store = make_store();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
-  EXPECT_TRUE(logged_containing(3, "failed to read cert /etc/pki/roots/fifo.pem: "));
+  EXPECT_TRUE(was_logged(3, unread_line("fifo.pem", "Invalid argument"))) << log_dump();
   EXPECT_EQ(texts{"root"}, ca_labels());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, WhatIsNoFileIsNotEvenOpened) {
+  ASSERT_EQ(0, mkfifo((device.path() + "fifo").c_str(), 0600));
+  std::filesystem::create_directory(device.path() + "folder");
+  std::filesystem::create_symlink("/dev/zero", device.path() + "zero");
+  device.write("good.pem", device_root("good"));
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"/etc/pki/roots/good.pem"}, opened_files());
+  EXPECT_TRUE(was_logged(3, unread_line("zero", "Invalid argument"))) << log_dump();
+  EXPECT_EQ(6, count_in(store));
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileThatTurnsIntoAFifoIsSkipped) {
+  std::string path = device.path() + "good.pem";
+  device.write("good.pem", device_root("good"));
+  after_next_stat([path] {
+    std::filesystem::remove(path);
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  });
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_EQ(texts{"/etc/pki/roots/good.pem"}, opened_files());
+  EXPECT_TRUE(was_logged(3, unread_line("good.pem", "Invalid argument"))) << log_dump();
+  EXPECT_EQ(texts{"root"}, ca_labels());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileThatGrowsWhileItIsReadIsReadToItsLimitOnly) {
+  std::string path = device.path() + "good.pem";
+  device.write("good.pem", device_root("good"));
+  after_next_fstat([path] { std::filesystem::resize_file(path, 2 << 20); });
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_TRUE(was_logged(3, unread_line("good.pem", "File too large"))) << log_dump();
+  EXPECT_EQ(texts{"root"}, ca_labels());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, ARenewedRootOfTheSameSerialNumberIsNotTaken) {
+  support::cert old = device_root("root", 5);
+  support::cert renewed(X509_dup(old.get()), X509_free);
+  X509_gmtime_adj(X509_getm_notAfter(renewed.get()), 999'999'999);
+  ASSERT_LT(0, X509_sign(renewed.get(), support::test_key(0).get(), EVP_sha256()));
+  ASSERT_NE(support::der(old), support::der(renewed));
+  x509_store first = make_store(), second = make_store();
+  device.write("root.pem", old);
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(first.get(), 0));
+  device.write("root.pem", renewed);
+  clear_log();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(second.get(), 0));
+  EXPECT_EQ("", log_dump());
+  EXPECT_TRUE(holds(second, old.get()));
+  EXPECT_FALSE(holds(second, renewed.get()));
 }
 
 FRESH_PROCESS_TEST(DeviceFolderDeathTest, DescriptorsAreClosed) {

@@ -175,11 +175,28 @@ TEST_F(OverrideRules, AnIssuerWithAnOpenQuoteEndsThem) {
   EXPECT_EQ("3: failed to parse issuer 'CN=\"x': DN OPEN QS\n", log_dump());
 }
 
+TEST_F(OverrideRules, AnEmptyIssuerWhichWouldMatchAllEndsThem) {
+  EXPECT_EQ(54, add({{"CN=issuer", override_always_ok, nullptr, no_signer},
+                     {"", override_always_ok, nullptr, no_signer}}));
+  EXPECT_EQ(texts{"always-ok / 3"}, added());
+  EXPECT_EQ("3: failed to parse issuer '': DN NO VALUE\n", log_dump());
+  EXPECT_EQ(texts{}, describe(rules_for(ca.get(), device_root("stranger")).get()));
+}
+
+TEST_F(OverrideRules, ARootWithoutSubjectEndsThem) {
+  support::cert_options options;
+  options.subject = support::name(X509_NAME_new(), X509_NAME_free);
+  support::cert nameless = support::make_cert(options);
+  certs[0] = nameless.get();
+  EXPECT_EQ(54, add({pki::eng_override_rule}));
+  EXPECT_EQ(texts{}, added());
+  EXPECT_EQ("3: failed to parse issuer '': DN NO VALUE\n", log_dump());
+}
+
 TEST_F(OverrideRules, AResponderWithoutUrlEndsThem) {
   EXPECT_EQ(63, add({{"CN=issuer", override_ocsp, nullptr, no_signer}}));
   EXPECT_EQ(texts{}, added());
-  EXPECT_TRUE(only_line_begins("3: failed to add ocsp info to root '")) << log_dump();
-  EXPECT_TRUE(logged_containing(3, "': INVALID ARGS"));
+  EXPECT_EQ("3: failed to add ocsp info to root 'some CA': INVALID ARGS\n", log_dump());
 }
 
 TEST_F(OverrideRules, ASignerWithoutReferenceEndsThem) {
@@ -187,21 +204,24 @@ TEST_F(OverrideRules, ASignerWithoutReferenceEndsThem) {
   int result = add({{"CN=issuer", override_crl, "http://crl/", 0}});
   EXPECT_TRUE(result == 2 || result == 49) << result;
   EXPECT_EQ(texts{}, added());
-  EXPECT_TRUE(only_line_begins("3: failed to add crl info to root '")) << log_dump();
+  EXPECT_TRUE(only_line_begins("3: failed to add crl info to root 'some CA': ")) << log_dump();
 }
 
 // Every line that a lack of memory may give, and the shared line's last word.
 bool is_memory_line(const std::string &log) {
-  for (const char *line : {"3: add_cert_sts_info: failed alloc match rule\n",
-                           "3: add_cert_sts_info: failed alloc rules or crls\n"})
+  for (const char *line :
+       {"3: add_cert_sts_info: failed alloc match rule\n",
+        "3: add_cert_sts_info: failed alloc rules or crls\n",
+        "3: failed to parse issuer '/C=US/O=Example/CN=root 0': OUT OF MEMORY\n"})
     if (log == line)
       return true;
   const std::string reason = "': OUT OF MEMORY\n";
   bool reason_given = log.size() > reason.size() &&
                       log.compare(log.size() - reason.size(), reason.size(), reason) == 0;
   for (const char *start :
-       {"3: failed to parse issuer '", "3: failed to add crl info to root '",
-        "3: failed to add ocsp info to root '", "3: failed to add aok info to root '"})
+       {"3: failed to parse issuer 'CN=", "3: failed to add crl info to root 'some CA'",
+        "3: failed to add ocsp info to root 'some CA'",
+        "3: failed to add aok info to root 'some CA'"})
     if (reason_given && log.rfind(start, 0) == 0 && log.find('\n') == log.size() - 1)
       return true;
   return false;

@@ -3,15 +3,22 @@
 #ifndef TESTS_UNIT_VERIFIER_TRUST_ROOTS_PROCESS_H
 #define TESTS_UNIT_VERIFIER_TRUST_ROOTS_PROCESS_H
 
+#include <functional>
+
 #include "roots_support.h"
 #include "unit/pki/lifecycle_process.h"
 
 namespace roots_support {
 
-// From now on "/etc/pki/roots" is `folder`, for opendir and open.
+// From now on "/etc/pki/roots" is `folder`, for opendir, stat and open.
 void redirect_device_folder(const std::string &folder);
 // Opening a file of that path fails from now on, with that errno.
 void refuse_to_open(const std::string &path, int error);
+// The files of "/etc/pki/roots" that were opened so far.
+texts opened_files();
+// What happens once, as soon as stat told about a file of "/etc/pki/roots", or fstat about any.
+void after_next_stat(const std::function<void()> &happens);
+void after_next_fstat(const std::function<void()> &happens);
 
 template <void (*body)(temp_folder &)>
 void with_device_folder() {
