@@ -1,6 +1,6 @@
 /*
  * A TLS client that judges its server by libpki's internet flavour: path rules, and the status of
- * every certificate by OCSP.
+ * every certificate by OCSP and CRLs.
  *
  *   tls_client HOST PORT TRUSTED.pem
  *

@@ -22,6 +22,7 @@ from doc_comments import documented_names  # noqa: E402
 
 ROOT = Path(__file__).resolve().parent.parent
 OPERATIONS = ROOT / "docs" / "operations.md"
+INSTALLED_README = ROOT / "packaging" / "README.installed.md"  # links as from the top folder
 COMPILE = ["cc", "-x", "c", "-std=c99", "-pedantic", "-Wall", "-Wextra", "-Werror",
            "-fsyntax-only", "-I", str(ROOT / "include"), "-"]
 
@@ -211,12 +212,13 @@ def anchors(path):
 
 def check_links(path, report):
     text = without_code(path.read_text(encoding="utf-8"))
+    folder = ROOT if path == INSTALLED_README else path.parent
     for match in re.finditer(r"\]\(([^)\s]+)\)", text):
         target, _, anchor = match.group(1).partition("#")
         if re.match(r"[a-z]+:", target):
             continue
         number = line_of(text, match.start())
-        linked = (path.parent / target).resolve() if target else path
+        linked = (folder / target).resolve() if target else path
         if not linked.exists():
             report.add(path, number, f"a link to {target}, which is not there")
         elif anchor and linked.suffix == ".md" and anchor not in anchors(linked):

@@ -3,7 +3,7 @@
 A page is about the functions that stand together in a header, without a blank line between them;
 those below a comment that begins "The same" belong to the page above. What a header says at its
 top holds for each of its functions, and a comment that stands alone for those below it, up to the
-next heading.
+next heading. The codes that a comment names behind "Returns" are explained on the page.
 """
 
 import re
@@ -18,6 +18,10 @@ COMMENT = re.compile(r"^/\*.*?\*/[ ]*$", re.DOTALL | re.MULTILINE)
 NO_DECLARATION = re.compile(r"#(if|ifdef|ifndef|endif|include|define LIBPKI_|define BOARD_)"
                             r"|PKI_(BEGIN|END)_DECLS")
 RETURNS = re.compile(r"(?:^|(?<=[.] ))Returns? ", re.MULTILINE)
+NUMBERS = r"\d+(?: to \d+)?"
+# What a clause about codes begins with: "2", "36 to 41", "45, 47, 48", "0, or 16".
+CODES = re.compile(rf"(?:Returns? |and |also )*({NUMBERS}(?:(?:, or|,| or| and) {NUMBERS})*)\b")
+CONSTANT = re.compile(r"\b[A-Z]+_[A-Z0-9_]+\b")
 
 
 @dataclass
@@ -39,6 +43,13 @@ class Group:
 
     def names(self):
         return [name for entry in self.entries for name in entry.names()]
+
+    def code(self):
+        return "\n".join(entry.code for entry in self.entries)
+
+    def told(self):
+        """All that the comments say about them."""
+        return "\n\n".join([*self.intro, *(entry.comment for entry in self.entries)])
 
     def title(self):
         """One line about them."""
@@ -147,20 +158,59 @@ def prototypes(code):
             yield wrapped_prototype(statement)
 
 
+def clauses(text):
+    """What a comment says about the results, clause by clause."""
+    for match in RETURNS.finditer(text):
+        paragraph = re.split(r"\n[ ]*\n", text[match.start():])[0]
+        yield from re.split(r"; |\. ", " ".join(paragraph.split()))
+
+
+def codes_in(clause):
+    """The codes that a clause begins with, or has as "(or 2)"."""
+    head = CODES.match(clause)
+    named = re.findall(r"\(or (\d+)\)", clause)
+    for numbers in re.findall(NUMBERS, head.group(1) if head else "") + named:
+        first, _, last = numbers.partition(" to ")
+        yield from range(int(first), int(last or first) + 1)
+
+
+def bare(code):
+    """The code without its comments, and without what is in braces."""
+    code = re.sub(r"/\*.*?\*/", "", code, flags=re.DOTALL)
+    while "{" in code and (inner := re.sub(r"\s*\{[^{}]*\}", "", code)) != code:
+        code = inner
+    return code
+
+
+def declared_types(code):
+    """The names of types that a host writes."""
+    names = re.findall(r"\btypedef\b[^;]*?(\w+)\s*(?:\([^()]*\))?;|\benum (\w+);", bare(code))
+    return [one or other for one, other in names if one != "STACK"]
+
+
+def defined_constants(code):
+    code = re.sub(r"/\*.*?\*/|^#if.*", "", code, flags=re.DOTALL | re.MULTILINE)
+    return CONSTANT.findall(code)
+
+
 class Manual:
-    def __init__(self, headers, errors, version, date):
+    def __init__(self, headers, errors, version, date, documents):
         self.headers = headers
         self.errors = errors
         self.version = version
         self.date = date
-        self.functions = {name for header in headers for group in header.groups
-                          for name in group.names()}
+        self.documents = documents
+        self.group_of = {name: group for header in headers for group in header.groups
+                         for name in group.names()}
+        self.functions = set(self.group_of)
 
     def name_lines(self, names, title):
         return [".SH NAME", *textwrap.wrap(", ".join(names), 78),
                 *textwrap.wrap(r"\- " + roff.escape(title), 78, break_on_hyphens=False)]
 
     def words(self, text):
+        """Documents are named by where they are installed."""
+        text = re.sub(r"(?<![\w/])docs/[\w-]+\.md\b", rf"{self.documents}\g<0>", text)
         return roff.paragraphs(text, self.functions)
 
     def page(self, title, lines):
@@ -177,13 +227,38 @@ class Manual:
             return lines
         return lines + roff.verbatim(code.splitlines())
 
-    def types_in(self, code):
-        """The records that the declarations speak of."""
+    def types_in(self, code, told):
+        """(header, type) for what the declarations speak of, and the lists and constants of which
+        their comments do."""
+        listed = set(re.findall(r"\(of\s+(\w+)", told))
+        constants = set(CONSTANT.findall(told))
         for header in self.headers:
             for entry in header.types:
-                name = re.search(r"(\w+)(?:\([^()]*\))?;\s*$", entry.code)
-                if name and name.group(1) != "STACK" and re.search(rf"\b{name.group(1)}\b", code):
-                    yield entry
+                names = declared_types(entry.code)
+                if (listed.intersection(names) or
+                        constants.intersection(defined_constants(entry.code)) or
+                        any(re.search(rf"\b{name}\b", code) for name in names)):
+                    yield header, entry
+
+    def codes_of(self, group, seen=()):
+        """The codes that the comments name, also by naming a function that returns them."""
+        found = set()
+        if group in seen or not re.search(r"PKI_API int \w", group.code()):
+            return found
+        for clause in clauses(group.told()):
+            found.update(codes_in(clause))
+            if re.match("Returns? as ", clause) or "codes of " in clause:
+                for name in self.functions.intersection(re.findall(r"\w+", clause)):
+                    found |= self.codes_of(self.group_of[name], (*seen, group))
+        return found
+
+    def error_lines(self, group):
+        codes = self.codes_of(group)
+        lines = []
+        for code, name, _, meaning in self.errors:
+            if int(code) in codes and name not in ("OK", "STORE_ALL_ZEROS"):
+                lines += [".TP", f"{roff.bold('PKI_' + name)} ({code})", *roff.filled(meaning)]
+        return [".SH ERRORS", *lines] if lines else []
 
     def synopsis(self, group):
         lines = [".SH SYNOPSIS", ".nf", roff.bold(f"#include <{group.header.include}>"), ".PP"]
@@ -216,30 +291,30 @@ class Manual:
 
     def function_page(self, group):
         names = group.names()
-        code = "\n".join(entry.code for entry in group.entries)
-        told = "\n".join([entry.comment for entry in group.entries] + group.intro)
         description, returns = self.description(group)
         lines = self.name_lines(names, group.title())
-        lines += self.synopsis(group) + description + returns
-        types = list(self.types_in(code))
+        lines += self.synopsis(group) + description + returns + self.error_lines(group)
+        types = list(self.types_in(group.code(), group.told()))
         if types:
             lines.append(".SH TYPES")
-            for entry in types:
+            for _, entry in types:
                 lines += self.type_lines(entry)
         if group.header.about:
             lines.append(".SH NOTES")
             lines += self.words(f"What holds for all of `{group.header.include}`:")
             lines += self.words(group.header.about)
         mentioned = sorted(name for name in self.functions - set(names)
-                           if "_" in name and re.search(rf"\b{name}\b", told))
-        also = [*mentioned, group.header.page_name, "libpki_error", "libpki"]
+                           if "_" in name and re.search(rf"\b{name}\b", group.told()))
+        also = [*mentioned, group.header.page_name, *(header.page_name for header, _ in types),
+                "libpki_error", "libpki"]
         lines += self.see_also([(name, 3) for name in dict.fromkeys(also)])
         return self.page(names[0], lines)
 
     def error_table(self):
         lines = [".SH ERROR CODES"]
-        for code, name, text in self.errors:
-            lines += [".TP", roff.bold(f"{code} PKI_{name}"), roff.guarded(roff.escape(text))]
+        for code, name, text, meaning in self.errors:
+            lines += [".TP", roff.bold(f"{code} PKI_{name}"),
+                      *roff.filled(meaning if name == "OK" else f'"{text}": {meaning}')]
         return lines
 
     def header_page(self, header):
@@ -261,10 +336,14 @@ class Manual:
         return self.page(header.page_name, lines)
 
     def overview(self, introduction, conventions, example):
+        start = ("The quick start, `docs/quick-start.md`, goes from nothing to a verified TLS "
+                 f"connection, step by step. `{self.documents}README.md` lists the other documents. "
+                 "The example below is a host in its smallest form: it provisions one CA.")
         lines = [*self.name_lines(["libpki"], headline(introduction)), ".SH SYNOPSIS", ".nf",
                  roff.bold("#include <libpki/libpki.h>"), ".PP",
                  roff.bold("cc host.c $(pkg-config --cflags --libs libpki)"), ".fi",
-                 ".SH DESCRIPTION", *self.words(introduction), ".SH HEADERS"]
+                 ".SH DESCRIPTION", '.SS "Where to start"', *self.words(start),
+                 '.SS "What there is"', *self.words(introduction), ".SH HEADERS"]
         for header in self.headers:
             lines += [".TP", f"{roff.bold(header.page_name)}(3)",
                       *roff.filled(f"{header.include}: {header.title}", self.functions)]
@@ -274,7 +353,7 @@ class Manual:
         return self.page("libpki", lines)
 
     def write(self, folder):
-        """Every page; functions that share one are links to it."""
+        """Every page; functions that share one are links to it, types to their header's."""
         for header in self.headers:
             (folder / f"{header.page_name}.3").write_text(self.header_page(header))
             for group in header.groups:
@@ -282,3 +361,5 @@ class Manual:
                 (folder / f"{first}.3").write_text(self.function_page(group))
                 for name in others:
                     (folder / f"{name}.3").symlink_to(f"{first}.3")
+            for name in (name for entry in header.types for name in declared_types(entry.code)):
+                (folder / f"{name}.3").symlink_to(f"{header.page_name}.3")

@@ -4,7 +4,8 @@
     make_man.py --version V headers OUT_DIR         section 3, from the public headers
     make_man.py --version V tools OUT_DIR TOOL...   section 1, from what each TOOL's --help says
 
-OUT_DIR is emptied of pages first. SOURCE_DATE_EPOCH sets the pages' date.
+OUT_DIR is emptied of pages first. SOURCE_DATE_EPOCH sets the pages' date; --documents FOLDER, in
+front of `headers`, says where README.md and docs/ will be installed.
 """
 
 import argparse
@@ -31,7 +32,7 @@ def page_date():
 
 def error_codes():
     text = (ROOT / "include/libpki/error_list.inc").read_text(encoding="utf-8")
-    return re.findall(r'^PKI_ERROR\((\d+), (\w+), "(.*)"\)', text, re.MULTILINE)
+    return re.findall(r'^PKI_ERROR\((\d+), (\w+), "(.*)"\)\s*/\* (.*) \*/$', text, re.MULTILINE)
 
 
 def plain(markdown):
@@ -49,12 +50,12 @@ def readme():
     return plain(introduction), example
 
 
-def write_headers(version, folder):
+def write_headers(version, documents, folder):
     headers = [read_header(path, f"libpki/{path.name}")
                for path in sorted((ROOT / "include/libpki").glob("*.h"))
                if path.name != "libpki.h"]
     headers.append(read_header(ROOT / "board/include/board/board.h", "board/board.h"))
-    manual = Manual(headers, error_codes(), version, page_date())
+    manual = Manual(headers, error_codes(), version, page_date(), documents)
     manual.write(folder)
     conventions = next(header.about for header in headers if header.include == "libpki/types.h")
     introduction, example = readme()
@@ -99,7 +100,8 @@ def option_lines(item):
     return [".TP", shown, *roff.filled(" ".join([text, *sentences]).strip() or "\\&")]
 
 
-TITLES = {"Positionals": "ARGUMENTS", "Options": "OPTIONS", "Subcommands": "SUBCOMMANDS"}
+TITLES = {"Positionals": "ARGUMENTS", "Options": "OPTIONS", "Subcommands": "SUBCOMMANDS",
+          "Files": "FILES", "Environment": "ENVIRONMENT"}
 
 
 def group_lines(command, group):
@@ -112,6 +114,8 @@ def group_lines(command, group):
         if group.title == "Subcommands":
             page = "-".join([*command.words, item.form])
             lines += [".TP", f"{roff.bold(page)}(1)", *roff.filled(item.text)]
+        elif not item.flags() and group.title not in TITLES:
+            lines += [".TP", roff.bold(item.form), *roff.filled(item.text or "\\&")]
         else:
             lines += option_lines(item)
     return lines
@@ -136,6 +140,8 @@ def command_page(command, parent, version, date):
     if exit_codes:
         lines.append(".SH EXIT STATUS")
         lines += roff.paragraphs(exit_codes[0].removeprefix("Exit codes: "))
+    if command.examples:
+        lines += [".SH EXAMPLES", *roff.verbatim(command.examples)]
     also = [parent] if parent else []
     also += [other for other in ("pkictl", "pkilab") if other != command.words[0]]
     pages = [f"{roff.bold(name)}(1)," for name in also]
@@ -159,6 +165,7 @@ def write_tools(version, folder, programs):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("--version", required=True)
+    parser.add_argument("--documents", default="")
     parser.add_argument("what", choices=["headers", "tools"])
     parser.add_argument("folder", type=Path)
     parser.add_argument("programs", nargs="*")
@@ -167,7 +174,7 @@ def main():
     for old in given.folder.glob("*.[13]"):
         old.unlink()
     if given.what == "headers":
-        write_headers(given.version, given.folder)
+        write_headers(given.version, given.documents and given.documents + "/", given.folder)
     else:
         write_tools(given.version, given.folder, given.programs)
     return 0

@@ -37,8 +37,9 @@ PKI_API const char *pki_strerror(unsigned int code);
 PKI_API unsigned long log_openssl_errors(int priority);
 
 /*
- * 1 if any entry of the calling thread's OpenSSL error queue reports an allocation failure, else
- * 0. The queue is left as it is, so call this before log_openssl_errors. Any thread.
+ * Does OpenSSL's error queue report an allocation failure? 1 if any entry of the calling thread's
+ * queue does, else 0. The queue is left as it is, so call this before log_openssl_errors. Any
+ * thread.
  */
 PKI_API int openssl_malloc_failure(void);
 

@@ -14,7 +14,8 @@ PKI_BEGIN_DECLS
  * Splits a URL. `*copy` receives a copy (malloc) that starts with the scheme, NUL-terminated;
  * `*host` (with its port, if any) and `*path` (from its first "/" with the query, or empty) point
  * into it. Free the copy only. Nothing else is checked, the scheme included.
- * Returns 0; 2 out of memory; 45 no "://" behind the first ":", all outputs null; 63.
+ * Returns 0; 2 out of memory; 45 no "://" behind the first ":", all outputs null; 63 an argument is
+ * null.
  */
 PKI_API int parse_url(const char *url, char **copy, char **host, char **path);
 
@@ -30,14 +31,14 @@ PKI_API ssize_t timed_read(int fd, void *buffer, size_t length, int timeout_ms, 
  * Reads a line, an octet at a time, 60 seconds each. `*length` is the capacity of `buffer` on
  * entry and the number of characters stored on return; carriage returns are dropped, the line
  * feed becomes the closing NUL. A line may take up to 64 KiB on the wire.
- * Returns 0, or 48 with `*error` (may be null) EINVAL for a line that does not fit, else as
- * timed_read; 63.
+ * Returns 0; 48 with `*error` (may be null) EINVAL for a line that does not fit, else as
+ * timed_read has it; 63 another argument is null.
  */
 PKI_API int read_line(int fd, char *buffer, size_t *length, int *error);
 
 /*
- * Send a request and read the answer, following up to 19 redirects (301, 302, 303, 307) to http
- * URLs.
+ * Send an HTTP request and read the answer. Up to 19 redirects (301, 302, 303, 307) to http URLs
+ * are followed.
  *
  * host, path          as parse_url gives them; `host` is changed in place. "[address]:port" is an
  *                     IPv6 address. Addresses are tried in order, 60 seconds each.

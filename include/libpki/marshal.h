@@ -133,7 +133,7 @@ typedef struct marshal_envelope_desc {
 } marshal_envelope_desc;
 
 /*
- * An item.
+ * Write and read a whole item: a magic, an object, the end of the data.
  *
  * marshall writes `magic_len` octets of `magic`, as they are (none if `magic` is null), `object`
  * as `item` says (its encoder gets the address of the pointer: a structure is not inline), and the
@@ -154,9 +154,10 @@ PKI_API int unmarshall(BIO *bio, void *target, const marshal_item *item, const v
                        int magic_len);
 
 /*
- * Composites; `arg` is the description (marshal_struct_desc, ...). All three are written as an
- * empty block with the given tag, their content, and an empty block with `end_tag`; a null
- * object as nothing, a null stack as an empty one. Null elements are left out.
+ * Write and read structures, choices and stacks. `arg` is the description (marshal_struct_desc,
+ * ...). All three are written as an empty block with the given tag, their content, and an empty
+ * block with `end_tag`; a null object as nothing, a null stack as an empty one. Null elements are
+ * left out.
  *
  * Reading takes fields in any order, and again: the last one counts. What is missing stays as
  * `ctor` (or the parent) left it. Unknown tags are skipped a block at a time, with a line at level
@@ -197,10 +198,10 @@ PKI_API int dec_stack(BIO *bio, int tag, const unsigned char *data, int len, voi
                       void *arg);
 
 /*
- * A structure under a digest or a signature; `arg` is a marshal_envelope_desc. Written as an empty
- * block with `start_tag`, the structure, and a block with `check_tag` that holds the digest or
- * signature of all octets of the structure. The tag arguments are not used, and neither the tag of
- * the envelope nor that of the check is compared.
+ * Write and read a structure under a digest or a signature. `arg` is a marshal_envelope_desc.
+ * Written as an empty block with `start_tag`, the structure, and a block with `check_tag` that
+ * holds the digest or signature of all octets of the structure. The tag arguments are not used, and
+ * neither the tag of the envelope nor that of the check is compared.
  *
  * When reading fails, at any point, the structure is freed and the target null (63 leaves it).
  * An envelope around a null pointer is written, but cannot be read back.
@@ -218,11 +219,11 @@ PKI_API int verify_sig(BIO *bio, int tag, const unsigned char *data, int len, vo
                        void *arg);
 
 /*
- * Fields of a fixed size; the types that they point at are in the names. The data is 4 octets for
- * an int and for a time_t, and 44 for a struct tm: nine numbers in their order of the C standard
- * (tm_sec to tm_isdst) and tm_gmtoff, of 4 octets each, then 4 octets 0. Reading uses the first
- * octets of longer data, and leaves tm_zone null. Where time_t may be of 32 or 64 bits, build the
- * host as the library is built.
+ * Write and read numbers and times. The types that `field` and `target` point at are in the names.
+ * The data is 4 octets for an int and for a time_t, and 44 for a struct tm: nine numbers in their
+ * order of the C standard (tm_sec to tm_isdst) and tm_gmtoff, of 4 octets each, then 4 octets 0.
+ * Reading uses the first octets of longer data, and leaves tm_zone null. Where time_t may be of 32
+ * or 64 bits, build the host as the library is built.
  * Return 0; 42 the data is shorter, nothing is stored; 63 a null argument, or a time or an offset
  * that 32 bits cannot hold, nothing is written; else as write_block.
  */
@@ -236,23 +237,23 @@ PKI_API int dec_struct_tm(BIO *bio, int tag, const unsigned char *data, int len,
                           void *arg);
 
 /*
- * A text (char *, malloc), without its NUL; null is not written. Reading replaces a text that is
- * there, with a line at level 4. Octets 0 are not looked for.
+ * Write and read a text (char *, malloc), without its NUL. Null is not written. Reading replaces a
+ * text that is there, with a line at level 4. Octets 0 are not looked for.
  * Return 0; 2; 63 a null argument; else as write_block.
  */
 PKI_API int enc_str(BIO *bio, void *field, int tag, void *arg);
 PKI_API int dec_str(BIO *bio, int tag, const unsigned char *data, int len, void *target, void *arg);
 
 /*
- * Keys (EVP_PKEY *) and what OpenSSL has a decoder for. They are never written: a stream of this
- * library carries no key. The encoders of keys still see whether the key can be converted. Reading
- * serves streams of other writers: a DER SubjectPublicKeyInfo (RFC 5280 4.1), an unencrypted
- * PKCS#8 PrivateKeyInfo (RFC 5208 5), and what `arg` decodes (see MARSHAL_D2I), which may use the
- * object that is there, so do not share it. A key that is there is replaced, unless reading fails.
- * The target of dec_asn1_struct is after a failure what `arg` left: with most of OpenSSL's decoders
- * null, the object freed; with some (d2i_PUBKEY) the object that was there.
- * Return 0; 2 or: 5 no PKCS#8, 6 no key that OpenSSL knows, 8 no SubjectPublicKeyInfo, 15 not
- * what `arg` decodes; 63 a null argument.
+ * Read keys (EVP_PKEY *) and what OpenSSL has a decoder for. They are never written: a stream of
+ * this library carries no key. The encoders of keys still see whether the key can be converted.
+ * Reading serves streams of other writers: a DER SubjectPublicKeyInfo (RFC 5280 4.1), an
+ * unencrypted PKCS#8 PrivateKeyInfo (RFC 5208 5), and what `arg` decodes (see MARSHAL_D2I), which
+ * may use the object that is there, so do not share it. A key that is there is replaced, unless
+ * reading fails. The target of dec_asn1_struct is after a failure what `arg` left: with most of
+ * OpenSSL's decoders null, the object freed; with some (d2i_PUBKEY) the object that was there.
+ * Return 0; 2 or: 5 no PKCS#8, 6 no key that OpenSSL knows, 8 no SubjectPublicKeyInfo, 15 not what
+ * `arg` decodes; 63 a null argument.
  */
 PKI_API int enc_pub_key(BIO *bio, void *field, int tag, void *arg);
 PKI_API int enc_prv_key(BIO *bio, void *field, int tag, void *arg);
@@ -273,7 +274,7 @@ PKI_API int skip_struct(BIO *bio, int tag, const unsigned char *data, int len, v
                         void *arg);
 
 /*
- * For encoders and decoders of your own.
+ * Write and read octets and blocks, for encoders and decoders of your own.
  *
  * write_fully and write_block write all of the `len` octets; of `tag` the low eight bits. Return 0;
  * 2 or 9 the BIO did not take them; 63 a null argument, a negative length, or, for a block, one of

@@ -20,14 +20,13 @@ PKI_BEGIN_DECLS
  * `*name` receives a new name, most general part first, which the caller frees with
  * X509_NAME_free; null on failure. A null text is an empty name.
  * Returns 0; 2 out of memory; 53 unknown key (a line at level 3); 54 no "=" (a line at level 4);
- * 55 a quoted value that never closes; 63 `name` is null, or the text
- * has more than 64 KiB.
+ * 55 a quoted value that never closes; 63 `name` is null, or the text has more than 64 KiB.
  */
 PKI_API int parse_rfc1779_str(const char *text, X509_NAME **name);
 
 /*
- * Reads an HTTP-style date in UTC: an optional weekday and comma, then day, month abbreviation,
- * year, hours, minutes and seconds.
+ * Reads an HTTP-style date in UTC. It is an optional weekday and comma, then day, month
+ * abbreviation, year, hours, minutes and seconds.
  *
  * The month counts only if the text ends right behind its three letters, so a whole date always
  * ends with 37 or 38. Callers rely on the codes; see docs/security.md.

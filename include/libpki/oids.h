@@ -34,20 +34,22 @@ enum pki_oid_row {
   PKI_OID_COUNT = 18
 };
 
-/* OpenSSL's number of each row's object; valid while the objects are registered. */
+/*
+ * OpenSSL's number of each object identifier, row by row; valid while the objects are registered.
+ */
 extern PKI_API int32_t *pki_nid_list;
 
 /*
- * Registers the objects, unless that is done already. An object that OpenSSL or the host knows
- * under the same identifier keeps its number.
+ * Registers the library's object identifiers, unless that is done already. An object that OpenSSL
+ * or the host knows under the same identifier keeps its number.
  * Returns 1, or 0 when memory ran out (two lines at level 0 say so). Not guarded: libpki_init
  * calls it before other threads use the library.
  */
 PKI_API int pki_register_oids(void);
 
 /*
- * Ends the registration: frees pki_nid_list. OpenSSL 3.0 keeps the names of the objects until the
- * process ends. Does nothing when nothing is registered. Not guarded.
+ * Ends the registration of object identifiers: frees pki_nid_list. OpenSSL 3.0 keeps the names of
+ * the objects until the process ends. Does nothing when nothing is registered. Not guarded.
  */
 PKI_API void pki_cleanup_oids(void);
 

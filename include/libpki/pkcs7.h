@@ -13,9 +13,9 @@
 PKI_BEGIN_DECLS
 
 /*
- * A certificate that holds `key` as its public key and the serial number 1, and nothing else: a
- * stand-in where OpenSSL wants a signer's certificate and only a key is there. The caller frees
- * it. Returns 0; 2; 2 or 27; 63.
+ * A stand-in certificate for a bare key, where OpenSSL wants a signer's. It holds `key` as its
+ * public key and the serial number 1, and nothing else. The caller frees it.
+ * Returns 0; 2; 27 (or 2); 63.
  */
 PKI_API int create_dummy_cert(EVP_PKEY *key, X509 **cert);
 
@@ -39,8 +39,8 @@ PKI_API int verify_bytes(const unsigned char *der, int der_length, EVP_PKEY *key
                          unsigned char **content, int *content_length);
 
 /*
- * The octets over which a SignedData with the inner content `content` computes its digest, as a
- * BIO to read from. For data these are its octets, for the enveloped and signed types the
+ * What a SignedData computes its digest over, for the inner content `content`, as a BIO to read
+ * from. For data these are its octets, for the enveloped and signed types the
  * contents octets of the inner structure's DER. `*buffer` receives what the BIO reads from; free
  * it (free) after the BIO (BIO_free). Null for data.
  * Returns 0; 2; 11 (or 2); 73 another content type; 74 no content, or DER without contents; 63

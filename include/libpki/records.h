@@ -24,7 +24,7 @@ enum { PKI_CERT_QUERY_SCEP = 1, PKI_CERT_QUERY_LDAP = 3 };
 enum { PKI_STATUS_OCSP = 1, PKI_STATUS_CRL = 2, PKI_STATUS_AOK = 3 };
 enum { PKI_MATCH_ISSUER = 1, PKI_MATCH_SUBJECT = 2, PKI_MATCH_SERIAL = 3 };
 
-/* crl_info.reasons: bit n is bit n of RFC 5280's ReasonFlags; 511 is every reason. */
+/* crl_info.reasons: bit n is bit n of RFC 5280's ReasonFlags; 511, like 0, is every reason. */
 #define PKI_ALL_REASONS 511u
 
 /* crl_info.flags above the creator's byte: what the record points at but does not own. */
@@ -104,7 +104,11 @@ typedef struct cert_match_rule {
   int32_t ref_count;
 } cert_match_rule;
 
-/* cert_status_info.flags: the validator reads these bits. */
+/*
+ * cert_status_info.flags: when the rule's source is asked. FLAG0: after the sources that the
+ * certificate itself names; without it before them. FLAG1: the source is final, so that nothing
+ * behind it is asked, also when it does not answer.
+ */
 #define PKI_STATUS_FLAG0 UINT32_C(1)
 #define PKI_STATUS_FLAG1 UINT32_C(2)
 
@@ -121,44 +125,48 @@ typedef struct cert_status_info {
 typedef struct ocsp_info {
   char *url;
   X509 *responder_cert; /* or null */
-  uint32_t option;      /* a byte of its creator's for the OCSP query */
+  uint32_t option;      /* bit 0: what `responder_cert` signed is believed without asking for
+                           the status of that certificate; the others are not used */
   int32_t ref_count;
 } ocsp_info;
 
 /* One CRL source. */
 typedef struct crl_info {
   char *url;
-  int format;             /* how the CRL is packed: 0 is DER, bare or inside PKCS#7 */
-  uint32_t reasons;       /* reasons that the CRL covers */
-  uint32_t flags;         /* the creator's byte, and PKI_CRL_*_BORROWED */
+  int format;             /* of what is fetched: 0 DER, bare or inside PKCS#7; 1 bare; 2 PKCS#7 */
+  uint32_t reasons;       /* of the cached CRLs, one that covers at least these will do */
+  uint32_t flags;         /* bit 0: it is a delta CRL; and PKI_CRL_*_BORROWED */
   X509_NAME *crl_issuer;  /* or null */
   X509 *crl_signer;       /* or null */
   DIST_POINT *dist_point; /* borrowed; null from the allocator */
   int32_t ref_count;
 } crl_info;
 
+/* Make, release and share a record of a CA. */
 PKI_API ca_info *alloc_ca_info(void);
 PKI_API void free_ca_info(ca_info *info);
 PKI_API ca_info *dup_ca_info(ca_info *info);
 
-/* Lists of ca_info and of key_info; freeing one releases every element. */
+/* Make and free lists of ca_info and of key_info; freeing one releases every element. */
 PKI_API STACK *alloc_ca_infos(void);
 PKI_API void free_ca_infos(STACK *list);
 PKI_API STACK *alloc_key_store(void);
 PKI_API void free_key_store(STACK *list);
 
+/* Make, release and share a record of a key. */
 PKI_API key_info *alloc_key_info(void);
 PKI_API void free_key_info(key_info *info);
 PKI_API key_info *dup_key_info(key_info *info);
 
+/* Make, release and share a record of a certificate that was issued for a key. */
 PKI_API cert_info *alloc_cert_info(void);
 PKI_API void free_cert_info(cert_info *info);
 PKI_API cert_info *dup_cert_info(cert_info *info);
 
 /*
- * The *_m allocators also make the record that `data` points at. A mechanism that is not in the
- * list above gives null and a line at level 3; so does freeing a record of such a mechanism,
- * whose `data` is then left alone.
+ * Make, release and share a record of how to enroll. alloc_cert_req_info_m also makes the record
+ * that `data` points at: `mechanism` is PKI_CERT_REQ_SCEP. Another one gives null and a line at
+ * level 3; so does freeing a record of another mechanism, whose `data` is then left alone.
  */
 PKI_API cert_req_info *alloc_cert_req_info(void);
 PKI_API cert_req_info *alloc_cert_req_info_m(int mechanism);
@@ -167,6 +175,12 @@ PKI_API cert_req_info *dup_cert_req_info(cert_req_info *info);
 PKI_API scep_req_info *alloc_scep_req_info(void);
 PKI_API void free_scep_req_info(scep_req_info *info);
 
+/*
+ * Make, release and share a record of how to look certificates up. alloc_cert_query_info_m also
+ * makes the record that `data` points at: `mechanism` is PKI_CERT_QUERY_SCEP or
+ * PKI_CERT_QUERY_LDAP. Another one gives null and a line at level 3; so does freeing a record of
+ * another mechanism, whose `data` is then left alone.
+ */
 PKI_API cert_query_info *alloc_cert_query_info(void);
 PKI_API cert_query_info *alloc_cert_query_info_m(int mechanism);
 PKI_API void free_cert_query_info(cert_query_info *info);
@@ -176,28 +190,50 @@ PKI_API void free_scep_query_info(scep_query_info *info);
 PKI_API ldap_query_info *alloc_ldap_query_info(void);
 PKI_API void free_ldap_query_info(ldap_query_info *info);
 
-/* Set `type` before `name_or_low`: it decides how that is freed. */
+/*
+ * Make, release and share a match rule: one condition of a status rule. Set `type` before
+ * `name_or_low`: it decides how that is freed.
+ */
 PKI_API cert_match_rule *alloc_cert_match_rule(void);
 PKI_API void free_cert_match_rule(cert_match_rule *rule);
 PKI_API cert_match_rule *dup_cert_match_rule(cert_match_rule *rule);
 
+/*
+ * Make, release and share a status rule; pki_add_crl_info and its like make one and put it into
+ * effect. alloc_cert_status_info_m also makes what `data` points at: `mechanism` is
+ * PKI_STATUS_OCSP, PKI_STATUS_CRL or PKI_STATUS_AOK. Another one gives null and a line at level 3;
+ * so does freeing a record of another mechanism, whose `data` is then left alone.
+ */
 PKI_API cert_status_info *alloc_cert_status_info(void);
 PKI_API cert_status_info *alloc_cert_status_info_m(int mechanism);
 PKI_API void free_cert_status_info(cert_status_info *info);
 PKI_API cert_status_info *dup_cert_status_info(cert_status_info *info);
 
+/* Make, release and share a record of an OCSP responder. */
 PKI_API ocsp_info *alloc_ocsp_info(void);
 PKI_API void free_ocsp_info(ocsp_info *info);
 PKI_API ocsp_info *dup_ocsp_info(ocsp_info *info);
 
+/* Make, release and share a record of a CRL source; create_crl_info also fills it. */
 PKI_API crl_info *alloc_crl_info(void);
 PKI_API void free_crl_info(crl_info *info);
 PKI_API crl_info *dup_crl_info(crl_info *info);
 
 /*
- * A CRL source with a copy of `url` (or none) and the given values. The issuer name is copied; a
- * signer certificate is taken, with one more reference, only when no issuer name is given.
- * Null when memory runs out.
+ * A record of a CRL source, for the list that pki_add_crl_info takes. Null when memory runs out.
+ *
+ * url       where the CRL is fetched: http only; copied, or null.
+ * format    what is fetched: 0 DER, bare or inside a PKCS#7 message; 1 bare DER, whatever content
+ *           type the server names; 2 a PKCS#7 message.
+ * reasons   which CRL of the cache will do: one that covers at least these reasons for a revocation
+ *           (bit n is bit n of RFC 5280's ReasonFlags). PKI_ALL_REASONS for an ordinary CRL. For
+ *           which reasons a CRL speaks, it says itself.
+ * flags     0 for a complete CRL; 1 for a delta CRL, which brings the complete ones of the same
+ *           list up to date (RFC 5280 5.2.4).
+ * issuer    who issues the CRL, where that is not the issuer of the certificates (an indirect CRL);
+ *           copied, or null.
+ * signer    the certificate of whoever signs the CRL, where the host knows it; one more reference
+ *           is taken. Of no effect when `issuer` is given. Or null.
  */
 PKI_API crl_info *create_crl_info(const char *url, int format, uint32_t reasons,
                                   unsigned char flags, const X509_NAME *issuer, X509 *signer);

@@ -34,7 +34,7 @@ PKI_API int scep_cert_req(EVP_PKEY *private_key, const X509_NAME *subject,
  * there already is replaced on success only. The CA's word for it is taken: issuer and serial
  * number of what it sent are not compared. Digest and cipher as for scep_cert_req.
  * Returns 0; 63 as scep_cert_req, or no issuer or serial number; 2; 49; 58 refused, or PENDING;
- * 59; 62 the request cannot be made; 45, 47, 48.
+ * 59 the answer is not one; 62 the request cannot be made; 45, 47, 48 as send_scep_msg.
  */
 PKI_API int scep_qry_cert(cert_info *query, scep_req_info *info, EVP_PKEY *private_key);
 
@@ -57,7 +57,7 @@ PKI_API int parse_scep_rsp(const unsigned char *der, int der_length, EVP_PKEY *p
                            int *status, PKCS7 **content);
 
 /*
- * Lets a host out of an enrollment that is pending: while stopped (non-zero), scep_cert_req
+ * Lets a host out of an enrollment that is pending. While stopped (non-zero), scep_cert_req
  * returns 52 after the current answer instead of sleeping, and after a sleep that ends, with a line
  * at level 4. A signal to the enrolling thread, with a handler of the host's, ends a sleep that has
  * begun; one that comes just before it does not, so repeat it until the call returns. Off (0) at

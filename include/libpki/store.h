@@ -28,13 +28,14 @@ typedef struct pki_store_object {
   STACK *global_status_rules; /* of cert_status_info: apply when no CA is given */
 } pki_store_object;
 
-/* The one store; never null. */
+/* The process-wide store; never null. */
 extern PKI_API pki_store_object *const pki_store;
 
 /*
  * Brings the library up: OpenSSL, the object identifiers, both caches, the store.
- * Returns 0, or 16 (PKI_NO_INFO_FILE) when that was done before. Running out of memory is not
- * reported: the step is tried again every 60 seconds, with a line at level 6.
+ * Returns 0; 16 (PKI_NO_INFO_FILE) when that was done before, which changes nothing and does no
+ * harm. Running out of memory is not reported: the step is tried again every 60 seconds, with a
+ * line at level 6.
  */
 PKI_API int libpki_init(void);
 
@@ -44,7 +45,7 @@ PKI_API void libpki_term(void);
 /* ---- CAs ---- */
 
 /*
- * Provisions a CA: downloads the CA-info document from `ca_pointer_url` (http only; the device's
+ * Provisions a CA. Downloads the CA-info document from `ca_pointer_url` (http only; the device's
  * serial number goes along in the query "?serial="), checks its signature with `doc_key`, reads
  * it and enters the CA under `label`. A CA that already has this label stays and is found first.
  *
@@ -78,8 +79,8 @@ PKI_API int parse_ca_info_doc(const unsigned char *document, int length, pki_sto
                               ca_info *info);
 
 /*
- * Shares `info` with the store. Labels are not compared: a second CA of a label is added behind
- * the first, which finds return. Returns 0; 2; 63.
+ * Adds a CA's record to the store, which shares it. Labels are not compared: a second CA of a label
+ * is added behind the first, which finds return. Returns 0; 2; 63.
  */
 PKI_API int pki_add_ca_info(ca_info *info);
 
@@ -89,7 +90,7 @@ PKI_API ca_info *pki_find_ca_info_by_label(const char *label);
 /* The first CA with that issuer name, or null. */
 PKI_API ca_info *pki_find_ca_info_by_issuer(const X509_NAME *name);
 
-/* A new list of every CA, for free_ca_infos; null when memory runs out. */
+/* A new list of every CA (of ca_info), for free_ca_infos; null when memory runs out. */
 PKI_API STACK *pki_get_all_ca_infos(void);
 
 /* Removes the first CA of that label. Returns 0; 50 there is none; 63. */
@@ -134,7 +135,8 @@ PKI_API int pki_get_certificate(const char *ca_label, const char *key_label, con
 PKI_API int pki_remove_key(const char *label);
 
 /*
- * Removes the key's first certificate of that label, likewise.
+ * Removes the key's first certificate of that label, which leaves the lists as with
+ * pki_remove_key.
  * Returns 0; 51 no such key; 52 no such certificate.
  */
 PKI_API int pki_remove_certificate(const char *key_label, const char *cert_label);
@@ -142,17 +144,18 @@ PKI_API int pki_remove_certificate(const char *key_label, const char *cert_label
 /* ---- certificates ---- */
 
 /*
- * Adds `cert` to `list` (of X509) unless a certificate of the same issuer and serial number is
- * in it. Returns 0; 2; 49 no reference could be taken; 63.
+ * Adds a certificate to a list. `list` (of X509) stays as it is when a certificate of the same
+ * issuer and serial number is in it. Returns 0; 2; 49 no reference could be taken; 63.
  */
 PKI_API int pki_add_cert(STACK *list, X509 *cert);
 
-/* pki_add_cert on the CA's trusted roots. */
+/* Adds a certificate to a CA's trusted roots, as pki_add_cert does. Returns as pki_add_cert. */
 PKI_API int pki_add_trusted_cert(X509 *cert, ca_info *info);
 
 /*
- * Adds an untrusted certificate: to the provisioned list when `keep` is non-zero, else to the
- * collected list, which holds 512 and drops its oldest. Returns 0; 2; 49; 63; 80 no lock.
+ * Adds an untrusted certificate to the store. It goes to the provisioned list when `keep` is
+ * non-zero, else to the collected list, which holds 512 and drops its oldest. Returns 0; 2; 49; 63;
+ * 80 no lock.
  */
 PKI_API int pki_add_untrusted_cert(X509 *cert, unsigned char keep);
 
@@ -160,29 +163,34 @@ PKI_API int pki_add_untrusted_cert(X509 *cert, unsigned char keep);
 PKI_API int pki_add_untrusted_certs(const STACK *certs, unsigned char keep);
 
 /*
- * Removes the first certificate of `list` with the issuer and serial number of `cert`.
+ * Removes a certificate from a list: the first of `list` with the issuer and serial number of
+ * `cert`.
  * Returns 0; 52 there is none; 63.
  */
 PKI_API int pki_delete_cert(STACK *list, const X509 *cert);
 
 /*
- * Removes from the collected list, then from the provisioned list. Returns the collected list's
- * result if that is not 0, else the provisioned list's; so a certificate that only the
- * provisioned list held is removed and 52 returned. 49 and 63 as elsewhere.
+ * Removes an untrusted certificate from the store. It leaves the collected list, then the
+ * provisioned list.
+ * Returns 0 both held it; 52 one of them did not, though the other may have held it, and lost it;
+ * 49 no reference could be taken; 63.
  */
 PKI_API int pki_delete_untrusted_cert(const X509 *cert);
 
 /*
- * Removes from the trusted roots of `info` and returns that result (0; 52); with a null `info`
- * from those of every CA, and returns 0. 49 and 63 as elsewhere.
+ * Removes a certificate from the trusted roots of `info`, or with a null `info` from those of every
+ * CA.
+ * Returns 0, with a null `info` also where no CA had it; 52 it is not among them; 49 no reference
+ * could be taken; 63.
  */
 PKI_API int pki_delete_trusted_cert(const X509 *cert, ca_info *info);
 
 /*
- * The searches look through the provisioned certificates, the collected ones and every CA's
- * trusted roots, in this order, and append what they find, one more reference each, to
- * `*result` (of X509). A null `*result` is replaced by a new list, the caller's. On failure
- * `*result` is as it was. Finding nothing is no failure.
+ * Find certificates of one issuer and serial number, or of one subject. The searches look through
+ * the provisioned certificates, the collected ones and every CA's trusted roots, in this order, and
+ * append what they find, one more reference each, to `*result` (of X509). A null `*result` is
+ * replaced by a new list, the caller's. On failure `*result` is as it was. Finding nothing is no
+ * failure.
  * Return 0; 2; 49; 63; 80 no lock.
  */
 PKI_API int pki_find_certs_by_issuer_serial(const X509_NAME *issuer, const ASN1_INTEGER *serial,
@@ -190,9 +198,11 @@ PKI_API int pki_find_certs_by_issuer_serial(const X509_NAME *issuer, const ASN1_
 PKI_API int pki_find_certs_by_subject(const X509_NAME *subject, STACK **result);
 
 /*
- * By the hash of the subject public key's bits, without tag, length and unused-bits octet (the
- * key hash of RFC 6960). 63 too unless `hash_length` is the size of `digest`; 2 also for a digest
- * that OpenSSL does not offer.
+ * Finds certificates by the hash of their public key. It is of the key's bits, without tag, length
+ * and unused-bits octet (the key hash of RFC 6960). They are appended to `*result` (of X509) as by
+ * pki_find_certs_by_subject.
+ * Returns 0; 2, also for a digest that OpenSSL does not offer; 49; 63, also unless `hash_length` is
+ * the size of `digest`; 80 no lock.
  */
 PKI_API int pki_find_certs_by_key_hash(const EVP_MD *digest, const unsigned char *hash,
                                        int hash_length, STACK **result);
@@ -200,34 +210,72 @@ PKI_API int pki_find_certs_by_key_hash(const EVP_MD *digest, const unsigned char
 /* ---- status rules ---- */
 
 /*
- * These add a status rule to `info`, or for a null `info` to the global rules. `rules` (of
- * cert_match_rule) is shared element by element; an empty list applies to every certificate.
- * Return 0; 2; 63.
+ * A status rule says where the status of the certificates that it matches is asked. It is added to
+ * `info`, with which it leaves the store, or for a null `info` to the global rules, which come
+ * behind those of the CAs. Either is asked about the certificates of every CA, as far as `rules`
+ * match them.
+ *
+ * rules     which certificates: those for which all conditions of this list hold (of
+ *           cert_match_rule, made with alloc_cert_match_rule). It is shared element by element:
+ *           list and references stay the caller's. An empty list matches every certificate.
+ *
+ * Each rule has two flags (PKI_STATUS_FLAG0, PKI_STATUS_FLAG1), which say when it is asked:
+ *
+ *     flag 0  flag 1
+ *        0       0    before the sources that the certificate itself names
+ *        0       1    before them, and instead of them: nothing behind it is asked
+ *        1       0    after them
+ *        1       1    after them, and nothing behind it is asked
+ *
+ * docs/validation.md has a picture, and an example that compiles.
  */
 
-/* Certificates that match count as good. The record's flags are 3 when `flag` is set, else 2. */
+/*
+ * Adds a status rule: certificates that match count as good. With `flag` 0 they do before the
+ * certificate's own sources are asked, and instead of that (flag 0 is clear); else when none of
+ * those knew (flag 0 is set). Flag 1 is always set: nothing behind this rule is asked.
+ * Returns 0; 2; 63 `rules` is null.
+ */
 PKI_API int pki_add_aok_info(ca_info *info, const STACK *rules, unsigned char flag);
 
 /*
- * Certificates that match are looked up in CRLs. `crl_infos` (of crl_info) is shared element by
- * element. The record's flags are `flag0`, with bit 1 added when `flag1` is set.
+ * Adds a status rule: certificates that match are looked up in CRLs. `crl_infos` (of crl_info, made
+ * with create_crl_info) is a list of sources that is shared element by element, and used as one
+ * source.
+ *
+ * flag0     flag 0: 1 after the certificate's own sources, 0 before them. Give 0 or 1: the octet is
+ *           kept as the record's `flags` as it is.
+ * flag1     flag 1: not 0: final, nothing behind this rule is asked.
+ *
+ * Returns 0; 2; 63 `rules` or `crl_infos` is null.
  */
 PKI_API int pki_add_crl_info(ca_info *info, const STACK *rules, const STACK *crl_infos,
                              unsigned char flag0, unsigned char flag1);
 
 /*
- * Certificates that match are asked for at an OCSP responder. `url` is copied, `responder_cert`
- * (or null) shared; flags as for CRLs. 49 when no reference on the certificate can be taken.
+ * Adds a status rule: certificates that match are asked for at the OCSP responder `url` (http; it
+ * is copied).
+ *
+ * responder_cert   a certificate whose owner may sign the answers, besides the issuer of the
+ *                  certificate in question and whom that has delegated; shared. Or null.
+ * option           1: what `responder_cert` signed is believed outright; 0: only if its own status
+ *                  is good, which is asked first.
+ * flag0, flag1     as for pki_add_crl_info.
+ *
+ * Returns 0; 2; 49 no reference on `responder_cert` can be taken; 63 `rules` or `url` is null.
  */
 PKI_API int pki_add_ocsp_info(ca_info *info, const STACK *rules, const char *url,
                               X509 *responder_cert, unsigned char option, unsigned char flag0,
                               unsigned char flag1);
 
+/* ---- which rules apply ---- */
+
 /*
- * Appends to `result` (of cert_status_info) a duplicate of each status rule of `info`, or for a
- * null `info` of the global rules, that applies to `cert`, in order. Judge the outcome by the
- * length of the list: the end of the rules returns 81 (PKI_NO_ENTRY) whether or not anything was
- * appended; 2 out of memory; 63.
+ * Lists the status rules that apply to a certificate. Appends to `result` (of cert_status_info) a
+ * duplicate of each rule of `info`, or for a null `info` of the global rules, that applies to
+ * `cert`, in order. Judge the outcome by the length of the list.
+ * Returns 81 (PKI_NO_ENTRY) at the end of the rules, whether or not anything was appended; 2 out of
+ * memory; 63.
  */
 PKI_API int pki_find_sts_query_info(ca_info *info, X509 *cert, STACK *result);
 

@@ -1,6 +1,6 @@
 /*
- * util.h: small helpers. Results are allocated with malloc; the caller frees them with free.
- * Any thread.
+ * util.h: small helpers for text, DER, lists and keys. Results are allocated with malloc; the
+ * caller frees them with free. Any thread.
  */
 #ifndef LIBPKI_UTIL_H
 #define LIBPKI_UTIL_H
@@ -11,7 +11,7 @@
 PKI_BEGIN_DECLS
 
 /*
- * Two upper-case hexadecimal digits an octet, high nibble first, no separators, NUL-terminated.
+ * Octets as hexadecimal text: two upper-case digits each, high nibble first, no separators.
  * Null when memory runs out or `length` is negative; an empty text for 0.
  */
 PKI_API char *to_hex_string(const void *bytes, int length);
@@ -29,15 +29,15 @@ PKI_API char *hex_der_encode(const void *object, i2d_fn *i2d);
 PKI_API char *pki_strdup(const char *text);
 
 /*
- * A new list with `dup` of each element of `list`, in order; with the dup_* functions of
- * records.h it shares the elements. Null when a dup gives null or memory runs out; what was
- * duplicated until then is given to `release`.
+ * Duplicates a list: a new one with `dup` of each element of `list`, in order. With the dup_*
+ * functions of records.h it shares the elements. Null when a dup gives null or memory runs out;
+ * what was duplicated until then is given to `release`.
  */
 PKI_API STACK *stack_dup(const STACK *list, void *(*dup)(void *), void (*release)(void *));
 
 /*
- * `*length` random octets from OpenSSL; a negative length is first replaced by 16. Null when
- * memory runs out or no random octets can be had. Length 0 gives a non-null result.
+ * Random octets from OpenSSL, `*length` of them; a negative length is first replaced by 16. Null
+ * when memory runs out or no random octets can be had. Length 0 gives a non-null result.
  */
 PKI_API unsigned char *gen_nonce(int *length);
 

@@ -15,10 +15,13 @@ PKI_BEGIN_DECLS
 /* ---- verifying ---- */
 
 /*
- * Verify callbacks, for X509_STORE_set_verify_cb, X509_STORE_CTX_set_verify_cb or
- * SSL_CTX_set_verify. OpenSSL builds the chain and checks signatures, names and constraints; the
- * callback judges what it reports, certificate by certificate from the top down. Return 1 to
- * accept, 0 to reject.
+ * Verify callbacks for OpenSSL, the internet and the local flavour. They are for
+ * X509_STORE_set_verify_cb, X509_STORE_CTX_set_verify_cb or SSL_CTX_set_verify. The internet
+ * flavour is for devices with a clock and a network: dates count, and every certificate needs a
+ * good status by OCSP or CRLs. The local flavour is for devices without: it forgives dates and asks
+ * nobody. OpenSSL builds the chain and checks signatures, names and constraints; the callback
+ * judges what it reports, certificate by certificate from the top down. Return 1 to accept, 0 to
+ * reject.
  *
  * Of OpenSSL's errors these are forgiven, deliberately:
  *   2        a missing issuer behind a certificate of the X509_STORE: the chain ends there. (A
@@ -61,11 +64,11 @@ PKI_API int zv_cv_cert_validator_internet_ex(int ok, X509_STORE_CTX *ctx);
 PKI_API int zv_cv_cert_validator_local_ex(int ok, X509_STORE_CTX *ctx);
 
 /*
- * The status of `cert`, issued by `issuer`: from the cache, else from the first source that knows
- * it: status rules of the store with flag 0 clear, up to 8 responders and the CRLs that the
- * certificate names, status rules with flag 0 set. A rule with flag 1 ends the search. The answer
- * is cached until it expires; that no source answered, for 30 seconds. Blocks while sources are
- * asked.
+ * The status of `cert`, issued by `issuer`. It comes from the cache, else from the first source
+ * that knows it: status rules of the store with flag 0 clear, up to 8 responders and the CRLs that
+ * the certificate names, status rules with flag 0 set. A rule with flag 1 ends the search. The
+ * answer is cached until it expires; that no source answered, for 30 seconds. Blocks while sources
+ * are asked.
  *
  * ctx       the verification that this belongs to; its trusted certificates are of use to the
  *           sources. May be null.
@@ -98,18 +101,18 @@ typedef struct cert_sts_info {
 } cert_sts_info;
 
 /*
- * A record with a copy of `valid_until` and one more reference on `cert`; null when memory runs
- * out or an argument is null.
+ * A status record, with a copy of `valid_until` and one more reference on `cert`; null when memory
+ * runs out or an argument is null.
  */
 PKI_API cert_sts_info *cv_alloc_cert_sts_info(int status, X509 *cert, const ASN1_TIME *valid_until);
 
-/* One more reference; null for null. */
+/* One more reference on a status record; null for null. */
 PKI_API cert_sts_info *cv_dup_cert_sts_info(cert_sts_info *info);
 
-/* Drops a reference and destroys the record with the last; nothing for null. */
+/* Drops a reference on a status record and destroys it with the last; nothing for null. */
 PKI_API void cv_free_cert_sts_info(cert_sts_info *info);
 
-/* "unknown", "ok", "revoked", or "<invalid cert status>". */
+/* A status as text: "unknown", "ok", "revoked", or "<invalid cert status>". */
 PKI_API const char *zv_cv_cert_sts_to_str(int status);
 
 /* ---- the status cache: 20 records ---- */
@@ -118,27 +121,27 @@ PKI_API const char *zv_cv_cert_sts_to_str(int status);
 PKI_API void zv_cv_init(void);
 
 /*
- * Caches a record, with one more reference. Does nothing and returns 0 when the record has
- * expired, its time cannot be read, or it is in the cache. A full cache first drops one record:
- * the first expired one, else the oldest of those with the fewest hits.
+ * Puts a record into the status cache, with one more reference. Does nothing and returns 0 when the
+ * record has expired, its time cannot be read, or it is in the cache. A full cache first drops one
+ * record: the first expired one, else the oldest of those with the fewest hits.
  * Returns 0; 63 null; 80 no lock.
  */
 PKI_API int zv_cv_add_cert_sts_info_cache(cert_sts_info *info);
 
 /*
- * The oldest cached record of `cert` with one more reference, or null. It may have expired: look
- * at valid_until.
+ * The oldest cached status record of `cert`, with one more reference, or null. It may have expired:
+ * look at valid_until.
  */
 PKI_API cert_sts_info *zv_cv_find_cert_sts_info_cache(const X509 *cert);
 
 /*
- * Takes a record out of the cache. After 0 the cache's reference is the caller's to drop, with
- * cv_free_cert_sts_info. Returns 0; 63 null; 80 no lock; 81 the record is not in the cache, and
- * nothing is to be dropped.
+ * Takes a record out of the status cache. After 0 the cache's reference is the caller's to drop,
+ * with cv_free_cert_sts_info. Returns 0; 63 null; 80 no lock; 81 the record is not in the cache,
+ * and nothing is to be dropped.
  */
 PKI_API int zv_cv_remove_cert_sts_info_cache(cert_sts_info *info);
 
-/* Empties the cache. Returns 0 or the lock's error number (errno values, not codes). */
+/* Empties the status cache. Returns 0 or the lock's error number (an errno value, no code). */
 PKI_API int zv_cv_clear_cert_sts_info_cache(void);
 
 /*
@@ -154,7 +157,7 @@ PKI_API int zv_cv_is_disabled_crl_check(void);
 PKI_API void zv_crl_init(void);
 
 /*
- * The first cached CRL of that issuer that covers at least `reasons` (bit n is bit n of
+ * The first cached CRL of an issuer that covers at least `reasons` (bit n is bit n of
  * ReasonFlags), with one more reference, or null. With `signer` given, only a CRL with a known
  * signer fits, and `*signer` receives one more reference on that certificate. The caller
  * releases both.
@@ -172,16 +175,17 @@ PKI_API X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reas
 PKI_API int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer);
 
 /*
- * Removes this CRL, or, where the object itself is not cached, the first of the same issuer.
+ * Removes a CRL from the cache. It is this one or, where the object itself is not cached, the first
+ * of the same issuer.
  * Returns 0; 63 null; 80 no lock; 81 there is none.
  */
 PKI_API int zv_cv_rem_crl_from_cache(const X509_CRL *crl);
 
-/* Empties the cache. Returns 0 or the lock's error number (errno values, not codes). */
+/* Empties the CRL cache. Returns 0 or the lock's error number (an errno value, no code). */
 PKI_API int zv_cv_clear_crl_cache(void);
 
 /*
- * RFC 5280 ReasonFlags as a mask: bit n of the string, counted from its first, is bit n of the
+ * RFC 5280 ReasonFlags as a mask. Bit n of the string, counted from its first, is bit n of the
  * mask. Only the first 32 bits count. 0 for null.
  */
 PKI_API uint32_t zv_cv_get_crl_reasons(const ASN1_BIT_STRING *reasons);

@@ -78,6 +78,21 @@ expect local -- pkictl verify --flavour = lo
 expect -- pkictl verify --chain ''
 expect -- pkictl verify ''
 
+expect unspecified -- pkilab revoke --reason unsp
+expect wrong-nonce -- pkilab serve --scep-misbehave wrong-n
+expect badTime -- pkilab serve --scep-refuse badT
+expect status= -- pkilab serve --ocsp-answer stat
+expect_among entry= -- pkilab serve --crl-answer entr
+expect entries= -- pkilab serve --crl-answer entri
+expect issuing additional root -- pkilab issue --ca ''
+
+# One of two that the command line wants.
+expect --serial -- pkictl crl find --se
+expect --cert -- pkictl crl find --ce
+
+# Nothing that the command refuses.
+expect -- pkictl state dump --js
+
 # A value that is called like a subcommand is none.
 expect --flavour -- pkictl verify --trust key --fl
 

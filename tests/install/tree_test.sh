@@ -28,10 +28,31 @@ expect "$lib/libpki.so" "$lib/libpki.so.0" "$lib/libpki.so.0.*" \
   "$lib/pkgconfig/libpki.pc" "$lib/cmake/libpki/libpki-config.cmake" \
   "$lib/cmake/libpki/libpki-config-version.cmake" "$lib/cmake/libpki/libpki-targets.cmake" \
   include/libpki/libpki.h include/libpki/error_list.inc include/board/board.h \
-  bin/pkictl bin/pkilab share/man/man3/libpki.3 share/man/man1/pkictl-verify.1 \
+  bin/pkictl bin/pkilab share/man/man3/libpki.3 share/man/man3/ca_info.3 \
+  share/man/man1/pkictl-verify.1 \
   share/bash-completion/completions/pkictl share/bash-completion/completions/pkilab \
   share/doc/libpki/README.md share/doc/libpki/docs/security.md \
   share/doc/libpki/examples/tls_client.c
+
+# Links in documents lead to what is installed, and what is for the sources only is not there.
+python3 -B - "$(dirname "$0")/../../scripts" "$prefix/share/doc/libpki" <<'PYTHON' || failed=1
+import sys
+from pathlib import Path
+
+sys.path.insert(0, sys.argv[1])
+from check_docs import Report, check_links
+
+report = Report()
+pages = sorted(Path(sys.argv[2]).rglob("*.md"))
+for page in pages:
+    check_links(page, report)
+sys.exit(1 if report.count or len(pages) < 10 else 0)
+PYTHON
+if compgen -G "$prefix/share/doc/libpki/docs/testing.md" ||
+  grep -nE 'make demo|build/release' "$prefix/share/doc/libpki/README.md"; then
+  echo "installed: what is of use in the sources only" >&2
+  failed=1
+fi
 
 # Nothing installed looks for libraries where it was built, and the tools start.
 if readelf -d "$prefix/bin/pkictl" "$prefix/$lib/libpki.so.0" | grep -E 'RPATH|RUNPATH' >&2; then
