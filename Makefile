@@ -13,7 +13,7 @@ CTEST = ctest -j $(JOBS) --output-on-failure --no-tests=error
 
 .DEFAULT_GOAL := release
 .NOTPARALLEL:
-.PRECIOUS: configure-% build-% check-%
+.PRECIOUS: configure-% build-% check-% elsewhere-%
 MAKEFLAGS += --no-print-directory
 export CTEST_OUTPUT_ON_FAILURE = 1
 
@@ -57,12 +57,21 @@ test: bootstrap-peers bootstrap-checks ## run the tests: optimised, then with Ad
 	@$(MAKE) check-asan
 
 .PHONY: test-long
-test-long: bootstrap-peers bootstrap-fuzz deb build-release ## run the soak tests, the unit tests with ThreadSanitizer, and fuzzers
+test-long: bootstrap-peers bootstrap-fuzz deb build-release ## run soak tests, ThreadSanitizer, fuzzers, and the tests as on other machines
 	@$(CTEST) --preset release -L long
 	@$(MAKE) build-tsan
 	@$(CTEST) --preset tsan -L unit
 	@$(MAKE) build-fuzz
 	@$(CTEST) --preset fuzz -L long
+	@$(MAKE) test-elsewhere
+
+# Other machines' libraries are unpacked beside the builds, not installed.
+.PHONY: test-elsewhere
+test-elsewhere: elsewhere-i386 elsewhere-s390x ## run the tests as on a 32-bit machine, and on a big-endian one
+elsewhere-%:
+	@scripts/bootstrap.sh build $*
+	@scripts/sysroot.sh $* $(BUILD)/sysroots/$*
+	@$(MAKE) check-$*
 
 FUZZ_SECONDS ?= 60
 .PHONY: bootstrap-fuzz fuzz
@@ -123,4 +132,4 @@ clean: ## remove everything that was built
 
 .PHONY: help
 help: ## this list
-	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-14s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)

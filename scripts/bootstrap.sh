@@ -6,6 +6,8 @@
 #   bootstrap.sh docs           the manual in HTML
 #   bootstrap.sh build fuzz     the same, and the compiler of `make fuzz`
 #   bootstrap.sh build deb      the same, and what builds and checks Debian packages
+#   bootstrap.sh build i386     the same, and what compiles for 32-bit x86
+#   bootstrap.sh build s390x    the same, and what compiles for s390x and runs its programs
 #   bootstrap.sh checks         what some tests look with: at the interface, at manual pages
 #   bootstrap.sh peers          what others made and the tests hold us against: programs to talk to,
 #                               certificates and CRLs to judge
@@ -20,6 +22,8 @@ lint_packages="clang-format clang-tidy cppcheck python3"
 docs_packages="doxygen python3"
 fuzz_packages="clang libclang-rt-14-dev"
 deb_packages="debhelper dpkg-dev fakeroot lintian man-db"
+i386_packages="g++-i686-linux-gnu"
+s390x_packages="g++-s390x-linux-gnu qemu-user"
 checks_packages="abigail-tools man-db mandoc"
 peers_packages="scep certmonger python3-cryptography-vectors"
 
@@ -31,10 +35,13 @@ for group in "$@"; do
     docs) wanted="$wanted $docs_packages" ;;
     fuzz) wanted="$wanted $fuzz_packages" ;;
     deb) wanted="$wanted $deb_packages" ;;
+    i386) wanted="$wanted $i386_packages" ;;
+    s390x) wanted="$wanted $s390x_packages" ;;
     checks) wanted="$wanted $checks_packages" ;;
     peers) wanted="$wanted $peers_packages" ;;
     *)
-      echo "bootstrap.sh: unknown group '$group' (build, lint, docs, fuzz, deb, checks, peers)" >&2
+      echo "bootstrap.sh: unknown group '$group' (build, lint, docs, fuzz, deb, i386, s390x," \
+        "checks, peers)" >&2
       exit 2
       ;;
   esac

@@ -12,6 +12,13 @@ import tool_help
 TEMPLATE = """\
 # bash completion for {tool}. Made from what its --help says: {children}.
 
+# No blank behind a "NAME=" whose value is still to come.
+_{tool}_open_end() {{
+  if [[ ${{#COMPREPLY[@]}} -eq 1 && ${{COMPREPLY[0]}} == *= ]]; then
+    compopt -o nospace 2>/dev/null
+  fi
+}}
+
 _{tool}() {{
   local current=${{COMP_WORDS[COMP_CWORD]}} previous=${{COMP_WORDS[COMP_CWORD - 1]}}
   local command={tool} words='' options='' i
@@ -60,6 +67,8 @@ def with_inherited(command, parents):
     found = {}
     for owner in [*parents, command]:
         for item in owner.options():
+            if "--json" in item.flags() and not command.has_json():
+                continue
             if owner is command or "--version" not in item.flags():
                 found.update((flag, item) for flag in item.flags())
     return found
@@ -86,10 +95,11 @@ def completion(tool):
         words.append(f"    '{name}')\n      words='{children}'\n"
                      f"      options='{' '.join(sorted(options))}' ;;")
         for flag, item in options.items():
-            if item.choices():
-                choices = " ".join(item.choices())
+            choices = command.choices(item)
+            if choices:
                 listed.append(f"""    '{name} {flag}')
-      mapfile -t COMPREPLY < <(compgen -W '{choices}' -- "$current")
+      mapfile -t COMPREPLY < <(compgen -W '{" ".join(choices)}' -- "$current")
+      _{tool.name()}_open_end
       return ;;""")
             elif takes_value(item):
                 free.append(f"{name} {flag}")

@@ -7,6 +7,8 @@ from dataclasses import dataclass, field
 # An entry is "  NAME   text", or the name on a line of its own if it is long.
 TEXT_COLUMN = 30
 CHOICES = re.compile(r":\{([^}]*)\}")
+# The title of a list of what an option takes, in the text below the options.
+VALUES = re.compile(r"Values of (--[\w-]+)")
 
 
 @dataclass
@@ -42,6 +44,7 @@ class Command:
     usage: str
     groups: list
     footer: list
+    examples: list
     children: list = field(default_factory=list)
 
     def name(self):
@@ -52,6 +55,18 @@ class Command:
 
     def options(self):
         return [item for group in self.groups for item in group.items if item.flags()]
+
+    def choices(self, item):
+        """What an option takes, where that is listed. "NAME=VALUE" is left at "NAME="."""
+        found = item.choices()
+        for group in self.groups:
+            title = VALUES.match(group.title)
+            if title and title.group(1) in item.flags():
+                found += [re.sub(r"(?<==).*", "", row.form) for row in group.items]
+        return found
+
+    def has_json(self):
+        return not any("there is no JSON" in line for block in self.footer for line in block)
 
     def all(self):
         yield self
@@ -77,6 +92,8 @@ def read_block(block):
     title, *lines = block
     if not title.endswith(":") or not lines or not all(line.startswith("  ") for line in lines):
         return block
+    if title == "Examples:":
+        return Group("Examples", lines)
     group = Group(title[:-1], [])
     while lines:
         group.items.append(read_item(lines))
@@ -88,11 +105,13 @@ def parse(words, text):
     if not rest:
         raise ValueError(f"'{' '.join(words)} --help' has no usage")
     usage, _, rest = rest.partition("\n")
-    command = Command(words, " ".join(description.split()), usage.strip(), [], [])
+    command = Command(words, " ".join(description.split()), usage.strip(), [], [], [])
     for block in re.split(r"\n\s*\n", rest.strip("\n")):
         lines = [line.rstrip() for line in block.splitlines() if line.strip()]
         found = read_block(lines) if lines else None
-        if isinstance(found, Group):
+        if isinstance(found, Group) and found.title == "Examples":
+            command.examples += [line.removeprefix("  ") for line in found.items]
+        elif isinstance(found, Group):
             command.groups.append(found)
         elif found:
             command.footer.append(found)

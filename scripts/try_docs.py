@@ -3,6 +3,9 @@
 print with what the page says.
 
     try_docs.py BUILD_DIR [COMPILER_OPTION...]
+
+CC in the environment names the compiler. RUN_WITH is a command, in shell words, that runs what it
+makes, where that is for another machine; TRY_SECONDS how long a program may take.
 """
 
 import os
@@ -18,9 +21,9 @@ sys.dont_write_bytecode = True  # scripts leave nothing in their folder
 from check_docs import program_of  # noqa: E402
 
 ROOT = Path(__file__).resolve().parent.parent
-COMPILE = ["cc", "-std=c99", "-pedantic", "-Wall", "-Wextra", "-Werror", f"-I{ROOT / 'include'}"]
+COMPILE = [os.environ.get("CC", "cc"), "-std=c99", "-pedantic", "-Wall", "-Wextra", "-Werror", f"-I{ROOT / 'include'}"]
 LIBRARIES = ["-lpki", "-lssl", "-lcrypto"]
-DEADLINE_SECONDS = 60
+DEADLINE_SECONDS = int(os.environ.get("TRY_SECONDS", "60"))
 
 
 def outputs_of(page):
@@ -92,7 +95,13 @@ class Trial:
         source.write_text(program_of(page), encoding="utf-8")
         self.must_run(*COMPILE, *self.options, str(source), "-o", str(program), f"-L{self.build / 'lib'}",
                       f"-Wl,-rpath,{self.build / 'lib'}", *LIBRARIES)
-        return str(program)
+        if "RUN_WITH" not in os.environ:
+            return str(program)
+        script = program.with_suffix(".sh")
+        script.write_text(f"#!/bin/sh\nexec {os.environ['RUN_WITH']} '{program}' \"$@\"\n",
+                          encoding="utf-8")
+        script.chmod(0o755)
+        return str(script)
 
     def expect(self, page, which, code, *command):
         """The command's exit code, and the page's output number `which` (None: not shown)."""

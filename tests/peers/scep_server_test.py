@@ -74,7 +74,8 @@ def other_message(folder, peer, kind):
             output = device.pkictl("cert", "find", "01", "--key", "key", "--ca", "ca", ok=False)[1]
             assert lab.messages(), output
             return lab.messages()[0].read_bytes()
-        device.environment["LD_PRELOAD"] = os.environ["SHORT_SLEEP"]
+        preload = os.environ.get("PRELOAD_VARIABLE", "LD_PRELOAD")
+        device.environment[preload] = os.environ["SHORT_SLEEP"]
         device.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0"
         device.enroll()
         return [m for m in lab.messages() if "GetCertInitial" in m.name][0].read_bytes()

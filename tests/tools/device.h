@@ -23,7 +23,7 @@ class device {
   strings environment(const strings &more = {}) const;
 
   // Provisions the CA "office" and makes the key "device".
-  void prepare(const strings &key_options = {}) const;
+  void prepare(const strings &key_options = {"--bits", "1024"}) const;
   // pkictl enroll for that key, under CN=device, O=Example.
   result enroll(const strings &options = {}, const strings &environment = {}) const;
   strings enroll_arguments(const strings &options = {}) const;

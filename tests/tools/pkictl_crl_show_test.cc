@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <regex>
 
 #include "crl_lab.h"
 #include "support/test_server.h"
@@ -62,6 +63,10 @@ TEST_F(PkictlCrlShow, FileOfDer) {
   expect_line(done.out, "size", std::to_string(std::filesystem::file_size(file)) + " octets\n");
   expect_line(done.out, "memory", "");
   expect_line(done.out, "time", "");
+  EXPECT_TRUE(std::regex_search(
+      done.out, std::regex("\n  memory +[0-9]+ KiB at the most, of the whole process; [0-9]+ KiB of"
+                           " it came with the CRL\n")))
+      << done.out;
 }
 
 TEST_F(PkictlCrlShow, Json) {
@@ -84,6 +89,8 @@ TEST_F(PkictlCrlShow, Json) {
   EXPECT_GT(shown["seconds"], 0.0);
   EXPECT_GT(shown["octets_per_second"], 0.0);
   EXPECT_GT(shown["peak_memory_kib"], 1000);
+  EXPECT_GE(shown["crl_memory_kib"], 0);
+  EXPECT_LT(shown["crl_memory_kib"], shown["peak_memory_kib"]);
 }
 
 TEST_F(PkictlCrlShow, FileOfPem) {

@@ -30,6 +30,11 @@ TEST(PkictlError, KnowsEveryCodeOfTheLibrary) {
   }
 }
 
+TEST(PkictlError, FindsACodeByItsName) {
+  for (const char *name : {"PKI_HTTP_ERROR", "HTTP_ERROR", "http_error", "pki_Http_Error"})
+    EXPECT_EQ(pkictl({"error", name}).out, "47 PKI_HTTP_ERROR: HTTP ERROR\n") << name;
+}
+
 TEST(PkictlError, UnknownNumberFails) {
   result done = pkictl({"error", "88"});
   EXPECT_EQ(done.exit_code, 1);
@@ -58,6 +63,15 @@ TEST(PkictlUsage, HelpIsEverywhere) {
     EXPECT_EQ(done.exit_code, 0);
     EXPECT_NE(done.out.find("Usage: "), std::string::npos);
     EXPECT_EQ(done.err, "");
+  }
+}
+
+TEST(PkictlUsage, HelpEndsWithWhereToStart) {
+  for (const char *tool : {"pkictl", "pkilab"}) {
+    std::string help = tool_test::run(tool, {"--help"}).out;
+    size_t last = help.rfind("\nStart with /");
+    ASSERT_NE(last, std::string::npos) << help;
+    EXPECT_TRUE(help.substr(last).find("/docs/quick-start.md\n") != std::string::npos) << help;
   }
 }
 

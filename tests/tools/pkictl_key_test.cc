@@ -27,12 +27,20 @@ struct key_state {
   }
 };
 
-TEST(PkictlKey, GenerateMakesAKeyOf1024BitsUnlessToldOtherwise) {
+TEST(PkictlKey, GenerateMakesAKeyThatTlsTakesUnlessToldOtherwise) {
   key_state test;
   result done = test.key({"generate", "device"});
   ASSERT_EQ(done.exit_code, 0) << done.err;
-  EXPECT_EQ(done.out, "made device (RSA 1024)\nsaved " + test.file() + "\n");
+  EXPECT_EQ(done.out, "made device (RSA 2048)\nsaved " + test.file() + "\n");
   EXPECT_EQ(done.err, "");
+  EXPECT_EQ(test.bits("device"), 2048);
+}
+
+TEST(PkictlKey, GenerateWarnsOfAKeyThatTlsDoesNotTake) {
+  key_state test;
+  result done = test.key({"generate", "device", "--bits", "1024"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err, "pkictl: warning: TLS on current systems takes no RSA key below 2048 bits\n");
   EXPECT_EQ(test.bits("device"), 1024);
 }
 
@@ -75,15 +83,15 @@ TEST(PkictlKey, ListOfNoKeysSaysSo) {
 
 TEST(PkictlKey, ListIsSorted) {
   key_state test;
-  test.key({"generate", "b"});
-  test.key({"generate", "a"});
+  test.key({"generate", "b", "--bits", "1024"});
+  test.key({"generate", "a", "--bits", "1024"});
   EXPECT_EQ(test.key({"list"}).out, "a (RSA 1024)\nb (RSA 1024)\n");
 }
 
 TEST(PkictlKey, RemoveTakesTheKeyAway) {
   key_state test;
-  test.key({"generate", "a"});
-  test.key({"generate", "b"});
+  test.key({"generate", "a", "--bits", "1024"});
+  test.key({"generate", "b", "--bits", "1024"});
   result done = test.key({"remove", "a"});
   EXPECT_EQ(done.exit_code, 0) << done.err;
   EXPECT_EQ(done.out, "removed a and 0 certificates\n");
@@ -94,8 +102,7 @@ TEST(PkictlKey, RemoveOfAKeyThatIsNotThereFails) {
   key_state test;
   result done = test.key({"remove", "a"});
   EXPECT_EQ(done.exit_code, 1);
-  EXPECT_EQ(done.err, "pkictl: there is no key a in " + test.dir +
-                          "; make it with 'pkictl key generate a'\n");
+  EXPECT_EQ(done.err, "pkictl: there is no key a in " + test.dir + "; see 'pkictl key list'\n");
 }
 
 TEST(PkictlKey, LabelsCannotLeaveTheFolder) {
@@ -116,7 +123,7 @@ TEST(PkictlKey, LongestLabelAndEveryCharacterOfALabelWork) {
   key_state test;
   for (const std::string &label : {std::string(100, 'a'), std::string("0._-@+Z")}) {
     EXPECT_EQ(test.key({"generate", label}).exit_code, 0) << label;
-    EXPECT_EQ(test.bits(label), 1024) << label;
+    EXPECT_EQ(test.bits(label), 2048) << label;
   }
 }
 

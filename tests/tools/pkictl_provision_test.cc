@@ -40,7 +40,7 @@ TEST(PkictlProvision, PrintsWhatEnteredTheStore) {
   EXPECT_EQ(ca["label"], "office");
   EXPECT_EQ(ca["url"], url);
   EXPECT_EQ(ca["issuer"], "CN=pkilab issuing CA, O=pkilab");
-  EXPECT_EQ(ca["expires"], nullptr);
+  EXPECT_EQ(ca["expires"], "Thu, 01 Jan 2037 00:00:00 GMT");
   EXPECT_EQ(ca["cert_req_methods"].size(), 1u);
   EXPECT_EQ(ca["cert_lookup_methods"].size(), 1u);
   EXPECT_EQ(ca["cert_status_methods"].size(), 1u);
@@ -86,10 +86,37 @@ TEST(PkictlProvision, SaysWhereTheSerialNumberIsMissing) {
       {"provision", the_lab().lab.url("/ca-info"), "--doc-key", the_lab().file("doc-key.pub.pem")},
       {"BOARD_INFO_DIR=/nonexistent"});
   EXPECT_EQ(done.exit_code, 1);
-  EXPECT_NE(done.err.find("FLASH ERROR (78): the board gave no serial number; put one into"
-                          " $BOARD_INFO_DIR/serialnumber"),
+  EXPECT_NE(done.err.find("FLASH ERROR (78): cannot read /nonexistent/serialnumber: No such file or"
+                          " directory; put it there, or name another folder in BOARD_INFO_DIR\n"),
             std::string::npos)
       << done.err;
+}
+
+TEST(PkictlProvision, SaysWhatIsWrongWithTheSerialNumber) {
+  board device;
+  strings arguments = {"provision", the_lab().lab.url("/ca-info"), "--doc-key",
+                       the_lab().file("doc-key.pub.pem")};
+  std::string file = device.home.write("serialnumber", "SN 42\n");
+  EXPECT_NE(pkictl(arguments, {"BOARD_INFO_DIR=" + (device.home / ".")})
+                .err.find("/serialnumber has a character that is not allowed"),
+            std::string::npos);
+  device.home.write("serialnumber", "");
+  EXPECT_NE(pkictl(arguments, {"BOARD_INFO_DIR=" + (device.home / ".")})
+                .err.find("/serialnumber is empty\n"),
+            std::string::npos);
+}
+
+TEST(PkictlProvision, HttpErrorSaysWhichOfManyItIs) {
+  for (const auto &[path, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"/misbehave/truncate-body/ca-info", "truncated http response: got "},
+           {"/misbehave/no-length/ca-info", "Won't buffer http response"},
+           {"/nothing", " sts=404"}}) {
+    result done = provision(the_lab().lab.url(path));
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_NE(done.err.find("HTTP ERROR (47): "), std::string::npos) << done.err;
+    EXPECT_NE(done.err.find(reason), std::string::npos) << done.err;
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+  }
 }
 
 TEST(PkictlProvision, RefusesAUrlThatIsNotHttp) {
@@ -104,7 +131,9 @@ TEST(PkictlProvision, NobodyListeningIsAFailure) {
   result done =
       provision("http://127.0.0.1:" + std::to_string(support::unused_port()) + "/ca-info");
   EXPECT_EQ(done.exit_code, 1);
-  EXPECT_NE(done.err.find("HTTP ERROR (47)"), std::string::npos) << done.err;
+  EXPECT_NE(done.err.find("HTTP ERROR (47): Error connecting to 127.0.0.1:"), std::string::npos)
+      << done.err;
+  EXPECT_TRUE(done.err.ends_with(": Connection refused\n")) << done.err;
 }
 
 TEST(PkictlProvision, VerboseShowsTheLibrarysLogOnStderr) {
@@ -122,7 +151,7 @@ class noisy_test : public testing::TestWithParam<bool> {};
 TEST_P(noisy_test, WhatTheBoardPrintsStaysOutOfTheOutput) {
   strings options = GetParam() ? strings{"--json"} : strings{};
   result done = provision(the_lab().lab.url("/ca-info"), options,
-                          {"LD_PRELOAD=" NOISY_BOARD, "ASAN_OPTIONS=verify_asan_link_order=0"});
+                          {TOOL_PRELOAD NOISY_BOARD, "ASAN_OPTIONS=verify_asan_link_order=0"});
   ASSERT_EQ(done.exit_code, 0) << done.err;
   EXPECT_EQ(done.out.find("reading the serial number"), std::string::npos);
   EXPECT_NE(done.err.find("reading the serial number\n"), std::string::npos) << done.err;

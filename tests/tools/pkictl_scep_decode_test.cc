@@ -17,7 +17,7 @@ const device &enrolled() {
   static const device test({"--scep-pending", "1"});
   static const bool done = [] {
     test.prepare();
-    strings no_wait = {"LD_PRELOAD=" SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0"};
+    strings no_wait = {TOOL_PRELOAD SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0"};
     EXPECT_EQ(test.enroll({}, no_wait).exit_code, 0);
     EXPECT_EQ(test.pkictl({"cert", "find", "0815", "--ca", "office", "--key", "device"}).exit_code,
               1);

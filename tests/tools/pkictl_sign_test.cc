@@ -16,6 +16,12 @@ const char *const moved_note =
     "pkictl: note: moved Expires to the end, because devices stop reading a document at its expiry"
     " and refuse one that has elements behind it\n";
 
+const char *const gap_note =
+    "pkictl: note: the document names neither a trusted root nor a way to enroll\n";
+const char *const scep_note =
+    "pkictl: note: the SCEP method names no X509Certificate of the SCEP CA, and devices cannot use"
+    " it without\n";
+
 struct signing {
   folder home;
   std::string out = home / "signed";
@@ -43,7 +49,7 @@ TEST(PkictlSign, SignsAFileThatVerifies) {
   signing test;
   result done = test.sign_text("<QRNPkiConfig><IssuerName>CN=x, C=US</IssuerName></QRNPkiConfig>");
   EXPECT_EQ(done.exit_code, 0);
-  EXPECT_EQ(done.err, "");
+  EXPECT_EQ(done.err, gap_note);
   EXPECT_TRUE(done.out.starts_with("signed " + test.out)) << done.out;
   EXPECT_EQ(test.shown()["issuer"], "CN=x, C=US");
 }
@@ -55,7 +61,7 @@ TEST(PkictlSign, KeepsADocumentThatNeedsNoMoveOctetByOctet) {
       "<expires>Thu, 01 Jan 2037 00:00:00 GMT</expires> <!-- behind --></qrnpkiconfig>\n\n";
   result done = test.sign_text(xml);
   EXPECT_EQ(done.exit_code, 0) << done.err;
-  EXPECT_EQ(done.err, "");
+  EXPECT_EQ(done.err, gap_note);
   EXPECT_NE(tool_test::read_file(test.out).find(xml), std::string::npos);
 }
 
@@ -68,7 +74,7 @@ TEST(PkictlSign, MovesExpiresToTheEndAndSaysWhy) {
       "  <CertReqMethod><SCEP url=\"http://a/?b=1&amp;c=2\"/></CertReqMethod>\n"
       "</QRNPkiConfig>\n");
   EXPECT_EQ(done.exit_code, 0);
-  EXPECT_EQ(done.err, moved_note);
+  EXPECT_EQ(done.err, std::string(moved_note) + scep_note);
   EXPECT_NE(tool_test::read_file(test.out).find(
                 "<QRNPkiConfig>\n"
                 "  <IssuerName>CN=a</IssuerName>\n"
@@ -86,7 +92,7 @@ TEST(PkictlSign, MovesExpiresInADocumentWithoutWhiteSpace) {
   signing test;
   result done = test.sign_text(
       "<QRNPkiConfig><Expires>1 Jan 2037</Expires><IssuerName>CN=a</IssuerName></QRNPkiConfig>");
-  EXPECT_EQ(done.err, moved_note);
+  EXPECT_EQ(done.err, std::string(moved_note) + gap_note);
   EXPECT_NE(tool_test::read_file(test.out).find(
                 "<IssuerName>CN=a</IssuerName><Expires>1 Jan 2037</Expires></QRN"),
             std::string::npos);
@@ -146,6 +152,26 @@ TEST(PkictlSign, ForceSignsWhatDevicesRefuse) {
   result verified =
       pkictl({"cainfo", "verify", test.out, "--doc-key", the_lab().file("doc-key.pub.pem")});
   EXPECT_EQ(verified.exit_code, 1);
+}
+
+TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyByForce) {
+  std::string cert = the_lab().file("issuing-cert.pem");
+  for (const auto &[option, what] : std::vector<std::pair<std::string, std::string>>{
+           {"--scep-url", "SCEP"}, {"--scep-get-cert-url", "SCEPGetCert"}, {"--ocsp-url", "OCSP"}})
+    for (const char *url : {"https://x/", "http:///path", "x"}) {
+      signing test;
+      strings what_to_sign = {option, url, "--root", cert};
+      result done = test.sign(what_to_sign);
+      EXPECT_EQ(done.exit_code, 1) << url;
+      EXPECT_EQ(done.err, "pkictl: devices cannot use the " + what + " URL " + url +
+                              "; give one that begins with http://; --force signs it anyway\n");
+      EXPECT_EQ(tool_test::read_file(test.out), "");
+      what_to_sign.emplace_back("--force");
+      done = test.sign(what_to_sign);
+      EXPECT_EQ(done.exit_code, 0) << done.err;
+      EXPECT_TRUE(done.err.starts_with("pkictl: note: devices cannot use the " + what + " URL"))
+          << done.err;
+    }
 }
 
 TEST(PkictlSign, AFailureLeavesTheOldFile) {

@@ -42,7 +42,7 @@ TEST(PkictlStateDump, ShowsTheStateWithoutItsKeys) {
                            "  <CAS_END val=\"\">\n"
                            "  <KEYS_START val=\"\">\n"
                            "    <KEY_START val=\"\">\n"
-                           "      <LABEL val=\"646576696365\">\n"
+                           "      <LABEL val=\"646576696365\">  \"device\"\n"
                            "      <PRIVATE_KEY_LENGTH val=\"01"))
       << done.out;
   EXPECT_TRUE(done.out.ends_with("<EOD val=\"\">\n")) << done.out;
@@ -110,6 +110,16 @@ TEST(PkictlStateDump, StateHasToBeThere) {
   result done = test.pkictl({"state", "dump"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: there is no file " + test.file + "\n");
+}
+
+TEST(PkictlStateDump, PemIsToldInOneLine) {
+  dump_test test;
+  std::string pem = test.home / "device.pem";
+  ASSERT_EQ(test.pkictl({"key", "export", "device", "-o", pem}).exit_code, 0);
+  result done = tool_test::pkictl({"state", "dump", pem});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.out, "");
+  EXPECT_EQ(done.err, "pkictl: " + pem + " is PEM, no marshal stream; openssl reads it\n");
 }
 
 // ---- other streams ----

@@ -108,7 +108,7 @@ std::vector<strings> commands_that_read(const std::string &device_file) {
           {"key", "export", "device"},
           {"cert", "export", "device", "cert"},
           {"cert", "find", "01", "--key", "device"},
-          {"enroll", "--key", "device"},
+          {"enroll", "--key", "device", "--subject", "CN=x"},
           {"provision", "http://127.0.0.1:1/", "--doc-key", device_file}};
 }
 
@@ -126,13 +126,14 @@ TEST(PkictlStateDamage, IsToldInOneLineAndTheFileStays) {
     for (const strings &command : commands_that_read(key)) {
       result done = test.pkictl(command);
       EXPECT_EQ(done.exit_code, 1) << command[0] << " " << command[1];
-      EXPECT_TRUE(done.err.starts_with("pkictl: " + test.file +
-                                       " is damaged, or no state of this pkictl: "))
+      EXPECT_TRUE(
+          done.err.starts_with("pkictl: " + test.file + " is damaged, or no state of this pkictl"))
           << done.err;
       EXPECT_TRUE(
           done.err.ends_with("; put a good copy in its place, or move it away to begin anew\n"))
           << done.err;
       EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+      EXPECT_EQ(done.err.find("INVALID ARGS"), std::string::npos) << done.err;
       EXPECT_EQ(test.octets(), octets);
     }
   }

@@ -167,7 +167,19 @@ TEST(PkictlVerifyCertReport, SaysThatNoSourceIsKnown) {
   verify_files files;
   files.save("leaf.pem", files.issue("leaf", leaf_serial, files.inter));
   result done = files.verify();
-  EXPECT_TRUE(done.out.ends_with("status of CN=leaf: ok, no source was asked\n")) << done.out;
+  EXPECT_TRUE(
+      done.out.ends_with("status of CN=leaf: ok, but NOBODY WAS ASKED whether it is revoked\n"))
+      << done.out;
+}
+
+TEST(PkictlVerifyCertReport, NamesTheIssuerWhoseCertificateIsMissing) {
+  verify_files files;
+  result done = files.pkictl({"verify", files.path("leaf.pem"), "--trust", files.path("root.pem")});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find(": the certificate of CN=inter is missing; give it with --chain or"
+                          " --trust\n"),
+            std::string::npos)
+      << done.err;
 }
 
 TEST(PkictlVerifyCertReport, JsonDescribesTheCertificates) {

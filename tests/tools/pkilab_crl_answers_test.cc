@@ -43,7 +43,7 @@ int index_of(const crl_query &answer, const std::string &serial) {
 }
 
 // Seconds from now, give or take what the exchange took.
-void expect_time(const ASN1_TIME *time, long seconds) {
+void expect_time(const ASN1_TIME *time, long long seconds) {
   int days = 0;
   int rest = 0;
   ASSERT_TRUE(time);

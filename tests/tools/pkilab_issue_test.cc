@@ -19,7 +19,8 @@ using tool_test::the_lab;
 class issue_test : public testing::Test {
  protected:
   result issue(const strings &options) {
-    strings arguments = {"issue", "--dir", the_lab().file(""), "--out", home_ / "cert.pem"};
+    strings arguments = {"issue",   "--dir", the_lab().file(""),
+                         "--force", "--out", home_ / "cert.pem"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     return run("pkilab", arguments);
   }
@@ -70,6 +71,52 @@ TEST_F(issue_test, MakesAKey) {
   EXPECT_EQ(X509_check_private_key(tools::load_certificate(home_ / "cert.pem").get(),
                                    tools::load_private_key(home_ / "key.pem").get()),
             1);
+}
+
+// What is there may be the only copy of a key.
+TEST_F(issue_test, LeavesFilesThatAreThereUnlessForced) {
+  std::string key = home_.write("key.pem", "mine");
+  std::string cert = home_ / "new.pem";
+  strings arguments = {"issue", "--dir", the_lab().file(""), "--new-key", key,
+                       "--out", cert,    "--subject",        "CN=x"};
+  result done = run("pkilab", arguments);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkilab: " + key + " is there already; take another name, or --force it\n");
+  EXPECT_EQ(tool_test::read_file(key), "mine");
+  EXPECT_FALSE(tool_test::exists(cert));
+  arguments.emplace_back("--force");
+  EXPECT_EQ(run("pkilab", arguments).exit_code, 0);
+  done = run("pkilab", {"issue", "--dir", the_lab().file(""), "--key", key, "--out", cert,
+                        "--subject", "CN=x"});
+  EXPECT_EQ(done.err, "pkilab: " + cert + " is there already; take another name, or --force it\n");
+  EXPECT_EQ(X509_check_private_key(tools::load_certificate(cert).get(),
+                                   tools::load_private_key(key).get()),
+            1);
+}
+
+TEST_F(issue_test, KeyAndCertificateNeedFilesOfTheirOwn) {
+  expect_usage({"--new-key", home_ / "cert.pem", "--subject", "CN=x"}, "--out is the same file as");
+  expect_usage({"--new-key", home_ / "./cert.pem", "--subject", "CN=x"}, "is the same file as");
+  std::string key = home_.write("cert.pem", tool_test::read_file(the_lab().file("root-key.pem")));
+  result done = issue({"--key", key, "--subject", "CN=x"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_EQ(tool_test::read_file(key), tool_test::read_file(the_lab().file("root-key.pem")));
+}
+
+TEST_F(issue_test, CertificateThatCannotBeWrittenLeavesNoKeyBehind) {
+  result done = run("pkilab", {"issue", "--dir", the_lab().file(""), "--new-key", home_ / "key.pem",
+                               "--out", home_ / "none/cert.pem", "--subject", "CN=x"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_FALSE(tool_test::exists(home_ / "key.pem"));
+}
+
+TEST_F(issue_test, SaysThatItMadeALab) {
+  strings arguments = {
+      "issue", "--dir",     home_ / "typo", "--key", the_lab().file("root-key.pem"),
+      "--out", home_ / "a", "--subject",    "CN=x"};
+  EXPECT_EQ(run("pkilab", arguments).err, "pkilab: made a new lab in " + (home_ / "typo") + "\n");
+  arguments.emplace_back("--force");
+  EXPECT_EQ(run("pkilab", arguments).err, "");
 }
 
 TEST_F(issue_test, TakesNameAndKeyFromARequest) {
@@ -137,6 +184,10 @@ TEST_F(issue_test, WrongUsageIsTwo) {
   expect_usage({"--key", key, "--new-key", home_ / "k", "--subject", "CN=x"}, "give one of");
   expect_usage({"--key", key}, "give --subject");
   expect_usage({"--key", key, "--subject", "x"}, "--subject x is no name");
+  expect_usage({"--key", key, "--subject", "CN=x, O=Example, Inc."},
+               "a value with a comma stands in double quotes, as in O=\"Example, Inc.\"");
+  expect_usage({"--key", key, "--subject", "CN=x", "--not-after", "2020-01-01"},
+               "the certificate would end before it begins");
   expect_usage({"--key", key, "--subject", "CN=x", "--not-after", "soon"},
                "--not-after soon is no time");
   expect_usage({"--key", key, "--subject", "CN=x", "--not-after", "2026-02-30"}, "is no time");
@@ -227,7 +278,7 @@ TEST_F(revoke_test, FolderWithoutALabIsRefusedAndStaysEmpty) {
 TEST_F(revoke_test, WrongUsageIsTwo) {
   expect_failure(call("revoke", {}), 2, "give either a certificate's file or --serial");
   expect_failure(call("revoke", {home_ / "cert.pem", "--serial", serial_}), 2, "give either");
-  expect_failure(call("revoke", {"--serial", "xyz"}), 2, "--serial xyz is no hexadecimal number");
+  expect_failure(call("revoke", {"--serial", "xyz"}), 2, "'xyz' is no serial number");
   expect_failure(call("revoke", {home_ / "cert.pem", "--reason", "boredom"}), 2, "--reason");
   expect_failure(call("revoke", {home_ / "cert.pem", "--at", "once"}), 2, "--at once is no time");
 }

@@ -150,7 +150,7 @@ TEST_F(scep_http_test, LogsWhatWasAskedAndAnsweredWithoutTheMessage) {
 TEST_F(scep_http_test, PollForARequestThatIsNotPendingIsBadCertId) {
   device waiting({"--scep-pending", "1"});
   waiting.prepare();
-  tool_test::strings no_wait = {"LD_PRELOAD=" SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0"};
+  tool_test::strings no_wait = {TOOL_PRELOAD SHORT_SLEEP, "ASAN_OPTIONS=verify_asan_link_order=0"};
   ASSERT_EQ(waiting.enroll({}, no_wait).exit_code, 0);
   EXPECT_EQ(fail_info_of(post(tool_test::read_file(waiting.message("0002-GetCertInitial.der")))),
             "4");

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include "run_tool.h"
 #include "support/certs.h"
@@ -44,6 +45,12 @@ TEST(PkilabServe, LogsTheQueryOfEachRequest) {
   EXPECT_TRUE(done.err.starts_with("pkilab: GET /ca-info?serial=SN-0007 -> 200 ")) << done.err;
 }
 
+TEST(PkilabServe, QuietSaysNothingWhereAFileSaysIt) {
+  tool_test::folder home;
+  lab_process lab(home / "lab", {"--quiet"});
+  EXPECT_EQ(lab.end(SIGTERM).out, "");
+}
+
 TEST(PkilabServe, QuietLogsNothing) {
   tool_test::folder home;
   home.write("serialnumber", "SN-0007\n");
@@ -52,6 +59,53 @@ TEST(PkilabServe, QuietLogsNothing) {
       {"provision", lab.url() + "/ca-info", "--doc-key", home / "lab/doc-key.pub.pem"},
       {"BOARD_INFO_DIR=" + (home / "")});
   EXPECT_EQ(lab.end(SIGTERM).err, "");
+}
+
+// Whoever waits for the file must not meet that of an earlier lab.
+TEST(PkilabServe, ReadyFileIsThereOnlyWhileItServes) {
+  for (int number : {SIGTERM, SIGINT}) {
+    tool_test::folder home;
+    std::string ready = home / "lab.ready";
+    lab_process lab(home / "lab");
+    EXPECT_EQ(tool_test::read_file(ready), lab.url() + "\n");
+    EXPECT_EQ(lab.end(number).exit_code, 0);
+    EXPECT_NE(access(ready.c_str(), F_OK), 0);
+  }
+}
+
+TEST(PkilabServe, StaleReadyFileIsRemovedBeforeAnythingElse) {
+  tool_test::folder home;
+  std::string ready = home.write("ready", "http://127.0.0.1:1\n");
+  std::string lab = home.write("lab", "no folder");
+  EXPECT_EQ(run("pkilab", {"serve", "--dir", lab, "--ready-file", ready}).exit_code, 1);
+  EXPECT_NE(access(ready.c_str(), F_OK), 0);
+}
+
+TEST(PkilabServe, ReadyFileOfAnotherLabStays) {
+  tool_test::folder home;
+  std::string ready = home / "lab.ready";
+  lab_process lab(home / "lab");
+  home.write("lab.ready", "http://127.0.0.1:1\n");
+  lab.end(SIGTERM);
+  EXPECT_EQ(tool_test::read_file(ready), "http://127.0.0.1:1\n");
+}
+
+TEST(PkilabServe, BindTakesOnlyNumericAddressesAndSaysNothingElse) {
+  tool_test::folder home;
+  result done = run("pkilab", {"serve", "--dir", home / "lab", "--bind", "localhost"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err,
+            "pkilab: cannot listen on localhost: give a numeric address, as in 127.0.0.1, and a"
+            " port from 0 to 65535\n");
+  EXPECT_NE(access((home / "lab").c_str(), F_OK), 0);
+}
+
+TEST(PkilabServe, UnknownAnswerNamesTheHelpOnce) {
+  tool_test::folder home;
+  result done = run("pkilab", {"serve", "--dir", home / "lab", "--ocsp-answer", "foo"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_TRUE(done.err.ends_with("there is no OCSP option 'foo'; pkilab serve --help lists them\n"))
+      << done.err;
 }
 
 TEST(PkilabServe, ServesAGivenDocumentOnceItIsThere) {

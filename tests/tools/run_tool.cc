@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -34,12 +35,21 @@ std::vector<char *> pointers(strings *texts) {
   return list;
 }
 
+// Unless there is one of that name: a shell that starts the tool would take the last one.
+void add_entry(const std::string &entry, strings *entries) {
+  const std::string name = entry.substr(0, entry.find('=') + 1);
+  for (const std::string &other : *entries)
+    if (other.starts_with(name))
+      return;
+  entries->push_back(entry);
+}
+
 strings whole_environment(const strings &additions) {
   strings entries = additions;
   static const folder state;
-  entries.push_back("XDG_STATE_HOME=" + (state / "state"));  // the first of a name counts
+  add_entry("XDG_STATE_HOME=" + (state / "state"), &entries);
   for (char **entry = environ; *entry; entry++)
-    entries.emplace_back(*entry);
+    add_entry(*entry, &entries);
   return entries;
 }
 
@@ -143,7 +153,13 @@ lab_process::lab_process(const std::string &dir, const strings &arguments) {
   pid_ = started.pid;
   out_ = started.out;
   err_ = started.err;
-  while (first_line_.find('\n') == std::string::npos && drain(out_, &first_line_)) {
+  // Quiet, it tells only the file.
+  bool is_quiet = std::find(arguments.begin(), arguments.end(), "--quiet") != arguments.end();
+  while (first_line_.find('\n') == std::string::npos &&
+         !(is_quiet && access(ready.c_str(), F_OK) == 0)) {
+    pollfd readable = {out_, POLLIN, 0};
+    if (poll(&readable, 1, 20) > 0 && !drain(out_, &first_line_))
+      break;
   }
   url_ = read_file(ready);
   if (url_.empty())

@@ -12,6 +12,14 @@ namespace tool_test {
 
 using strings = std::vector<std::string>;
 
+// In front of a library's path: the environment entry that has a tool load it. A tool of
+// another machine is started by a script, which must not load it.
+#ifdef TOOLS_ARE_STARTED_BY_SCRIPTS
+#define TOOL_PRELOAD "TOOL_PRELOAD="
+#else
+#define TOOL_PRELOAD "LD_PRELOAD="
+#endif
+
 struct result {
   int exit_code = -1;  // 128 and the signal's number where one ended the program
   std::string out;

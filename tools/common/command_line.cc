@@ -53,7 +53,10 @@ bool parse_command_line(CLI::App &app, int argc, char **argv, int *code) {
       return false;
     }
     *code = exit_usage;
-    complain(app.get_name(), reason(app, error) + "; see '" + command_path(app) + " --help'");
+    std::string text = reason(app, error);
+    if (text.find("--help") == std::string::npos)
+      text += "; see '" + command_path(app) + " --help'";
+    complain(app.get_name(), text);
     return false;
   }
 }

@@ -118,4 +118,25 @@ void write_new_file(const std::string &path, const std::string &bytes, mode_t mo
   fail("write", path);
 }
 
+void require_free(const std::string &path, bool force) {
+  if (!force && file_exists(path))
+    throw failure(path + " is there already; take another name, or --force it");
+}
+
+void write_named_file(const std::string &path, const std::string &bytes, mode_t mode, bool force) {
+  require_free(path, force);
+  if (force)
+    write_file(path, bytes, mode);
+  else
+    write_new_file(path, bytes, mode);
+}
+
+bool is_same_file(const std::string &path, const std::string &other) {
+  std::error_code error;
+  if (std::filesystem::equivalent(path, other, error))
+    return true;
+  std::filesystem::path one = std::filesystem::weakly_canonical(path, error);
+  return !error && one == std::filesystem::weakly_canonical(other, error) && !error;
+}
+
 }  // namespace tools

@@ -31,6 +31,14 @@ void write_file(const std::string &path, const std::string &bytes, mode_t mode);
 // Writes a file that must not be there yet. Throws failure; a part of a file is not left behind.
 void write_new_file(const std::string &path, const std::string &bytes, mode_t mode);
 
+// Writes a file that a person named. One that is there is replaced only with `force`, and refused
+// without. Throws failure.
+void require_free(const std::string &path, bool force);
+void write_named_file(const std::string &path, const std::string &bytes, mode_t mode, bool force);
+
+// Do both name one file? Neither need be there.
+bool is_same_file(const std::string &path, const std::string &other);
+
 // Writes all of it, however often it takes; false with errno when that cannot be.
 bool write_all(int fd, const void *bytes, size_t length);
 

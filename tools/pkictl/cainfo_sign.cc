@@ -11,6 +11,7 @@
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
+#include "tools/pkictl/ca_info_use.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/library.h"
 
@@ -109,15 +110,27 @@ tools::prepared_document make_document(const options &given) {
   return tools::prepare_document(tools::read_file(given.document), given.document);
 }
 
-// A document that every device refuses is signed only by somebody who insists.
-void check_content(const options &given, const std::string &xml) {
-  int code = tools::read_document(xml).code;
+// A document with methods that never work is signed only by somebody who insists. Returns what is
+// to be noted.
+std::vector<std::string> check_use(const options &given, const ca_info &ca) {
+  ca_info_use use = judge_use(ca);
+  if (!use.faults.empty() && !given.force)
+    throw tools::failure(use.faults[0] + "; --force signs it anyway");
+  std::vector<std::string> notes = use.faults;
+  notes.insert(notes.end(), use.gaps.begin(), use.gaps.end());
+  return notes;
+}
+
+// So is one that every device refuses.
+std::vector<std::string> check_content(const options &given, const std::string &xml) {
+  tools::read_ca_info read = tools::read_document(xml);
+  int code = read.code;
   if (code == 0)
-    return;
+    return check_use(given, *read.info);
   std::string text = failure_text("devices refuse this document", code);
   if (!given.force)
     throw tools::library_failure(code, text + "; --force signs it anyway");
-  tools::complain("pkictl", "note: " + text);
+  return {text};
 }
 
 int sign(const context &where, const options &given) {
@@ -127,9 +140,11 @@ int sign(const context &where, const options &given) {
   tools::prepared_document document = make_document(given);
   if (document.expires_moved)
     tools::complain("pkictl", expires_note);
-  check_content(given, document.xml);
+  std::vector<std::string> notes = check_content(given, document.xml);
   std::string message = tools::sign_document(document.xml, key.get());
   tools::write_file(given.out, message, 0644);
+  for (const std::string &note : notes)
+    tools::complain("pkictl", "note: " + note);
   if (where.json)
     where.out->write_json({{"file", given.out},
                            {"size", message.size()},
@@ -171,17 +186,25 @@ void add_description_options(CLI::App *command, options *given) {
 void add_cainfo_sign_command(CLI::App &cainfo, action *chosen) {
   auto given = std::make_shared<options>();
   CLI::App *command = cainfo.add_subcommand("sign", "Sign a CA-info document");
-  command->add_option("DOC.xml", given->document, "The document; docs/ca-info.md has its grammar");
+  command->add_option("DOC.xml", given->document,
+                      "The document; " DOCUMENT_FOLDER "/ca-info.md has its grammar");
   command->add_option("--key", given->key, "The signer's private key (PEM or DER)")->required();
   command->add_option("--out", given->out, "The file to write (DER)")->required();
-  command->add_flag("--force", given->force, "Sign even what devices refuse");
+  command->add_flag("--force", given->force, "Sign even what devices refuse or cannot use");
   add_description_options(command, given.get());
-  command->footer(std::string("Keys and certificates are PEM or DER files; a key must not be "
-                              "encrypted. Expires is always\n"
-                              "written as the last element: its date ends a device's reading, so a "
-                              "document with elements\n"
-                              "behind it is refused with 37.\n\n") +
-                  common_footer);
+  command->footer(
+      std::string("Examples:\n"
+                  "  pkictl cainfo sign ca-info.xml --key doc-key.pem --out ca-info.p7\n"
+                  "  pkictl cainfo sign --issuer-name \"CN=Example CA, O=Example\" \\\n"
+                  "    --scep-url http://ca.example/scep --scep-cert ca.pem --root ca.pem"
+                  " \\\n"
+                  "    --key doc-key.pem --out ca-info.p7\n\n"
+                  "Keys and certificates are PEM or DER files; a key must not be "
+                  "encrypted. Expires is always\n"
+                  "written as the last element: its date ends a device's reading, so a "
+                  "document with elements\n"
+                  "behind it is refused with 37.\n\n") +
+      common_footer);
   command->callback([=] { *chosen = [=](const context &where) { return sign(where, *given); }; });
 }
 

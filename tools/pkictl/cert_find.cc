@@ -4,7 +4,6 @@
 #include <libpki/scep_client.h>
 #include <libpki/store.h>
 #include <libpki/util.h>
-#include <openssl/bn.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -12,8 +11,10 @@
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
+#include "tools/common/serial.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/state.h"
@@ -65,24 +66,11 @@ scep_req_info_ptr make_access(const ca_info &ca) {
   return access;
 }
 
-ASN1_INTEGER *read_serial(const std::string &text) {
-  constexpr size_t max_digits = 128;
-  bool is_hex = !text.empty() && text.size() <= max_digits &&
-                text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-  BIGNUM *number = nullptr;
-  if (!is_hex || BN_hex2bn(&number, text.c_str()) == 0)
-    throw tools::usage_failure("SERIAL " + text +
-                               " is no hexadecimal number of at most 128 digits");
-  ASN1_INTEGER *serial = BN_to_ASN1_INTEGER(number, nullptr);
-  BN_free(number);
-  return serial;
-}
-
 cert_info_ptr make_query(const options &given, X509 *ca_cert) {
   cert_info_ptr query(alloc_cert_info());
   if (!query)
     throw tools::failure("out of memory");
-  query->serial = read_serial(given.serial);
+  query->serial = tools::require_serial(given.serial).release();
   if (given.issuer.empty())
     query->issuer = X509_NAME_dup(X509_get_subject_name(ca_cert));
   else
@@ -97,7 +85,7 @@ bool is_what_was_asked_for(const cert_info &query) {
          ASN1_INTEGER_cmp(X509_get0_serialNumber(query.cert), query.serial) == 0;
 }
 
-[[noreturn]] void fail(int code) {
+[[noreturn]] void fail(int code, const std::string &heard) {
   std::string what = "cannot find the certificate";
   if (code == PKI_SCEP_REQ_REJ)
     throw tools::library_failure(
@@ -106,7 +94,7 @@ bool is_what_was_asked_for(const cert_info &query) {
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) +
                                            ": what the CA answered is no good answer to this"
                                            " request; -v says why");
-  throw tools::library_failure(code, failure_text(what, code));
+  throw tools::library_failure(code, failure_text(what, code, heard));
 }
 
 int find(const context &where, const options &given) {
@@ -119,9 +107,10 @@ int find(const context &where, const options &given) {
   key_info_ptr key = enter_key(given.key, pair);
   scep_req_info_ptr access = make_access(*ca);
   cert_info_ptr query = make_query(given, access->ca_cert);
+  last_complaint heard;
   int code = scep_qry_cert(query.get(), access.get(), key->key);
   if (code != PKI_OK)
-    fail(code);
+    fail(code, heard.text());
   if (!is_what_was_asked_for(*query))
     throw tools::failure("the CA handed out another certificate than the one asked for");
   if (!given.out.empty())
@@ -144,14 +133,20 @@ void add_cert_command(CLI::App &app, action *chosen) {
   auto given = std::make_shared<options>();
   CLI::App *command =
       cert->add_subcommand("find", "Fetch an issued certificate from its CA by SCEP GetCert");
-  command->add_option("SERIAL", given->serial, "Its serial number, hexadecimal")->required();
+  command
+      ->add_option("SERIAL", given->serial,
+                   "Its serial number in hexadecimal, as in 10C4, 0x10C4 or 10:C4; decimal as in"
+                   " dec:4292")
+      ->required();
   command->add_option("--key", given->key, "Label of the key that signs the request")->required();
   command->add_option("--ca", given->ca, "The CA's label")->capture_default_str();
   command->add_option("--issuer", given->issuer,
                       "Its issuer, most specific part first; the CA by default");
   command->add_option("--out", given->out, "File that receives it (PEM)");
   add_state_option(command, &given->state);
-  command->footer(std::string(state_footer) + common_footer);
+  command->footer(std::string("Examples:\n"
+                              "  pkictl cert find 10C4 --key device --out found.pem\n\n") +
+                  state_footer + common_footer);
   command->callback([=] { *chosen = [=](const context &where) { return find(where, *given); }; });
   add_cert_export_command(*cert, chosen);
 }

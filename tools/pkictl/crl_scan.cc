@@ -62,6 +62,7 @@ scanned_crl scan_crl(const crl_options &given, pki_crl_query query) {
   query.signer = signer.get();
   start_library();
   pki_crl_report found = {};
+  json peak_before = peak_memory_json();
   auto begin = std::chrono::steady_clock::now();
   crl_input(given.source).scan(query, &found);
   std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
@@ -80,6 +81,10 @@ scanned_crl scan_crl(const crl_options &given, pki_crl_query query) {
       {"seconds", seconds},
       {"octets_per_second", seconds > 0 ? static_cast<double>(found.octets) / seconds : 0.0},
       {"peak_memory_kib", peak_memory_json()}};
+  const json &peak = scanned.report["peak_memory_kib"];
+  scanned.report["crl_memory_kib"] = peak.is_null() || peak_before.is_null()
+                                         ? json(nullptr)
+                                         : json(peak.get<long>() - peak_before.get<long>());
   return scanned;
 }
 
@@ -92,7 +97,8 @@ std::string scan_text(const json &report) {
   return crl_text(report["crl"]) + text_line(1, "signature", signature_text(report)) +
          text_line(1, "entries", entries) +
          text_line(1, "size", report["octets"].dump() + " octets") +
-         text_line(1, "time", time_text(report)) + memory_text(1, report["peak_memory_kib"]);
+         text_line(1, "time", time_text(report)) +
+         memory_text(1, report["peak_memory_kib"], report["crl_memory_kib"]);
 }
 
 std::string disbelief(const crl_options &given, const json &report) {

@@ -29,7 +29,9 @@ void add_crl_show_command(CLI::App &crl, action *chosen) {
   auto given = std::make_shared<crl_options>();
   CLI::App *command = crl.add_subcommand("show", "Print what a CRL is about, and how long it is");
   add_crl_options(command, given.get());
-  command->footer(std::string("The list is read as it comes and never held in memory.\n\n") +
+  command->footer(std::string("Examples:\n"
+                              "  pkictl crl show http://crl.example.com/ca.crl --issuer ca.pem\n\n"
+                              "The list is read as it comes and never held in memory.\n\n") +
                   common_footer);
   command->callback([=] { *chosen = [=](const context &where) { return show(where, *given); }; });
 }

@@ -10,8 +10,10 @@
 #include "tools/common/cert_text.h"
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
+#include "tools/pkictl/board_problem.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/give_up.h"
+#include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/state.h"
@@ -38,8 +40,7 @@ struct options {
 std::string advice(int code) {
   switch (code) {
     case PKI_FLASH_ERROR:
-      return "the board gave no serial number or no secret; put them into"
-             " $BOARD_INFO_DIR/serialnumber and secret";
+      return board_problem(board_wants::secret);
     case PKI_SCEP_REQ_REJ:
       return "the CA refused the request; -v shows its reason";
     case PKI_INVALID_SCEP_RSP:
@@ -55,30 +56,33 @@ std::string advice(int code) {
     case PKI_DN_UNKNOWN_KEY:
     case PKI_DN_NO_VALUE:
     case PKI_DN_OPEN_QS:
-      return "write the subject as in CN=device, O=Example, C=US";
+      return "write the subject as in CN=device, O=Example, C=US; a value with a comma stands in"
+             " double quotes, as in O=\"Example, Inc.\"";
     default:
       return "";
   }
 }
 
 std::string pending_text(const options &given, const give_up_watch &watch) {
-  std::string text = "the CA has not issued the certificate yet, and ";
+  std::string text = "the CA has not issued the certificate yet";
   if (watch.interrupted())
-    text += "the enrollment was interrupted";
+    text += ", and the enrollment was interrupted";
   else if (watch.timed_out())
-    text += std::to_string(given.timeout_s) + " seconds are over";
-  else
-    text += std::to_string(given.polls) + (given.polls == 1 ? " poll is" : " polls are") + " over";
+    text += ", and " + std::to_string(given.timeout_s) + " seconds are over";
+  else if (given.polls > 0)
+    text += ", and " + std::to_string(given.polls) +
+            (given.polls == 1 ? " poll is" : " polls are") + " over";
   return text + "; enroll again to go on";
 }
 
-[[noreturn]] void fail(const options &given, int code, const give_up_watch &watch) {
+[[noreturn]] void fail(const options &given, int code, const give_up_watch &watch,
+                       const std::string &heard) {
   if (code == PKI_NO_SUCH_CERT)
     throw tools::library_failure(code, pending_text(given, watch));
   std::string what = "cannot enroll " + given.key;
   std::string told = advice(code);
   throw tools::library_failure(code, told.empty()
-                                         ? failure_text(what, code)
+                                         ? failure_text(what, code, heard)
                                          : what + ": " + code_text_and_number(code) + ": " + told);
 }
 
@@ -88,10 +92,11 @@ void request_certificate(const options &given) {
   if (given.polls == 0)
     scep_stop_polling(1);
   give_up_watch watch(given.timeout_s);
+  last_complaint heard;
   int code = pki_get_certificate(given.ca.c_str(), given.key.c_str(), given.cert.c_str(),
                                  given.subject.empty() ? nullptr : given.subject.c_str());
   if (code != PKI_OK)
-    fail(given, code, watch);
+    fail(given, code, watch, heard.text());
 }
 
 // The new certificate stands behind a replaced one of the same label.
@@ -180,13 +185,18 @@ void add_enroll_command(CLI::App &app, action *chosen) {
   command->add_option("--ca", given->ca, "The CA's label")->capture_default_str();
   command->add_option("--cert", given->cert, "The label for the certificate")
       ->capture_default_str();
-  command->add_option("--subject", given->subject,
-                      "The name to ask for, most specific part first: \"CN=device, O=Example\"");
+  command
+      ->add_option("--subject", given->subject,
+                   "The name to ask for, most specific part first: \"CN=device, O=Example\"")
+      ->required();
   add_limits(command, given.get());
   command->add_flag("--replace", given->replace, "Replace a certificate of this label");
   add_state_option(command, &given->state);
   command->footer(
-      std::string("The device's serial number and secret go along, encrypted for the CA. The\n"
+      std::string("Examples:\n"
+                  "  pkictl enroll --ca office --key device --subject \"CN=device, O=Example\"\n"
+                  "  pkictl enroll --key device --subject 'CN=device, O=\"Example, Inc.\"'\n\n"
+                  "The device's serial number and secret go along, encrypted for the CA. The\n"
                   "reference board library reads them from the files serialnumber and secret in\n"
                   "the folder $BOARD_INFO_DIR (/etc/board by default). While the CA answers\n"
                   "PENDING the command waits and polls; Ctrl-C ends it.\n\n") +

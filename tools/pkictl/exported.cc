@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/state.h"
@@ -12,14 +11,6 @@ namespace pkictl {
 namespace {
 
 constexpr mode_t private_mode = 0600;
-
-void write_out(const export_options &given, const std::string &pem) {
-  if (given.force)
-    return tools::write_file(given.out, pem, private_mode);
-  if (tools::file_exists(given.out))
-    throw tools::failure(given.out + " is there already; take another name, or --force it");
-  tools::write_new_file(given.out, pem, private_mode);
-}
 
 }  // namespace
 
@@ -35,7 +26,7 @@ void add_export_options(CLI::App *command, export_options *given) {
 void write_export(const context &where, const export_options &given, const std::string &pem,
                   json about) {
   if (!given.out.empty())
-    write_out(given, pem);
+    tools::write_named_file(given.out, pem, private_mode, given.force);
   if (where.json) {
     about[given.out.empty() ? "pem" : "file"] = given.out.empty() ? pem : given.out;
     where.out->write_json(about);

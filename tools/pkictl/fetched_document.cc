@@ -9,6 +9,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/ossl.h"
+#include "tools/pkictl/board_problem.h"
 #include "tools/pkictl/library.h"
 
 namespace pkictl {
@@ -23,7 +24,9 @@ using malloc_ptr = std::unique_ptr<T, tools::free_with<free>>;
 std::string board_serial_number() {
   char text[serial_number_capacity] = {};
   if (board_info_serialnumber(text, sizeof text) != 0)
-    require_ok("cannot fetch the document", PKI_FLASH_ERROR);
+    throw tools::library_failure(
+        PKI_FLASH_ERROR, "cannot fetch the document: " + code_text_and_number(PKI_FLASH_ERROR) +
+                             ": " + board_problem(board_wants::serial_number));
   return text;
 }
 

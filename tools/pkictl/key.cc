@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "tools/common/command_line.h"
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/command.h"
@@ -16,7 +17,8 @@ namespace pkictl {
 
 namespace {
 
-constexpr int default_bits = 1024;  // what a device makes when nobody says otherwise
+constexpr int default_bits = 2048;
+constexpr int lowest_bits_for_tls = 2048;  // at the security level that systems set today
 constexpr int lowest_bits = 512;
 constexpr int highest_bits = 16384;
 
@@ -50,6 +52,13 @@ void require_no_key(const saved_state &kept, const std::string &label) {
                          label + "'");
 }
 
+void require_key(const saved_state &kept, const std::string &label, const state_folder &state) {
+  check_label("the key", label);
+  if (kept.keys.count(label) == 0)
+    throw tools::failure("there is no key " + label + " in " + state.folder() +
+                         "; see 'pkictl key list'");
+}
+
 saved_key make_key(const options &given) {
   start_library();
   require_ok("cannot make the key " + given.label,
@@ -72,6 +81,9 @@ int generate(const context &where, const options &given) {
     require_no_key(*kept, given.label);
     kept->keys[given.label] = std::move(made);
   });
+  if (given.bits < lowest_bits_for_tls)
+    tools::complain("pkictl", "warning: TLS on current systems takes no RSA key below " +
+                                  std::to_string(lowest_bits_for_tls) + " bits");
   if (where.json)
     where.out->write_json({{"key", key}, {"file", state.file()}});
   else
@@ -98,11 +110,12 @@ int list(const context &where, const options &given) {
 
 int remove(const context &where, const options &given) {
   state_folder state(given.state);
-  saved_state before = state.load();
-  (void)state.key_in(&before, given.label);  // without one nothing is written, not even a lock
+  const saved_state before = state.load();
+  require_key(before, given.label, state);  // without one nothing is written, not even a lock
   size_t certs = 0;
   state.update([&](saved_state *kept) {
-    certs = state.key_in(kept, given.label).certs.size();
+    require_key(*kept, given.label, state);
+    certs = kept->keys[given.label].certs.size();
     kept->keys.erase(given.label);
   });
   if (where.json)
@@ -131,8 +144,12 @@ void add_key_command(CLI::App &app, action *chosen) {
   key->fallthrough();
   auto made = std::make_shared<options>();
   CLI::App *command = add_command(key, "generate", "Make an RSA key pair", generate, chosen, made);
+  command->footer(std::string("Examples:\n"
+                              "  pkictl key generate device\n\n") +
+                  state_footer + common_footer);
   command->add_option("LABEL", made->label, "The key's label")->required();
-  command->add_option("--bits", made->bits, "Its size")
+  command
+      ->add_option("--bits", made->bits, "Its size; TLS on current systems takes none below 2048")
       ->check(CLI::Range(lowest_bits, highest_bits))
       ->capture_default_str();
   add_command(key, "list", "Print the keys and their certificates", list, chosen,

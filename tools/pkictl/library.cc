@@ -45,15 +45,14 @@ std::string hint(int code) {
     case PKI_DN_UNKNOWN_KEY:
     case PKI_DN_NO_VALUE:
     case PKI_DN_OPEN_QS:
-      return "write the issuer name as in CN=Example CA, O=Example, C=US";
+      return "write the issuer name as in CN=Example CA, O=Example, C=US; a value with a comma"
+             " stands in double quotes, as in O=\"Example, Inc.\"";
     case PKI_INVALID_URL:
       return "give a URL that begins with http://";
     case PKI_HTTP_ERROR:
       return "check the URL and that the server answers 200 with a Content-Length; -v says more";
     case PKI_HTTP_READ_RESP_ERROR:
       return "the head of the server's answer could not be read; -v says more";
-    case PKI_FLASH_ERROR:
-      return "the board gave no serial number; put one into $BOARD_INFO_DIR/serialnumber";
     default:
       break;
   }
@@ -91,9 +90,10 @@ std::string code_text_and_number(int code) {
   return code_text(static_cast<unsigned>(code)) + " (" + std::to_string(code) + ")";
 }
 
-std::string failure_text(const std::string &what, int code) {
+std::string failure_text(const std::string &what, int code, const std::string &heard) {
   std::string text = what + ": " + code_text_and_number(code);
-  std::string advice = hint(code);
+  bool has_many_reasons = code == PKI_HTTP_ERROR || code == PKI_HTTP_READ_RESP_ERROR;
+  std::string advice = has_many_reasons && !heard.empty() ? heard : hint(code);
   return advice.empty() ? text : text + ": " + advice;
 }
 

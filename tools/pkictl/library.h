@@ -23,8 +23,9 @@ json code_json(unsigned code);
 // "HTTP ERROR (47)"
 std::string code_text_and_number(int code);
 
-// "WHAT: HTTP ERROR (47): what to do about it"
-std::string failure_text(const std::string &what, int code);
+// "WHAT: HTTP ERROR (47): what to do about it". Where there are many reasons for the code, `heard`,
+// what the library logged, stands in its place.
+std::string failure_text(const std::string &what, int code, const std::string &heard = "");
 
 // Throws library_failure with failure_text unless `code` is 0.
 void require_ok(const std::string &what, int code);

@@ -15,6 +15,19 @@ namespace {
 using pkictl::action;
 using pkictl::context;
 
+constexpr const char *main_footer =
+    "Examples:\n"
+    "  pkictl provision http://127.0.0.1:8080/ca-info --doc-key lab/doc-key.pub.pem\n"
+    "  pkictl verify server.pem --trust lab/issuing-cert.pem\n\n"
+    "Files:\n"
+    "  ~/.local/state/pkictl/state\n"
+    "                              Keys (unencrypted), certificates and CAs, mode 0600; --state\n"
+    "                              names another folder\n\n"
+    "Environment:\n"
+    "  XDG_STATE_HOME              In the place of ~/.local/state\n"
+    "  BOARD_INFO_DIR              Folder of the files serialnumber and secret, which the\n"
+    "                              reference board library reads; /etc/board by default\n\n";
+
 void add_commands(CLI::App &app, context *where, action *chosen) {
   app.add_flag("-v,--verbose", where->verbose, "Show the library's log lines on stderr");
   app.add_flag("--json", where->json, "Print JSON");
@@ -41,6 +54,8 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
   pkictl::add_scep_command(app, chosen);
   pkictl::add_state_command(app, chosen);
   pkictl::add_error_command(app, chosen);
+  app.footer(std::string(main_footer) + pkictl::common_footer +
+             "\n\nStart with " DOCUMENT_FOLDER "/quick-start.md");
 }
 
 // A script that asked for JSON gets the reason as JSON too.

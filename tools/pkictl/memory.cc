@@ -21,8 +21,13 @@ json peak_memory_json() {
   return nullptr;
 }
 
-std::string memory_text(int depth, const json &peak_kib) {
-  return peak_kib.is_null() ? "" : text_line(depth, "memory", peak_kib.dump() + " KiB at the most");
+std::string memory_text(int depth, const json &peak_kib, const json &crl_kib) {
+  if (peak_kib.is_null())
+    return "";
+  std::string of_crl =
+      crl_kib.is_null() ? "" : "; " + crl_kib.dump() + " KiB of it came with the CRL";
+  return text_line(depth, "memory",
+                   peak_kib.dump() + " KiB at the most, of the whole process" + of_crl);
 }
 
 }  // namespace pkictl

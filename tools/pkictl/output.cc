@@ -1,12 +1,14 @@
 #include "tools/pkictl/output.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "tools/common/descriptor.h"
 #include "tools/common/failure.h"
 
 namespace pkictl {
@@ -36,16 +38,25 @@ void output::write_json(const json &value) {
   write_text(value.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
 }
 
-void output::lend_standard_output(const std::function<void()> &print) {
+std::string output::standard_output_of(const std::function<void()> &print) {
+  tools::descriptor file(memfd_create("stdout", MFD_CLOEXEC));
   fflush(stdout);
-  if (dup2(fd_, STDOUT_FILENO) < 0)
+  if (!file.is_open() || dup2(file.get(), STDOUT_FILENO) < 0)
     throw tools::failure(std::string("cannot use standard output: ") + strerror(errno));
   print();
   bool arrived = fflush(stdout) == 0 && ferror(stdout) == 0;
   int error = errno;
   dup2(STDERR_FILENO, STDOUT_FILENO);
   if (!arrived)
-    throw tools::failure(std::string("cannot write to standard output: ") + strerror(error));
+    throw tools::failure(std::string("cannot gather what is printed: ") + strerror(error));
+  std::string text(static_cast<size_t>(lseek(file.get(), 0, SEEK_END)), '\0');
+  for (size_t at = 0; at < text.size();) {
+    ssize_t got = pread(file.get(), text.data() + at, text.size() - at, static_cast<off_t>(at));
+    if (got <= 0)
+      throw tools::failure(std::string("cannot gather what is printed: ") + strerror(errno));
+    at += static_cast<size_t>(got);
+  }
+  return text;
 }
 
 }  // namespace pkictl

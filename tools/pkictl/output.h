@@ -24,8 +24,8 @@ class output {
   void write_text(const std::string &text);
   void write_json(const json &value);
 
-  // While `print` runs, the C library's stdout reaches the reader.
-  void lend_standard_output(const std::function<void()> &print);
+  // What `print` writes to the C library's stdout. Throws failure.
+  static std::string standard_output_of(const std::function<void()> &print);
 
  private:
   int fd_;

@@ -85,12 +85,15 @@ void add_scep_command(CLI::App &app, action *chosen) {
   command->add_option("--cert", given->cert,
                       "The recipient's certificate (PEM or DER); without it the first recipient"
                       " is taken");
-  command->footer(std::string("The signature is checked with the certificate that the message"
-                              " carries, which says nothing\n"
-                              "about who that is. Secrets in a request are not shown. 1 says that"
-                              " the signature is bad or\n"
-                              "that the envelope does not open.\n\n") +
-                  common_footer);
+  command->footer(
+      std::string("Examples:\n"
+                  "  pkictl scep decode messages/0001-PKCSReq.der --key lab/issuing-key.pem\n\n"
+                  "The signature is checked with the certificate that the message"
+                  " carries, which says nothing\n"
+                  "about who that is. Secrets in a request are not shown. 1 says that"
+                  " the signature is bad or\n"
+                  "that the envelope does not open.\n\n") +
+      common_footer);
   command->callback(
       [=] { *chosen = [=](const context &where) { return scep_decode(where, *given); }; });
 }

@@ -69,11 +69,13 @@ saved_state state_folder::load() const {
   if (!read_state_file(file(), &octets))
     return kept;
   int code = decode_state(octets, &kept);
-  if (code != 0)
-    throw tools::library_failure(
-        code, file() + " is damaged, or no state of this pkictl: " + code_text_and_number(code) +
-                  "; put a good copy in its place, or move it away to begin anew");
-  return kept;
+  if (code == 0)
+    return kept;
+  std::string text = file() + " is damaged, or no state of this pkictl";
+  std::string advice = "; put a good copy in its place, or move it away to begin anew";
+  if (code == foreign_content)  // the code would say that an argument is wrong
+    throw tools::failure(text + advice);
+  throw tools::library_failure(code, text + ": " + code_text_and_number(code) + advice);
 }
 
 void state_folder::update(const std::function<void(saved_state *)> &change) const {
@@ -91,7 +93,8 @@ saved_ca &state_folder::ca_in(saved_state *kept, const std::string &label) const
   if (saved_ca *ca = find(&kept->cas, label))
     return *ca;
   throw tools::failure("there is no CA " + label + " in " + folder_ +
-                       "; provision it with 'pkictl provision URL --label " + label + "'");
+                       "; provision it with 'pkictl provision URL --doc-key KEY --label " + label +
+                       "'");
 }
 
 saved_key &state_folder::key_in(saved_state *kept, const std::string &label) const {

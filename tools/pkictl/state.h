@@ -28,6 +28,7 @@ class state_folder {
   // something is saved.
   explicit state_folder(const std::string &given);
 
+  const std::string &folder() const { return folder_; }
   std::string file() const;
 
   // All that is kept; nothing where there is no file.

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <memory>
@@ -129,6 +130,53 @@ int print_stream(const secret_octets &octets, int magic_length, const tag_names 
                       static_cast<int>(texts.size()));
 }
 
+// The text that the hexadecimal digits of a value are, or "".
+std::string text_of_digits(const std::string &digits) {
+  constexpr size_t shortest = 2;
+  std::string text;
+  for (size_t at = 0; at + 2 <= digits.size(); at += 2) {
+    unsigned octet = 0;
+    std::from_chars(digits.data() + at, digits.data() + at + 2, octet, 16);
+    text += static_cast<char>(octet);
+  }
+  if (!text.empty() && text.back() == '\0')
+    text.pop_back();
+  bool is_text = text.size() >= shortest && std::all_of(text.begin(), text.end(), [](char octet) {
+                   return octet >= ' ' && octet <= '~';
+                 });
+  return is_text ? text : "";
+}
+
+// The dump with text behind the values that are text.
+std::string with_texts(const std::string &dumped) {
+  const std::string before = " val=\"";
+  const std::string behind = "\">";
+  std::string shown;
+  for (size_t at = 0; at < dumped.size();) {
+    size_t end = std::min(dumped.find('\n', at), dumped.size());
+    std::string line = dumped.substr(at, end - at);
+    size_t value = line.find(before);
+    std::string text;
+    if (value != std::string::npos && line.ends_with(behind))
+      text = text_of_digits(
+          line.substr(value + before.size(), line.size() - value - before.size() - behind.size()));
+    shown += line;
+    if (!text.empty())
+      shown.append("  \"").append(text).append("\"");
+    if (end < dumped.size())
+      shown += '\n';
+    at = end + 1;
+  }
+  return shown;
+}
+
+// A file for other programs, whose octets would be taken for blocks.
+void require_no_pem(const std::string &path, const secret_octets &octets) {
+  const std::string begin = "-----BEGIN ";
+  if (octets.size() >= begin.size() && std::equal(begin.begin(), begin.end(), octets.begin()))
+    throw tools::failure(path + " is PEM, no marshal stream; openssl reads it");
+}
+
 int dump(const context &where, const options &given) {
   if (where.json)
     throw tools::usage_failure("state dump prints text only; leave --json out");
@@ -136,13 +184,15 @@ int dump(const context &where, const options &given) {
   secret_octets octets;
   if (!read_state_file(path, &octets))
     throw tools::failure("there is no file " + path);
+  require_no_pem(path, octets);
   bool is_state = given.file.empty() || has_state_magic(octets) || has_keys(octets);
   tag_names names = names_for(given, is_state);
   if (is_state && !given.secrets)
     hide_keys(given, path, &octets);
   make_magic_printable(given.magic, &octets);
   int code = PKI_OK;
-  where.out->lend_standard_output([&] { code = print_stream(octets, given.magic, names); });
+  where.out->write_text(with_texts(
+      output::standard_output_of([&] { code = print_stream(octets, given.magic, names); })));
   if (code != PKI_OK)
     throw tools::library_failure(
         code, path + " is no whole stream: " + code_text_and_number(code) + "; is --magic right?");
@@ -168,7 +218,11 @@ void add_state_command(CLI::App &app, action *chosen) {
   command->add_flag("--secrets", given->secrets, "Show the private keys of a state too");
   add_state_option(command, &given->state);
   command->footer(
-      std::string("A block is a line <TAG val=\"HEX\">. Names with START in them indent what\n"
+      std::string("Examples:\n"
+                  "  pkictl state dump\n"
+                  "  pkictl state dump record.bin --names record.names\n\n"
+                  "A block is a line <TAG val=\"HEX\">, with the value behind it where that is "
+                  "text. Names with START in them indent what\n"
                   "follows, those with END end that. In a state PRIVATE_KEY_LENGTH stands for\n"
                   "each private key, with its length in octets, hexadecimal.\n\n") +
       state_footer +

@@ -17,8 +17,7 @@ namespace pkictl {
 namespace {
 
 constexpr size_t max_label_length = 100;
-// What is wrong with a stream that is whole, but not one of ours.
-constexpr int foreign_content = PKI_INVALID_ARGS;
+static_assert(foreign_content == PKI_INVALID_ARGS);
 
 void require_memory(bool had) {
   if (!had)

@@ -99,6 +99,9 @@ enum state_tag : int {
   state_tag_count
 };
 
+// decode_state's code for a stream that is whole, but not one of ours.
+inline constexpr int foreign_content = 63;  // PKI_INVALID_ARGS
+
 // The names of the tags, for dump_raw_bio.
 extern const std::array<const char *, state_tag_count> state_tag_names;
 

@@ -189,6 +189,9 @@ int verify(const context &where, const options &given) {
 }
 
 constexpr const char *verify_footer =
+    "Examples:\n"
+    "  pkictl verify server.pem --chain inter.pem --trust root.pem\n"
+    "  pkictl verify device.pem --ocsp http://127.0.0.1:8080/ocsp\n\n"
     "Trusted are the roots of the CAs in the folder --state, by default $XDG_STATE_HOME/pkictl or\n"
     "~/.local/state/pkictl, and the certificates of --trust. The status rules of those CAs apply.\n"
     "The tree shows the chain from its top down, each rule, and each source of a status: what it\n"

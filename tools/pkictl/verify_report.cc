@@ -1,5 +1,7 @@
 #include "tools/pkictl/verify_report.h"
 
+#include <openssl/x509_vfy.h>
+
 #include "tools/common/text.h"
 #include "tools/pkictl/memory.h"
 #include "tools/pkictl/report.h"
@@ -80,7 +82,7 @@ std::string check_lines(int depth, const json &check) {
   if (check["from"] == "cache")
     from = ", from the cache";
   else if (check["sources"].empty())
-    from = ", no source was asked";
+    from = ", but NOBODY WAS ASKED whether it is revoked";
   std::string text =
       line(depth, "status of " + text_of(name_or_note(check["certificate"])) + ": " +
                       text_of(check["status"]) + from + until_text(check["valid_until"]));
@@ -112,9 +114,19 @@ std::string cert_lines(int depth, const json &cert) {
   return text;
 }
 
-std::string reason_of(const json &step) {
-  if (!step["error"].is_null())
-    return error_text(step["error"]);
+// With the name of what is missing, where that is the error.
+std::string reason_of(const json &cert, const json &step) {
+  if (!step["error"].is_null()) {
+    int number = step["error"]["number"].get<int>();
+    bool lacks_issuer = number == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
+                        number == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY ||
+                        number == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE;
+    std::string advice = lacks_issuer && cert.contains("issuer")
+                             ? ": the certificate of " + text_of(name_or_note(cert["issuer"])) +
+                                   " is missing; give it with --chain or --trust"
+                             : "";
+    return error_text(step["error"]) + advice;
+  }
   if (!step["checks"].empty())
     return "its status is " + text_of(step["checks"].back()["status"]);
   return step["log"].empty() ? text_of(step["name"]) : text_of(step["log"].back());
@@ -126,7 +138,7 @@ std::string rejection_reason(const json &report) {
   for (const json &cert : report["certificates"])
     for (const json &step : cert["steps"])
       if (step["outcome"] == "failed")
-        return "certificate " + text_of(cert["depth"]) + ": " + reason_of(step);
+        return "certificate " + text_of(cert["depth"]) + ": " + reason_of(cert, step);
   return report["error"].is_null() ? "OpenSSL gives no reason" : error_text(report["error"]);
 }
 

@@ -24,7 +24,8 @@ constexpr mode_t public_mode = 0644;
 class folder_lock {
  public:
   explicit folder_lock(const std::string &folder) {
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+    // Where nobody may look, it cannot be told whether it is there.
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST && errno != EACCES)
       throw tools::failure("cannot make the folder " + folder + ": " + strerror(errno));
     fd_ = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd_ < 0 || flock(fd_, LOCK_EX) != 0) {

@@ -67,10 +67,17 @@ std::string serial(const ASN1_INTEGER *serial) {
   return encoded(i2d_ASN1_INTEGER, serial);
 }
 
-std::string time(time_t when) {
+namespace {
+
+// Seconds from `now`; the sum need not be a time_t.
+std::string time_beside(time_t now, long long seconds) {
+  constexpr long day = 24L * 60 * 60;
   struct tm parts = {};
   char text[32];
-  if (!gmtime_r(&when, &parts) || strftime(text, sizeof text, "%Y%m%d%H%M%SZ", &parts) == 0)
+  if (!gmtime_r(&now, &parts) ||
+      !OPENSSL_gmtime_adj(&parts, static_cast<int>(seconds / day),
+                          static_cast<long>(seconds % day)) ||
+      strftime(text, sizeof text, "%Y%m%d%H%M%SZ", &parts) == 0)
     throw tools::failure("a time of the CRL is too far away");
   constexpr int first_utc_year = 1950 - 1900;
   constexpr int last_utc_year = 2049 - 1900;
@@ -78,10 +85,16 @@ std::string time(time_t when) {
   return is_utc ? wrap(utc_time, text + 2) : wrap(generalized_time, text);
 }
 
+}  // namespace
+
+std::string time(time_t when) {
+  return time_beside(when, 0);
+}
+
 std::string time(const answer_time &when, time_t now) {
   constexpr size_t utc_size = 13;  // "YYMMDDHHMMSSZ"
-  if (const long *seconds = std::get_if<long>(&when))
-    return time(now + *seconds);
+  if (const long long *seconds = std::get_if<long long>(&when))
+    return time_beside(now, *seconds);
   const std::string &text = std::get<std::string>(when);
   return wrap(text.size() == utc_size ? utc_time : generalized_time, text);
 }

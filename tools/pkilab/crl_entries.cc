@@ -146,7 +146,7 @@ std::string listed_entries::make(const ca::pair &issuer, const X509_NAME *crl_is
     add_revoked(issuer, options, &writer);
   for (const crl_entry_wish &wish : options.entries)
     writer.add(X509_get_subject_name(issuer.cert.get()),
-               {der::serial(parse_serial(wish.serial).get()), {now, wish.reason}});
+               {der::serial(tools::parse_serial(wish.serial).get()), {now, wish.reason}});
   for (const ca::pair *other : keys_.pairs())
     if (options.lists_revoked && options.indirect && other != &issuer)
       add_revoked(*other, options, &writer);

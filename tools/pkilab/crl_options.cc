@@ -51,7 +51,7 @@ crl_entry_wish entry_value(const std::string &text) {
   size_t mark = text.find(':');
   crl_entry_wish wish;
   wish.serial = text.substr(0, mark);
-  if (!parse_serial(wish.serial))
+  if (!tools::parse_serial(wish.serial))
     refuse_value(wish.serial, "a serial number; write it as in 10C4 or 10C4:keyCompromise");
   if (mark != std::string::npos)
     wish.reason = reason_value(text.substr(mark + 1));

@@ -29,8 +29,8 @@ std::unique_ptr<addrinfo, free_addresses> numeric_address(const std::string &add
   hints.ai_socktype = SOCK_STREAM;
   addrinfo *found = nullptr;
   if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
-    throw tools::failure("cannot listen on " + address + ": give a numeric address and a port" +
-                         " from 0 to 65535");
+    throw tools::failure("cannot listen on " + address + ": give a numeric address, as in" +
+                         " 127.0.0.1, and a port from 0 to 65535");
   return std::unique_ptr<addrinfo, free_addresses>(found);
 }
 
@@ -44,6 +44,10 @@ int bound_port(int fd) {
 }
 
 }  // namespace
+
+void require_numeric_address(const server_options &options) {
+  (void)numeric_address(options.bind, options.port);
+}
 
 server::server(const server_options &options, responder respond)
     : respond_(std::move(respond)), max_threads_(options.max_threads) {

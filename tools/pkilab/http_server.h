@@ -20,6 +20,9 @@ struct server_options {
   size_t max_threads = 64;         // further connections wait
 };
 
+// Throws tools::failure where `options.bind` is no numeric address.
+void require_numeric_address(const server_options &options);
+
 class server {
  public:
   // Answers one request on its connection; called in several threads at once.

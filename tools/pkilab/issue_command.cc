@@ -4,7 +4,10 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -42,6 +45,7 @@ struct options {
   std::string not_before;
   std::string not_after;
   std::string out;
+  bool force = false;
 };
 
 req_ptr read_request(const std::string &path) {
@@ -72,7 +76,9 @@ name_ptr read_subject(const std::string &text) {
   (void)libpki_init();
   if (parse_rfc1779_str(text.c_str(), &name) != PKI_OK)
     throw tools::usage_failure("--subject " + text +
-                               " is no name; write it as in CN=server, O=Example");
+                               " is no name; write it as in CN=server, O=Example;"
+                               " a value with a comma stands in double quotes, as in"
+                               " O=\"Example, Inc.\"");
   return name_ptr(name);
 }
 
@@ -89,6 +95,24 @@ void check_usage(const options &given) {
     throw tools::usage_failure("give one of --csr, --key and --new-key");
   if (given.request.empty() && given.subject.empty())
     throw tools::usage_failure("give --subject, as in --subject \"CN=server, O=Example\"");
+  for (const std::string *other : {&given.new_key, &given.key, &given.request})
+    if (!other->empty() && tools::is_same_file(*other, given.out))
+      throw tools::usage_failure("--out is the same file as " + *other +
+                                 "; give the certificate a file of its own");
+  if (!given.new_key.empty())
+    tools::require_free(given.new_key, given.force);
+  tools::require_free(given.out, given.force);
+}
+
+// A time_t of 32 bits ends in 2038.
+time_t in_days(int days) {
+  time_t span = 0;
+  time_t then = 0;
+  if (__builtin_mul_overflow(days, day, &span) ||
+      __builtin_add_overflow(time(nullptr), span, &then))
+    throw tools::usage_failure("--days " + std::to_string(days) +
+                               " is later than this machine's clock can tell");
+  return then;
 }
 
 void set_plain_wishes(const options &given, cert_wishes *wishes) {
@@ -96,11 +120,33 @@ void set_plain_wishes(const options &given, cert_wishes *wishes) {
   wishes->crl_urls = given.crl_urls;
   wishes->freshest_crl_urls = given.freshest_crl_urls;
   wishes->alt_names = joined(given.alt_names);
-  wishes->not_after = time(nullptr) + given.days * day;
+  wishes->not_after = in_days(given.days);
   if (!given.not_before.empty())
     wishes->not_before = parse_time("--not-before", given.not_before);
   if (!given.not_after.empty())
     wishes->not_after = parse_time("--not-after", given.not_after);
+}
+
+// A certificate and, where one was made, the private key for it.
+void write_issued(const options &given, X509 *cert, EVP_PKEY *key) {
+  bool has_key = !given.new_key.empty();
+  if (has_key)
+    tools::write_named_file(given.new_key, tools::private_pem(key), 0600, given.force);
+  try {
+    tools::write_named_file(given.out, tools::cert_pem(cert), 0644, given.force);
+  } catch (const tools::failure &) {
+    if (has_key && !given.force)
+      unlink(given.new_key.c_str());  // or the next attempt would stumble over it
+    throw;
+  }
+}
+
+void require_order(const cert_wishes &wishes) {
+  time_t begin = wishes.not_before.value_or(time(nullptr) - day);
+  if (wishes.not_after.value_or(begin) < begin)
+    throw tools::usage_failure(
+        "the certificate would end before it begins; give an earlier"
+        " --not-before, or a later end");
 }
 
 int issue(const options &given) {
@@ -109,19 +155,21 @@ int issue(const options &given) {
   name_ptr subject = given.subject.empty() ? nullptr : read_subject(given.subject);
   cert_wishes wishes;
   set_plain_wishes(given, &wishes);
+  require_order(wishes);
   wishes.subject = subject ? subject.get() : X509_REQ_get_subject_name(request.get());
   tools::key_ptr key = given.key.empty() ? nullptr : read_key(given.key);
   tools::cert_ptr crl_issuer =
       given.crl_issuer.empty() ? nullptr : tools::load_certificate(given.crl_issuer);
   wishes.crl_issuer = crl_issuer ? X509_get_subject_name(crl_issuer.get()) : nullptr;
+  bool is_new = !tools::file_exists(given.folder + "/issuing-cert.pem");
   ca keys(given.folder);
-  if (!given.new_key.empty()) {
+  if (is_new)
+    tools::complain("pkilab", "made a new lab in " + given.folder);
+  if (!given.new_key.empty())
     key = keys.make_key();
-    tools::write_file(given.new_key, tools::private_pem(key.get()), 0600);
-  }
   wishes.public_key = key ? key.get() : X509_REQ_get0_pubkey(request.get());
   tools::cert_ptr cert = issued_certs(keys).issue(wishes, *keys.find(given.ca));
-  tools::write_file(given.out, tools::cert_pem(cert.get()), 0644);
+  write_issued(given, cert.get(), key.get());
   std::cout << "issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
                    tools::name_text(X509_get_subject_name(cert.get())) + "\n";
   return tools::exit_done;
@@ -142,8 +190,8 @@ void add_issue_command(CLI::App &app, action *chosen) {
   text("--new-key", &given->new_key, "FILE", "Make a key, and write it to this file");
   text("--subject", &given->subject, "NAME",
        "As in \"CN=server, O=Example\"; of the request unless it is given");
-  text("--ca", &given->ca, "CA", "Which CA issues it: issuing, additional or root")
-      ->check(CLI::IsMember({"issuing", "additional", "root"}).description(""))
+  text("--ca", &given->ca, "CA", "Which CA issues it")
+      ->check(CLI::IsMember({"issuing", "additional", "root"}))
       ->capture_default_str();
   auto several = [command](const char *option, std::vector<std::string> *values, const char *type,
                            const char *help) {
@@ -166,23 +214,31 @@ void add_issue_command(CLI::App &app, action *chosen) {
        "Valid from; 2031-05-06 or 2031-05-06T07:08:09Z; yesterday unless it is given");
   text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days");
   text("--out", &given->out, "FILE", "Receives the certificate as PEM")->required();
-  command->footer("Exit codes: 0 issued, 1 failed, 2 wrong usage.");
+  command->add_flag("--force", given->force, "Replace files that are there");
+  command->footer(
+      "Examples:\n"
+      "  pkilab issue --dir lab --new-key server-key.pem --subject \"CN=server, O=Example\" \\\n"
+      "    --alt-name DNS:localhost --out server.pem\n\n"
+      "Exit codes: 0 issued, 1 failed, 2 wrong usage.");
   command->callback([given, chosen] { *chosen = [given] { return issue(*given); }; });
 }
 
 time_t parse_time(const std::string &option, const std::string &text) {
+  const std::string given = option + " " + text;
   for (const char *form : {"%Y-%m-%d", "%Y-%m-%dT%H:%M:%SZ"}) {
     struct tm parts = {};
     const char *end = strptime(text.c_str(), form, &parts);
     if (!end || *end)
       continue;
     int day_of_month = parts.tm_mday;
+    errno = 0;
     time_t seconds = timegm(&parts);
+    if (seconds == -1 && errno == EOVERFLOW)
+      throw tools::usage_failure(given + " is not within what this machine's clock can tell");
     if (parts.tm_mday == day_of_month)
       return seconds;
   }
-  throw tools::usage_failure(option + " " + text +
-                             " is no time; write 2031-05-06 or 2031-05-06T07:08:09Z");
+  throw tools::usage_failure(given + " is no time; write 2031-05-06 or 2031-05-06T07:08:09Z");
 }
 
 }  // namespace pkilab

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -53,10 +55,46 @@ bool is_loopback(const std::string &address) {
   return address.starts_with("127.") || address == "::1";
 }
 
+// The file that tells others the lab's URL: there while the lab answers, and at no other time.
+class ready_file {
+ public:
+  explicit ready_file(std::string path) : path_(std::move(path)) {
+    if (!path_.empty() && unlink(path_.c_str()) != 0 && errno != ENOENT)
+      throw tools::failure("cannot remove " + path_ + ": " + strerror(errno));
+  }
+  ~ready_file() {
+    if (!written_.empty() && is_ours())
+      unlink(path_.c_str());
+  }
+  ready_file(const ready_file &) = delete;
+  ready_file &operator=(const ready_file &) = delete;
+
+  bool is_wanted() const { return !path_.empty(); }
+  void write(const std::string &line) {
+    written_ = line + "\n";
+    tools::write_file(path_, written_, 0644);
+  }
+
+ private:
+  // Another lab may have written its own there meanwhile.
+  bool is_ours() const {
+    try {
+      return tools::read_file(path_) == written_;
+    } catch (const tools::failure &) {
+      return false;
+    }
+  }
+
+  std::string path_;
+  std::string written_;
+};
+
 int serve(const options &given) {
   sigset_t signals = end_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  ready_file ready(given.ready_file);
+  pkilab::require_numeric_address(given.lab.server);
   pkilab::lab_options setup = given.lab;
   if (!given.quiet)
     setup.log = [](const std::string &line) { write_line(STDERR_FILENO, "pkilab: " + line); };
@@ -65,29 +103,37 @@ int serve(const options &given) {
                                   " can be reached from other machines, and the lab trusts"
                                   " everybody");
   pkilab::lab lab(setup);
-  if (!given.ready_file.empty())
-    tools::write_file(given.ready_file, lab.url() + "\n", 0644);
-  write_line(STDOUT_FILENO, "pkilab is ready: " + lab.url("/ca-info"));
+  if (ready.is_wanted())
+    ready.write(lab.url());
+  if (!given.quiet || !ready.is_wanted())
+    write_line(STDOUT_FILENO, "pkilab is ready: " + lab.url("/ca-info"));
   wait_for_end(signals);
   lab.stop();
   return tools::exit_done;
 }
 
 std::string serve_footer() {
-  return "What is in the folder: doc-key.pem and doc-key.pub.pem (signs documents), root-, "
+  return "Examples:\n"
+         "  pkilab serve --dir lab --port 8080\n"
+         "  pkilab serve --dir lab --ready-file ready --scep-pending 2 --ocsp-answer "
+         "status=revoked\n"
+         "\n"
+         "What is in the folder: doc-key.pem and doc-key.pub.pem (signs documents), root-, "
          "issuing-\n"
          "and additional-key.pem and -cert.pem. GET / lists what is served. Bad answers on "
          "request,\n"
          "where \"...\" is the path to answer badly (/ca-info by default):\n\n" +
          pkilab::misbehaviour_list() +
-         "\nSCEP is at /scep. It issues at once, unless the options say otherwise. Names for\n"
-         "--scep-misbehave:\n\n" +
+         "\nSCEP is at /scep. It issues at once, unless the options say otherwise.\n\n"
+         "Values of --scep-misbehave:\n" +
          pkilab::misdeed_list() +
          "\nOCSP is at /ocsp. It tells the truth, unless the options or the query of the request's "
-         "URL\n(/ocsp?NAME=VALUE&...) say otherwise. Names for both:\n\n" +
+         "URL\n(/ocsp?NAME=VALUE&...) say otherwise.\n\n"
+         "Values of --ocsp-answer and names in the query:\n" +
          pkilab::ocsp_option_list() +
          "\nCRLs are at /crl/issuing.crl, /crl/additional.crl and /crl/root.crl. The options and "
-         "the query\nof the request's URL do the same there. Names for both:\n\n" +
+         "the query\nof the request's URL do the same there.\n\n"
+         "Values of --crl-answer and names in the query:\n" +
          pkilab::crl_option_list() +
          "\nExit codes: 0 ended by SIGTERM or SIGINT, 1 failed, 2 wrong usage.";
 }
@@ -105,13 +151,14 @@ void add_serve_command(CLI::App &app, pkilab::action *chosen) {
   serve_command->add_option("--bind", given->lab.server.bind, "Numeric address to listen on")
       ->capture_default_str();
   serve_command->add_option("--ready-file", given->ready_file,
-                            "File that receives the server's URL when it is ready");
+                            "File that holds the server's URL while it is ready");
   serve_command->add_option("--document", given->lab.document_file,
                             "Serve this signed document at /ca-info instead of the lab's own");
   pkilab::add_scep_options(serve_command, &given->lab);
   pkilab::add_ocsp_command_line(serve_command, &given->lab);
   pkilab::add_crl_command_line(serve_command, &given->lab);
-  serve_command->add_flag("-q,--quiet", given->quiet, "No line a request on stderr");
+  serve_command->add_flag("-q,--quiet", given->quiet,
+                          "No line a request on stderr, and with --ready-file no line on stdout");
   serve_command->footer(serve_footer());
   serve_command->callback([given, chosen] { *chosen = [given] { return serve(*given); }; });
 }
@@ -128,6 +175,13 @@ int main(int argc, char **argv) {
   add_serve_command(app, &chosen);
   pkilab::add_issue_command(app, &chosen);
   pkilab::add_revoke_commands(app, &chosen);
+  app.footer(
+      "Examples:\n"
+      "  pkilab serve --dir lab --port 8080\n"
+      "  pkilab issue --dir lab --new-key server-key.pem --subject \"CN=server, O=Example\" \\\n"
+      "    --out server.pem\n\n"
+      "Exit codes: 0 done, 1 failed, 2 wrong usage.\n\n"
+      "Start with " DOCUMENT_FOLDER "/quick-start.md");
   if (!tools::parse_command_line(app, argc, argv, &code))
     return code;
   try {

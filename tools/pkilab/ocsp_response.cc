@@ -61,17 +61,17 @@ std::string with_bytes(const std::string &type, const std::string &bytes) {
 
 // ---- times ----
 
-time_ptr time_from_now(long seconds) {
+time_ptr time_from_now(long long seconds) {
   constexpr long day = 24L * 60 * 60;
   time_ptr made(ASN1_GENERALIZEDTIME_adj(nullptr, time(nullptr), static_cast<int>(seconds / day),
-                                         seconds % day));
+                                         static_cast<long>(seconds % day)));
   require(made != nullptr);
   return made;
 }
 
 // A text is put in later: OpenSSL takes only times where it makes a response.
 time_ptr time_or_stand_in(const answer_time &when) {
-  const long *seconds = std::get_if<long>(&when);
+  const long long *seconds = std::get_if<long long>(&when);
   return time_from_now(seconds ? *seconds : 0);
 }
 

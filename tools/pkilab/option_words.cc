@@ -11,8 +11,8 @@ void refuse_value(const std::string &value, const std::string &wanted) {
   throw tools::usage_failure("'" + value + "' is not " + wanted);
 }
 
-long number_value(const std::string &text, long lowest, long highest) {
-  long value = 0;
+long long number_value(const std::string &text, long long lowest, long long highest) {
+  long long value = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc() || end != text.data() + text.size() || value < lowest || value > highest)
     refuse_value(text,
@@ -21,7 +21,7 @@ long number_value(const std::string &text, long lowest, long highest) {
 }
 
 answer_time time_value(const std::string &text) {
-  constexpr long longest = 1000L * 365 * 24 * 60 * 60;
+  constexpr long long longest = 1000LL * 365 * 24 * 60 * 60;
   bool is_number = !text.empty() && text.find_first_not_of("0123456789", text[0] == '-' ? 1 : 0) ==
                                         std::string::npos;
   // A GeneralizedTime is digits too, but its "Z" tells it apart.

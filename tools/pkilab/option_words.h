@@ -17,12 +17,12 @@
 namespace pkilab {
 
 // Seconds from now, or what stands in the place of a time.
-using answer_time = std::variant<long, std::string>;
+using answer_time = std::variant<long long, std::string>;
 
 // ---- values: each throws tools::usage_failure for what it does not take ----
 
 [[noreturn]] void refuse_value(const std::string &value, const std::string &wanted);
-long number_value(const std::string &text, long lowest, long highest);
+long long number_value(const std::string &text, long long lowest, long long highest);
 // What is no number stands in the answer as it is.
 answer_time time_value(const std::string &text);
 std::string oid_value(const std::string &text);
@@ -104,8 +104,8 @@ class option_table {
   std::string list() const {
     std::string text;
     for (const option_row<Options> &row : rows_) {
-      std::string name = row.word();
-      name.resize(23, ' ');
+      std::string name = "  " + row.word();
+      name.resize(30, ' ');
       text += name + std::string(row.text) + "\n";
     }
     return text;

@@ -1,6 +1,5 @@
 #include "tools/pkilab/revocations.h"
 
-#include <openssl/bn.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,18 +48,6 @@ std::vector<std::string> revocation_reasons() {
   return names;
 }
 
-serial_ptr parse_serial(const std::string &text) {
-  constexpr size_t max_digits = 128;
-  bool is_hex = !text.empty() && text.size() <= max_digits &&
-                text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-  BIGNUM *number = nullptr;
-  if (!is_hex || BN_hex2bn(&number, text.c_str()) == 0)
-    return nullptr;
-  serial_ptr serial(BN_to_ASN1_INTEGER(number, nullptr));
-  BN_free(number);
-  return serial;
-}
-
 std::string revocations::path(const ASN1_INTEGER *serial) const {
   return folder_ + "/" + tools::serial_text(serial) + ".txt";
 }
@@ -87,7 +74,7 @@ std::vector<serial_ptr> revocations::serials() const {
   std::vector<serial_ptr> all;
   for (const std::string &name : tools::list_folder(folder_)) {
     serial_ptr serial = name.ends_with(ending)
-                            ? parse_serial(name.substr(0, name.size() - ending.size()))
+                            ? tools::parse_serial(name.substr(0, name.size() - ending.size()))
                             : nullptr;
     if (serial)
       all.push_back(std::move(serial));

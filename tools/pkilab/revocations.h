@@ -9,18 +9,16 @@
 #include <vector>
 
 #include "tools/common/ossl.h"
+#include "tools/common/serial.h"
 
 namespace pkilab {
 
-using serial_ptr = std::unique_ptr<ASN1_INTEGER, tools::free_with<ASN1_STRING_free>>;
+using tools::serial_ptr;
 
 struct revocation {
   time_t at = 0;
   int reason = -1;  // a CRLReason (RFC 5280, 5.3.1); -1: none is given
 };
-
-// Of hexadecimal digits, 128 of them at most; null for anything else.
-serial_ptr parse_serial(const std::string &text);
 
 // By their numbers; "" where there is none. removeFromCRL is no reason to revoke.
 std::vector<std::string> revocation_reasons();

@@ -36,19 +36,11 @@ std::map<std::string, int> reason_choices() {
   return choices;
 }
 
-serial_ptr read_serial(const std::string &text) {
-  serial_ptr serial = parse_serial(text);
-  if (!serial)
-    throw tools::usage_failure("--serial " + text +
-                               " is no hexadecimal number of at most 128 digits");
-  return serial;
-}
-
 // The serial number of a certificate that the lab issued.
 serial_ptr find_serial(const options &given) {
   if (given.file.empty() == given.serial.empty())
     throw tools::usage_failure("give either a certificate's file or --serial");
-  serial_ptr serial = given.serial.empty() ? nullptr : read_serial(given.serial);
+  serial_ptr serial = given.serial.empty() ? nullptr : tools::require_serial(given.serial);
   if (!tools::file_exists(given.folder + "/issuing-cert.pem"))
     throw tools::failure("there is no lab in " + given.folder + "; pkilab serve --dir " +
                          given.folder + " makes one");
@@ -93,12 +85,19 @@ void add_common_options(CLI::App *command, options *given) {
   command->add_option("--dir", given->folder, "Folder of the lab")->type_name("DIR")->required();
   command->add_option("CERT", given->file, "File of a certificate that the lab issued")
       ->type_name("FILE");
-  command->add_option("--serial", given->serial, "Its serial number instead, hexadecimal")
+  command
+      ->add_option(
+          "--serial", given->serial,
+          "Its serial number instead, in hexadecimal as in 10C4, 0x10C4 or 10:C4; decimal as in"
+          " dec:4292")
       ->type_name("HEX");
 }
 
 std::string reason_footer() {
-  std::string text = "Reasons:\n";
+  std::string text =
+      "Examples:\n"
+      "  pkilab revoke --dir lab server.pem --reason keyCompromise\n\n"
+      "Values of --reason:\n";
   for (const std::string &name : revocation_reasons())
     text += name.empty() ? "" : "  " + name + "\n";
   return text +

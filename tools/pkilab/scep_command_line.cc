@@ -51,9 +51,9 @@ void add_scep_options(CLI::App *serve, lab_options *options) {
       ->add_option_function<std::string>(
           "--scep-refuse",
           [scep](const std::string &name) { scep->refuse = fail_info_choices().at(name); },
-          "Refuse every request: badAlg, badMessageCheck, badRequest, badTime or badCertId")
+          "Refuse every request with this reason")
       ->type_name("REASON")
-      ->check(CLI::IsMember(tools::scep_fail_info_names()).description(""))
+      ->check(CLI::IsMember(tools::scep_fail_info_names()))
       ->group("SCEP");
   serve
       ->add_option_function<std::vector<std::string>>(

@@ -26,8 +26,8 @@ const std::vector<misdeed_row> &misdeed_rows() {
 std::string misdeed_list() {
   std::string text;
   for (const misdeed_row &row : misdeed_rows()) {
-    std::string name = row.name;
-    name.resize(23, ' ');
+    std::string name = "  " + std::string(row.name);
+    name.resize(30, ' ');
     text += name + row.text + "\n";
   }
   return text;

@@ -3,6 +3,7 @@
 #include <libpki/names.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cctype>
 #include <clocale>
 #include <cstdlib>
@@ -32,8 +33,11 @@ class HostLocale : public testing::Test {
   }
 
   bool set(const std::string &source, const std::string &charset) {
-    std::string compile =
-        "localedef -i " + source + " -f " + charset + " '" + folder + "/host' " + ">/dev/null 2>&1";
+    // It compiles for the machine that it runs on, which may emulate this one.
+    std::string order =
+        std::endian::native == std::endian::big ? "--big-endian" : "--little-endian";
+    std::string compile = "localedef " + order + " -i " + source + " -f " + charset + " '" +
+                          folder + "/host' " + ">/dev/null 2>&1";
     setenv("LOCPATH", folder.c_str(), 1);
     return system(compile.c_str()) == 0 && setlocale(LC_ALL, "host");
   }

@@ -80,7 +80,7 @@ void sets_the_caches_up() {
   EXPECT_EQ(libpki_init(), 0);
   support::cert cert = support::make_ca("ca");
   cert_sts_info *status =
-      cv_alloc_cert_sts_info(PKI_CERT_OK, cert.get(), support::make_time(4000000000).get());
+      cv_alloc_cert_sts_info(PKI_CERT_OK, cert.get(), support::make_time(2000000000).get());
   EXPECT_EQ(zv_cv_add_cert_sts_info_cache(status), 0);
   EXPECT_EQ(zv_cv_clear_cert_sts_info_cache(), 0);
   cv_free_cert_sts_info(status);

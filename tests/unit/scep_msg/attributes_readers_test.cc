@@ -222,8 +222,8 @@ TEST_F(AttributeReaders, NumbersAreReadWithTheirSign) {
       {"\xff", -1},
       {"\x80", -128},
       {std::string("\0\x80", 2), 128},
-      {"\x7f\xff\xff\xff\xff\xff\xff\xff", LONG_MAX},
-      {std::string("\x80\0\0\0\0\0\0\0", 8), LONG_MIN},
+      {"\x7f" + std::string(sizeof(long) - 1, '\xff'), LONG_MAX},
+      {"\x80" + std::string(sizeof(long) - 1, '\0'), LONG_MIN},
   };
   for (const auto &[octets, expected] : cases) {
     pkcs7 message = message_with({attribute(row, {tlv(V_ASN1_INTEGER, octets)})});

@@ -82,8 +82,8 @@ struct SecretMemory : scep_test {
     const auto first = reinterpret_cast<unsigned long>(own);
     int count = 0;
     for (unsigned long at = from; at < to; at += window) {
-      size_t wanted = std::min(window + length - 1, to - at);
-      ssize_t got = pread(memory, own->found, wanted, static_cast<off_t>(at));
+      size_t wanted = std::min<size_t>(window + length - 1, to - at);
+      ssize_t got = pread64(memory, own->found, wanted, static_cast<off64_t>(at));
       if (got <= 0)
         continue;
       const char *rest = own->found;

@@ -112,8 +112,9 @@ TEST_F(OcspTimes, MissingNextUpdatePasses) {
 }
 
 TEST_F(OcspTimes, DistantNextUpdateIsAccepted) {
-  constexpr time_t year_9999 = 253402300799;
-  record info = ask(next(year_9999));
+  ocsp_options options = by_issuer();
+  options.single.next_update_text = "99991231235959Z";
+  record info = ask(options);
   ASSERT_NE(nullptr, info);
   EXPECT_EQ("99991231235959Z", octets_of(info->valid_until));
 }

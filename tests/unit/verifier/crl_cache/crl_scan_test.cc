@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
 
+#include <climits>
+
 #include "fakes/log_capture.h"
 #include "unit/verifier/crl_cache/crl_scan_support.h"
 #include "unit/verifier/own_log.h"
@@ -72,7 +74,7 @@ TEST_F(CrlScan, ShortListLosesItsOtherEntriesToo) {
 }
 
 TEST_F(CrlScan, SerialNumberThatIsNotListedIsNotFound) {
-  for (long wanted : {0L, 501L, -1L, 1L << 40}) {
+  for (long wanted : {0L, 501L, -1L, LONG_MAX >> 1}) {
     integer serial = make_serial(wanted);
     scanned result = scan(list_of(500), query_for(serial));
     ASSERT_EQ(0, result.code);

@@ -1,0 +1,68 @@
+#include "tools/pkictl/ca_info_use.h"
+
+#include <libpki/http.h>
+#include <libpki/types.h>
+#include <strings.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "tools/common/ossl.h"
+
+namespace pkictl {
+
+namespace {
+
+bool is_http_url(const char *url) {
+  char *copy = nullptr;
+  char *host = nullptr;
+  char *path = nullptr;
+  if (!url || parse_url(url, &copy, &host, &path) != 0)
+    return false;
+  std::unique_ptr<char, tools::free_with<free>> owner(copy);
+  return strcasecmp(copy, "http") == 0 && *host;
+}
+
+void require_http(const std::string &what, const char *url, ca_info_use *use) {
+  if (!is_http_url(url))
+    use->faults.push_back("devices cannot use the " + what + " URL " + (url ? url : "") +
+                          "; give one that begins with http://");
+}
+
+// `data` is what a SCEP method holds.
+template <class Scep>
+void judge_scep(const std::string &what, const void *data, ca_info_use *use) {
+  const auto *scep = static_cast<const Scep *>(data);
+  require_http(what, scep->url, use);
+  if (!scep->ca_cert)
+    use->gaps.push_back("the " + what + " method names no X509Certificate of the SCEP CA, and" +
+                        " devices cannot use it without");
+}
+
+template <class Method, class Judge>
+void for_each(const STACK *list, int mechanism, Judge judge) {
+  for (int i = 0; i < OPENSSL_sk_num(list); i++) {
+    const auto *method = static_cast<const Method *>(OPENSSL_sk_value(list, i));
+    if (method->mechanism == mechanism)
+      judge(method->data);
+  }
+}
+
+}  // namespace
+
+ca_info_use judge_use(const ca_info &ca) {
+  ca_info_use use;
+  for_each<cert_req_info>(ca.cert_req_methods, PKI_CERT_REQ_SCEP,
+                          [&](const void *data) { judge_scep<scep_req_info>("SCEP", data, &use); });
+  for_each<cert_query_info>(ca.cert_lookup_methods, PKI_CERT_QUERY_SCEP, [&](const void *data) {
+    judge_scep<scep_query_info>("SCEPGetCert", data, &use);
+  });
+  for_each<cert_status_info>(ca.cert_status_methods, PKI_STATUS_OCSP, [&](const void *data) {
+    require_http("OCSP", static_cast<const ocsp_info *>(data)->url, &use);
+  });
+  if (OPENSSL_sk_num(ca.trusted_roots) < 1 && OPENSSL_sk_num(ca.cert_req_methods) < 1)
+    use.gaps.push_back("the document names neither a trusted root nor a way to enroll");
+  return use;
+}
+
+}  // namespace pkictl

@@ -1,0 +1,27 @@
+// Why the library failed, in its own words.
+#ifndef TOOLS_PKICTL_LAST_COMPLAINT_H
+#define TOOLS_PKICTL_LAST_COMPLAINT_H
+
+#include <string>
+
+#include "tools/pkictl/log_tap.h"
+
+namespace pkictl {
+
+// Listens to what the library logs in the calling thread while it lives.
+class last_complaint {
+ public:
+  last_complaint();
+
+  // The first line of its last error, else of its last warning, else "".
+  std::string text() const { return error_.empty() ? warning_ : error_; }
+
+ private:
+  std::string error_;
+  std::string warning_;
+  log_tap tap_;  // last: it uses the others
+};
+
+}  // namespace pkictl
+
+#endif
