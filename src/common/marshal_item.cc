@@ -36,7 +36,7 @@ class printable {
 
  private:
   static constexpr int shown_without_memory = 256;
-  char text_[shown_without_memory + 1];
+  char text_[shown_without_memory + 1] = "";
   malloc_ptr<char> long_text_;
 };
 
