@@ -77,8 +77,9 @@ TEST(XmlLibrary, ThatIsMissingIsCode2AndALineAndTriedAgain) {
   EXPECT_IN_FRESH_PROCESS(a_missing_library);
 }
 
+// One that the process has not loaded yet: of those that it started with, glibc loses some octets.
 void a_library_without_the_functions() {
-  expect_not_loaded("libc.so.6", "undefined symbol");
+  expect_not_loaded("libresolv.so.2", "undefined symbol");
 }
 
 TEST(XmlLibrary, WithoutItsFunctionsIsCode2AndALineAndTriedAgain) {
