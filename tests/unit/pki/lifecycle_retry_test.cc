@@ -10,11 +10,6 @@
 #include "fakes/log_capture.h"
 #include "unit/pki/lifecycle_process.h"
 
-// OpenSSL itself loses 16 octets when it cannot enter a new object into its table.
-extern "C" [[gnu::weak]] const char *__lsan_default_suppressions() {
-  return "leak:OBJ_add_object\n";
-}
-
 namespace {
 
 using lines = std::vector<log_entry>;
