@@ -251,7 +251,8 @@ TEST_F(PkictlCrlShow, MillionEntriesTakeNoMoreMemoryThanTen) {
       show(lab().crl_url("empty&entries=1000000"), {"--issuer", lab().file("issuing-cert.pem")});
   EXPECT_EQ(many["entries"], 1000000);
   EXPECT_EQ(many["signature"], "good");
-  EXPECT_LT(many["peak_memory_kib"].get<long>(), few + 1024);
+  // The list has 39 MB; a sanitizer's own memory comes and goes by a few.
+  EXPECT_LT(many["peak_memory_kib"].get<long>(), few + 4096);
 }
 
 // What the tool writes to a terminal that is its standard error.
