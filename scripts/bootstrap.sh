@@ -17,7 +17,7 @@ set -eu
 # dependencies.
 build_packages="g++ cmake ninja-build pkg-config ccache openssl python3 \
   libssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
-  libcli11-dev nlohmann-json3-dev libksba-dev strace"
+  libcli11-dev nlohmann-json3-dev libksba-dev libgpg-error-dev strace"
 lint_packages="clang-format clang-tidy cppcheck python3"
 docs_packages="doxygen python3"
 fuzz_packages="clang libclang-rt-14-dev"
