@@ -147,7 +147,7 @@ TEST(PkictlStateDamage, CodeIsInTheJson) {
   EXPECT_EQ(nlohmann::json::parse(done.out)["error"]["name"], "PKI_WRONG_MAGIC");
 }
 
-TEST(PkictlStateDamage, FolderInThePlaceOfTheFileIsTold) {
+TEST(PkictlStateDamage, FolderWhereTheFileBelongsIsTold) {
   state_test test;
   fs::create_directories(test.file);
   result done = test.make_key("device");

@@ -257,7 +257,7 @@ TEST_F(PkictlVerifyCrl, DeltaThatCannotBeHadIsPassedOver) {
   EXPECT_EQ(found.crls[0]["fetches"][1]["error"]["code"], 47);
 }
 
-TEST_F(PkictlVerifyCrl, DeltaInPlaceOfABaseIsOfNoUse) {
+TEST_F(PkictlVerifyCrl, DeltaWhereABaseBelongsIsOfNoUse) {
   judged found = judge_crl("delta=5&number=6");
   expect_unknown(found);
   EXPECT_TRUE(has_line(found.crls.at(0)["log"], "is a delta-CRL, a complete one was expected"));

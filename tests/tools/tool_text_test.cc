@@ -49,7 +49,7 @@ TEST(ToolText, PercentEncodeTouchesOnlyWhatNoUrlCarries) {
   EXPECT_EQ(tools::percent_encode("a b\r\n\x7f\xFF"), "a%20b%0D%0A%7F%FF");
 }
 
-TEST(ToolText, TrimTakesWhiteSpaceOffBothEnds) {
+TEST(ToolText, TrimTakesBlanksOffBothEnds) {
   EXPECT_EQ(tools::trim(" \ta b\r\n"), "a b");
   EXPECT_EQ(tools::trim(" \n"), "");
 }
@@ -80,7 +80,7 @@ TEST(ToolFiles, WriteReplacesWholeFilesAndSetsTheMode) {
   EXPECT_EQ(info.st_mode & 07777, 0644u);
 }
 
-TEST(ToolFiles, FolderInThePlaceOfAFileIsRefused) {
+TEST(ToolFiles, FolderWhereAFileBelongsIsRefused) {
   tool_test::folder home;
   EXPECT_THROW(tools::read_file(home / ""), tools::failure);
   EXPECT_THROW(tools::write_file(home / "", "x", 0600), tools::failure);

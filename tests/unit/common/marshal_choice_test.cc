@@ -187,7 +187,7 @@ void *preselected() {
   return made;
 }
 
-TEST_F(MarshalChoice, ChoiceOfStartAndEndOnlyLeavesTheObjectAsItWasMadeSilently) {
+TEST_F(MarshalChoice, ChoiceWithStartAndEndOnlyLeavesTheObjectAsItWasMadeSilently) {
   marshal_choice_desc made = desc;
   made.ctor = preselected;
   stream in = support::stream_of(block(0x40) + block(0x4f) + block(7));
@@ -199,7 +199,7 @@ TEST_F(MarshalChoice, ChoiceOfStartAndEndOnlyLeavesTheObjectAsItWasMadeSilently)
   EXPECT_TRUE(captured_log().empty()) << log_dump();
 }
 
-TEST_F(MarshalChoice, InlineChoiceOfStartAndEndOnlyLeavesItsParentAsItWas) {
+TEST_F(MarshalChoice, InlineChoiceWithStartAndEndOnlyLeavesItsParentAsItWas) {
   selected here = {};
   here.kind = text_kind;
   here.value.text = strdup("kept");

@@ -206,7 +206,7 @@ TEST_F(MarshalStack, ElementDecoderIsGivenANullSlotAndMayLeaveItNull) {
   EXPECT_EQ(text(1), nullptr);
 }
 
-TEST_F(MarshalStack, PlaceOfTheElementRowIsNotRead) {
+TEST_F(MarshalStack, OffsetOfTheElementRowIsNotRead) {
   marshal_stack_desc odd = texts;
   odd.element.offset = 12345;
   odd.own = 99;

@@ -57,7 +57,7 @@ TEST_F(HttpHeaders, NamesWithoutAValueAreIgnored) {
   EXPECT_EQ(length_of("Content-Length:"), -1);
 }
 
-TEST_F(HttpHeaders, TypeOfWhiteSpaceOnlyIsEmpty) {
+TEST_F(HttpHeaders, TypeOfBlanksOnlyIsEmpty) {
   EXPECT_EQ(type_of("Content-Type: "), "");
   EXPECT_EQ(type_of("Content-Type: ;x"), "");
 }

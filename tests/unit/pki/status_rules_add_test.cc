@@ -186,7 +186,7 @@ TEST_F(StatusRulesOcsp, OptionIsTheWholeByte) {
   EXPECT_EQ(static_cast<ocsp_info *>(added->data)->option, 0xffu);
 }
 
-TEST_F(StatusRulesOcsp, HoldsOneReferenceOnTheResponder) {
+TEST_F(StatusRulesOcsp, HoldsOneReferenceToTheResponder) {
   cert responder = support::make_ca("responder");
   auto destroyed = watch(responder);
   rule_list rules{subject_};

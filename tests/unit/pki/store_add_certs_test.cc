@@ -148,7 +148,7 @@ TEST_F(StoreAddUntrustedCert, ListsAreIndependent) {
   EXPECT_EQ(elements(pki_store->collected_certs), pointers{added.get()});
 }
 
-TEST_F(StoreAddUntrustedCert, StoreHoldsAReferenceOfItsOwn) {
+TEST_F(StoreAddUntrustedCert, StoreHoldsItsOwnReference) {
   cert added = simple_cert("issuer", "subject", 1);
   auto destroyed = watch(added);
   EXPECT_EQ(pki_add_untrusted_cert(added.get(), 1), 0);

@@ -44,7 +44,7 @@ TEST_F(StoreFindBySubject, FillsANewListForANullHandle) {
   EXPECT_EQ(elements(found.get()), pointers{wanted.get()});
 }
 
-TEST_F(StoreFindBySubject, GivesAReferenceOfTheCallers) {
+TEST_F(StoreFindBySubject, GivesTheCallerAReference) {
   cert wanted = simple_cert("issuer", "wanted", 1);
   auto destroyed = watch(wanted);
   keep(wanted);

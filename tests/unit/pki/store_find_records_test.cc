@@ -21,7 +21,7 @@ void add_to_store(const support::ca &ca) {
   ASSERT_EQ(pki_add_ca_info(ca.get()), 0);
 }
 
-TEST_F(StoreFindCaByLabel, GivesAReferenceOfTheCallers) {
+TEST_F(StoreFindCaByLabel, GivesTheCallerAReference) {
   support::ca ca = make_ca_info("ca");
   add_to_store(ca);
   ca_info *found = pki_find_ca_info_by_label("ca");

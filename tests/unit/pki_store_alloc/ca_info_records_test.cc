@@ -61,7 +61,7 @@ TEST(CaInfoRecord, ReleasesEveryTrustedRoot) {
   EXPECT_EQ(*second_destroyed, 1);
 }
 
-TEST(CaInfoRecord, ReleasesOneReferenceOnEveryMethod) {
+TEST(CaInfoRecord, ReleasesOneReferenceToEveryMethod) {
   cert_req_info *req = alloc_cert_req_info_m(PKI_CERT_REQ_SCEP);
   cert_query_info *query = alloc_cert_query_info_m(PKI_CERT_QUERY_LDAP);
   cert_status_info *status = alloc_cert_status_info_m(PKI_STATUS_AOK);
@@ -114,7 +114,7 @@ TEST(CaInfoList, StartsEmpty) {
   free_ca_infos(list);
 }
 
-TEST(CaInfoList, ReleasesOneReferenceOnEveryCa) {
+TEST(CaInfoList, ReleasesOneReferenceToEveryCa) {
   ca_info *first = alloc_ca_info(), *second = alloc_ca_info();
   STACK *list = alloc_ca_infos();
   OPENSSL_sk_push(list, dup_ca_info(first));

@@ -21,7 +21,7 @@ TEST(KeyInfoRecord, StartsEmptyWithAnEmptyList) {
   free_key_info(info);
 }
 
-TEST(KeyInfoRecord, ReleasesItsKeyWithTheLastReferenceOnly) {
+TEST(KeyInfoRecord, ReleasesItsKeyOnlyWithTheLastReference) {
   support::key key = support::make_key();
   auto destroyed = watch(key);
   key_info *info = alloc_key_info();
@@ -35,7 +35,7 @@ TEST(KeyInfoRecord, ReleasesItsKeyWithTheLastReferenceOnly) {
   EXPECT_EQ(*destroyed, 1);
 }
 
-TEST(KeyInfoRecord, ReleasesOneReferenceOnEveryCertificateRecord) {
+TEST(KeyInfoRecord, ReleasesOneReferenceToEveryCertificateRecord) {
   cert_info *first = alloc_cert_info(), *second = alloc_cert_info();
   key_info *info = alloc_key_info();
   OPENSSL_sk_push(info->certs, dup_cert_info(first));
@@ -54,7 +54,7 @@ TEST(KeyStoreList, StartsEmpty) {
   free_key_store(list);
 }
 
-TEST(KeyStoreList, ReleasesOneReferenceOnEveryKey) {
+TEST(KeyStoreList, ReleasesOneReferenceToEveryKey) {
   key_info *first = alloc_key_info(), *second = alloc_key_info();
   STACK *list = alloc_key_store();
   OPENSSL_sk_push(list, dup_key_info(first));
@@ -90,7 +90,7 @@ TEST(CertInfoRecord, StartsEmpty) {
   free_cert_info(info);
 }
 
-TEST(CertInfoRecord, ReleasesItsCertificateWithTheLastReferenceOnly) {
+TEST(CertInfoRecord, ReleasesItsCertificateOnlyWithTheLastReference) {
   support::cert cert = support::simple_cert("issuer", "subject", 7);
   auto destroyed = watch(cert);
   cert_info *info = alloc_cert_info();

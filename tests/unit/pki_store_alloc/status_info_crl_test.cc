@@ -39,7 +39,7 @@ TEST_F(CrlInfoRecord, StartsEmpty) {
 }
 
 // That url and issuer are freed shows under the leak checker.
-TEST_F(CrlInfoRecord, ReleasesWhatItOwnsWithTheLastReferenceOnly) {
+TEST_F(CrlInfoRecord, ReleasesWhatItOwnsOnlyWithTheLastReference) {
   support::cert signer = support::make_ca("signer");
   auto destroyed = watch(signer);
   crl_info *info = alloc_crl_info();
@@ -116,7 +116,7 @@ TEST_F(CreateCrlInfo, CopiesTheIssuerName) {
   free_crl_info(info);
 }
 
-TEST_F(CreateCrlInfo, TakesAReferenceOnTheSignerWhenNoIssuerIsGiven) {
+TEST_F(CreateCrlInfo, TakesAReferenceToTheSignerWhenNoIssuerIsGiven) {
   support::cert signer = support::make_ca("signer");
   auto destroyed = watch(signer);
   crl_info *info = create_crl_info("http://crl.example/", 0, 511, 0, nullptr, signer.get());

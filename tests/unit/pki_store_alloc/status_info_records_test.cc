@@ -92,7 +92,7 @@ TEST_F(StatusInfoRecord, UnknownMechanismIsLoggedAndGivesNoRecord) {
   }
 }
 
-TEST_F(StatusInfoRecord, ReleaseDropsOneReferenceOnTheResponder) {
+TEST_F(StatusInfoRecord, ReleaseDropsOneReferenceToTheResponder) {
   cert_status_info *info = alloc_cert_status_info_m(1);
   ocsp_info *ocsp = dup_ocsp_info(static_cast<ocsp_info *>(info->data));
   free_cert_status_info(info);
@@ -100,7 +100,7 @@ TEST_F(StatusInfoRecord, ReleaseDropsOneReferenceOnTheResponder) {
   free_ocsp_info(ocsp);
 }
 
-TEST_F(StatusInfoRecord, ReleaseDropsOneReferenceOnEveryCrlSource) {
+TEST_F(StatusInfoRecord, ReleaseDropsOneReferenceToEveryCrlSource) {
   crl_info *first = alloc_crl_info(), *second = alloc_crl_info();
   cert_status_info *info = alloc_cert_status_info_m(2);
   OPENSSL_sk_push(static_cast<STACK *>(info->data), dup_crl_info(first));
@@ -180,7 +180,7 @@ TEST_F(OcspInfoRecord, StartsEmpty) {
   free_ocsp_info(info);
 }
 
-TEST_F(OcspInfoRecord, ReleasesItsCertificateWithTheLastReferenceOnly) {
+TEST_F(OcspInfoRecord, ReleasesItsCertificateOnlyWithTheLastReference) {
   support::cert cert = support::make_ca("responder");
   auto destroyed = watch(cert);
   ocsp_info *info = alloc_ocsp_info();

@@ -63,7 +63,7 @@ TEST_F(ScepPoll, KeepsTheTransactionId) {
   EXPECT_EQ(requests[0].tx_id.size(), 32u);
 }
 
-TEST_F(ScepPoll, EachPollAnswersTheNonceOfTheLastResponse) {
+TEST_F(ScepPoll, EachPollAnswersTheNonceInTheLastResponse) {
   ASSERT_EQ(enroll_after(5), PKI_OK);
   for (size_t i = 1; i < requests.size(); i++) {
     std::string last = octets_attribute(answers[i - 1], PKI_OID_SCEP_SENDER_NONCE);
@@ -72,7 +72,7 @@ TEST_F(ScepPoll, EachPollAnswersTheNonceOfTheLastResponse) {
   }
 }
 
-TEST_F(ScepPoll, EachPollHasANonceOfItsOwn) {
+TEST_F(ScepPoll, EachPollHasItsOwnNonce) {
   ASSERT_EQ(enroll_after(3), PKI_OK);
   for (size_t i = 0; i < requests.size(); i++)
     for (size_t j = 0; j < i; j++)
@@ -158,7 +158,7 @@ TEST_F(ScepPoll, PendingAnswerWhoseSenderNonceIsNoOctetStringCannotBePolledFor) 
             (log_lines{{3, "failed to generate scep CertInit request: ATTR NOT OCTET STRING"}}));
 }
 
-TEST_F(ScepPoll, SenderNonceOfAnyLengthIsAnswered) {
+TEST_F(ScepPoll, SenderNonceWithAnyLengthIsAnswered) {
   for (std::string nonce : {std::string("x"), std::string(1000, 'n')}) {
     scep_reply first = support::pending();
     first.sender_nonce = nonce;

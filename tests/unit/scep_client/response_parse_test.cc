@@ -168,7 +168,7 @@ TEST_F(ScepResponse, RecipientNonceMustBeTheRequestsSenderNonce) {
           support::hex(nonce()) + "' != '" + support::hex(*reply.recipient_nonce) + "'");
 }
 
-TEST_F(ScepResponse, RecipientNonceOfAnotherLengthIsRefused) {
+TEST_F(ScepResponse, RecipientNonceWithAnotherLengthIsRefused) {
   for (std::string wrong : {nonce().substr(0, 15), nonce() + "x", nonce() + nonce()}) {
     scep_reply reply;
     reply.recipient_nonce = wrong;

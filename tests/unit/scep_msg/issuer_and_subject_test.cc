@@ -58,7 +58,7 @@ TEST_F(IssuerAndSubject, FieldsAreInTheDocumentedOrder) {
 
 // ---- encoding ----
 
-TEST_F(IssuerAndSubject, EncodesASequenceOfBothNames) {
+TEST_F(IssuerAndSubject, EncodesASequenceWithBothNames) {
   EXPECT_EQ(der(make_ias(issuer, subject)), whole);
 }
 

@@ -226,7 +226,7 @@ TEST_F(CheckTxAttrs, RequestWhoseNonceIsNoOctetString) {
   expect_refused("CheckTxAttrs: sender-nonce in request is not an OCTET STRING");
 }
 
-TEST_F(CheckTxAttrs, RecipientNonceOfTheRequestDoesNotCount) {
+TEST_F(CheckTxAttrs, RecipientNonceInTheRequestDoesNotCount) {
   request = message_with({id("the id"), recipient(octet_string("nonce"))});
   expect_refused("CheckTxAttrs: no sender-nonce found in request");
 }

@@ -108,7 +108,7 @@ TEST_F(GenScepGetCertInit, IntegerAsTransactionIdIsItsOctets) {
   EXPECT_EQ(text_of(make(), PKI_OID_SCEP_TRANSACTION_ID), id);
 }
 
-TEST_F(GenScepGetCertInit, NonceOfAnyLengthIsSentBack) {
+TEST_F(GenScepGetCertInit, NonceWithAnyLengthIsSentBack) {
   for (size_t size : {1, 15, 16, 17, 500}) {
     earlier = message_with(
         {attribute(PKI_OID_SCEP_TRANSACTION_ID, {printable("id")}),

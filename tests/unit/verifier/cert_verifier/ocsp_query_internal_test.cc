@@ -74,7 +74,7 @@ TEST_F(OcspQuery, RequestIsNotSigned) {
   EXPECT_EQ(0, OCSP_request_is_signed(request.get()));
 }
 
-TEST_F(OcspQuery, RequestCarriesANonceOfTwentyOctets) {
+TEST_F(OcspQuery, RequestCarriesANonceWithTwentyOctets) {
   support::ocsp_request request = support::decode_ocsp_request(sent_request());
   ASSERT_NE(nullptr, request);
   EXPECT_EQ(1, OCSP_REQUEST_get_ext_count(request.get()));
@@ -83,7 +83,7 @@ TEST_F(OcspQuery, RequestCarriesANonceOfTwentyOctets) {
   EXPECT_EQ(std::string("\x04\x14", 2), nonce.substr(0, 2));
 }
 
-TEST_F(OcspQuery, EachRequestHasANonceOfItsOwn) {
+TEST_F(OcspQuery, EachRequestHasItsOwnNonce) {
   ocsp_responder responder(by_issuer());
   ask(responder);
   ask(responder);

@@ -11,7 +11,7 @@ namespace {
 
 class StatusCacheAdd : public cache_test {};
 
-TEST_F(StatusCacheAdd, TakesAReferenceOfItsOwn) {
+TEST_F(StatusCacheAdd, TakesItsOwnReference) {
   record info = make_record(1);
   EXPECT_EQ(0, zv_cv_add_cert_sts_info_cache(info.get()));
   EXPECT_TRUE(is_cached(info));

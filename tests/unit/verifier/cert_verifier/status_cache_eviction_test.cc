@@ -131,7 +131,7 @@ TEST_F(StatusCacheEviction, AddingACachedRecordEvictsNothing) {
   }
 }
 
-TEST_F(StatusCacheEviction, TheCachesReferenceOnTheVictimGoes) {
+TEST_F(StatusCacheEviction, TheCachesReferenceToTheVictimGoes) {
   fill();
   evicted_by_one_more();
   EXPECT_EQ(1U, at(0)->ref_count);

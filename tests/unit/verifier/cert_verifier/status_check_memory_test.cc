@@ -119,7 +119,7 @@ TEST_F(StatusLocks, AnswerThatCannotBeKeptIsGivenAllTheSame) {
   EXPECT_EQ(PKI_CERT_OK, zv_cv_check_cert_status(leaf_.get(), inter_.get(), nullptr, 1, 0));
 }
 
-TEST_F(StatusLocks, LostReferenceOnTheCertificateLeavesItUnknown) {
+TEST_F(StatusLocks, LostReferenceToTheCertificateLeavesItUnknown) {
   add_always_ok("leaf");
   X509_get_extension_flags(leaf_.get());
   fake_failures::fail_x509_up_ref();

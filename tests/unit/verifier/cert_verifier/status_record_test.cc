@@ -100,7 +100,7 @@ TEST_F(StatusRecord, NeedsACertificateAndATime) {
   EXPECT_EQ(nullptr, cv_alloc_cert_sts_info(PKI_CERT_OK, cert.get(), nullptr));
 }
 
-TEST_F(StatusRecord, IsNotMadeWithoutAReferenceOnTheCertificate) {
+TEST_F(StatusRecord, IsNotMadeWithoutAReferenceToTheCertificate) {
   watched_cert watched = make_watched_cert();
   support::asn1_time time = support::make_time(start + 10);
   fake_failures::fail_x509_up_ref();

@@ -77,7 +77,7 @@ TEST_F(ValidatorStatus, SourcesThatCannotBeReadAreRejected) {
   EXPECT_EQ(X509_V_ERR_UNABLE_TO_GET_CRL, result.error);
 }
 
-TEST_F(ValidatorStatus, AlwaysOkRuleAcceptsInPlaceOfTheResponder) {
+TEST_F(ValidatorStatus, AlwaysOkRuleAcceptsInsteadOfTheResponder) {
   cert leaf = make_leaf({extension_der::aia({"http://127.0.0.1:1/"})});
   add_always_ok();
   EXPECT_TRUE(accepts(chain_of(inter_, leaf), internet)) << log_dump();

@@ -121,7 +121,7 @@ TEST_F(CrlCacheAdd, WithoutTheLockNothingIsCached) {
   EXPECT_TRUE(*crl.freed);
 }
 
-TEST_F(CrlCacheAdd, WithoutAReferenceOnTheCrlNothingIsCached) {
+TEST_F(CrlCacheAdd, WithoutAReferenceToTheCrlNothingIsCached) {
   watched_crl crl = watch(make_crl("A"));
   watched_cert ca = watch(support::make_ca("signer"));
   std::string line = queue_error();
@@ -135,7 +135,7 @@ TEST_F(CrlCacheAdd, WithoutAReferenceOnTheCrlNothingIsCached) {
   EXPECT_TRUE(*ca.freed);
 }
 
-TEST_F(CrlCacheAdd, WithoutAReferenceOnTheSignerNothingIsCached) {
+TEST_F(CrlCacheAdd, WithoutAReferenceToTheSignerNothingIsCached) {
   watched_crl crl = watch(make_crl("A"));
   watched_cert ca = watch(support::make_ca("signer"));
   std::string line = queue_error();

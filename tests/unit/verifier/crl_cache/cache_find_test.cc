@@ -138,7 +138,7 @@ TEST_F(CrlCacheFind, TheFirstThatFitsWins) {
   EXPECT_EQ(first.get(), peek("A", 0x6));
 }
 
-TEST_F(CrlCacheFind, GivesAReferenceOfTheCallers) {
+TEST_F(CrlCacheFind, GivesTheCallerAReference) {
   watched_crl watched = watch(make_crl("A"));
   zv_cv_add_crl_to_cache(watched.crl.get(), nullptr);
   support::name issuer = support::common_name("A");
@@ -232,7 +232,7 @@ TEST_F(CrlCacheFind, TakesTheLockForReading) {
   EXPECT_EQ(0, fake_failures::wrlock_calls());
 }
 
-TEST_F(CrlCacheFind, WithoutAReferenceOnTheCrlTheNextThatFitsIsTaken) {
+TEST_F(CrlCacheFind, WithoutAReferenceToTheCrlTheNextThatFitsIsTaken) {
   support::crl first = make_crl("A"), second = make_crl("A");
   zv_cv_add_crl_to_cache(first.get(), signer.get());
   zv_cv_add_crl_to_cache(second.get(), signer.get());
@@ -243,7 +243,7 @@ TEST_F(CrlCacheFind, WithoutAReferenceOnTheCrlTheNextThatFitsIsTaken) {
   EXPECT_EQ((std::vector<log_entry>{{3, line}}), captured_log());
 }
 
-TEST_F(CrlCacheFind, WithoutAReferenceOnTheOnlyCrlNothingIsFound) {
+TEST_F(CrlCacheFind, WithoutAReferenceToTheOnlyCrlNothingIsFound) {
   watched_crl watched = watch(make_crl("A"));
   zv_cv_add_crl_to_cache(watched.crl.get(), signer.get());
   std::string line = queue_error();
@@ -254,7 +254,7 @@ TEST_F(CrlCacheFind, WithoutAReferenceOnTheOnlyCrlNothingIsFound) {
   EXPECT_FALSE(*watched.freed);
 }
 
-TEST_F(CrlCacheFind, WithoutAReferenceOnTheSignerTheNextThatFitsIsTaken) {
+TEST_F(CrlCacheFind, WithoutAReferenceToTheSignerTheNextThatFitsIsTaken) {
   support::cert other_signer = support::make_ca("other signer");
   watched_crl first = watch(make_crl("A"));
   support::crl second = make_crl("A");
@@ -271,7 +271,7 @@ TEST_F(CrlCacheFind, WithoutAReferenceOnTheSignerTheNextThatFitsIsTaken) {
   EXPECT_TRUE(*first.freed) << "the reference on the CRL was not given back";
 }
 
-TEST_F(CrlCacheFind, WithoutAReferenceOnTheOnlySignerNothingIsFound) {
+TEST_F(CrlCacheFind, WithoutAReferenceToTheOnlySignerNothingIsFound) {
   watched_crl crl = watch(make_crl("A"));
   watched_cert ca = watch(support::make_ca("signer"));
   zv_cv_add_crl_to_cache(crl.crl.get(), ca.cert.get());

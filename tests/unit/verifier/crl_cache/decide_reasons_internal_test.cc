@@ -258,7 +258,7 @@ TEST_F(DecideLocator, DeltaPlacesAreNoCrlsOfTheirOwn) {
   EXPECT_EQ("", server.asked());
 }
 
-TEST_F(DecideLocator, NextPlaceOfOnePointIsAsked) {
+TEST_F(DecideLocator, NextPlaceInOnePointIsAsked) {
   server.publish("/b", crl_of());
   points dps = crl_objects::make_points(extension_der::point(extension_der::full_name(
       support::der_uri("ldap://127.0.0.1/") + support::der_uri(server.url("/a")) +
