@@ -12,6 +12,8 @@ namespace fuzz {
 
 // ---- an inline choice whose alternatives are structures, or a choice, within ----
 
+using support::inner_choice;
+
 struct event {
   char *name;
   time_t since;
@@ -19,13 +21,6 @@ struct event {
 };
 struct numbers {
   int values[24];
-};
-struct inner_choice {
-  int kind;
-  union {
-    char *text;
-    int number;
-  } value;
 };
 enum varied_kind { varied_event = 1, varied_numbers, varied_choice, varied_text };
 // The selector of a text lists 0, which names nothing elsewhere.

@@ -137,6 +137,16 @@ inline marshal_field last_field() {
   return {};
 }
 
+// ---- a text or a number ----
+
+struct inner_choice {
+  int kind;
+  union {
+    char *text;
+    int number;
+  } value;
+};
+
 // ---- a small structure ----
 
 struct note {

@@ -13,6 +13,7 @@ namespace {
 using support::block;
 using support::decode;
 using support::field;
+using support::inner_choice;
 using support::int_block;
 using support::last_field;
 using support::note;
@@ -38,13 +39,6 @@ enum kind {
 struct two_texts {
   char *first;
   char *second;
-};
-struct inner_choice {
-  int kind;
-  union {
-    char *text;
-    int number;
-  } value;
 };
 struct slot {
   int kind;
@@ -410,7 +404,7 @@ int dec_own(BIO *, int, const unsigned char *, int, void *target, void *) {
   return 0;
 }
 
-TEST(MarshalInlineChoiceOfTheHost, ValueOfAnOwnDecoderIsForgottenNotFreed) {
+TEST(MarshalInlineChoiceByTheHost, ValueOfAnOwnDecoderIsForgottenNotFreed) {
   const marshal_field own_rows[] = {field(1, 0x71, enc_str, dec_own),
                                     field(2, 0x72, enc_str, dec_str), last_field()};
   const marshal_choice_desc desc = {

@@ -12,6 +12,7 @@ using support::block;
 using support::decode;
 using support::field;
 using support::image;
+using support::inner_choice;
 using support::int_block;
 using support::last_field;
 
@@ -34,13 +35,6 @@ struct connection {
 struct wrapped_connection {
   int before;
   connection inner;
-};
-struct inner_choice {
-  int kind;
-  union {
-    char *text;
-    int number;
-  } value;
 };
 
 enum kind {

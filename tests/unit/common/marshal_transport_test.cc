@@ -47,6 +47,21 @@ struct MarshalTransport : testing::Test {
     EXPECT_EQ(data, nullptr);
     return code;
   }
+  // Of a block whose stream fails in its tag, its length or its data, and queues `reason`; `check`
+  // looks at the log.
+  template <class Check>
+  static void expect_code_wherever_a_block_fails(int reason, int code, Check check) {
+    for (int failure : {-1, 0})
+      for (size_t given : {0, 1, 2, 3, 4}) {
+        clear_log();
+        script of{.input = from_hex("05818261626364")};
+        of.reads_left = given;
+        of.failure = failure;
+        of.queued_reason = reason;
+        EXPECT_EQ(block_code(&of), code) << given;
+        check();
+      }
+  }
   const std::string whole = "MAGI" + note_octets("some text", 77) + support::end_of_data;
 };
 
@@ -159,32 +174,18 @@ TEST_F(MarshalTransport, StreamThatGivesNothingYetIs10) {
 }
 
 TEST_F(MarshalTransport, OpensslsErrorsOfABlockAreLoggedAtLevel3) {
-  for (int failure : {-1, 0})
-    for (size_t given : {0, 1, 2, 3, 4}) {
-      clear_log();
-      script of{.input = from_hex("05818261626364")};
-      of.reads_left = given;
-      of.failure = failure;
-      of.queued_reason = 101;
-      EXPECT_EQ(block_code(&of), 10) << given;
-      ASSERT_EQ(captured_log().size(), 1u) << given << log_dump();
-      EXPECT_EQ(captured_log()[0].level, 3);
-      EXPECT_EQ(captured_log()[0].text.rfind("OpenSSL error: error:", 0), 0u) << log_dump();
-    }
+  expect_code_wherever_a_block_fails(101, 10, [] {
+    ASSERT_EQ(captured_log().size(), 1u) << log_dump();
+    EXPECT_EQ(captured_log()[0].level, 3);
+    EXPECT_EQ(captured_log()[0].text.rfind("OpenSSL error: error:", 0), 0u) << log_dump();
+  });
 }
 
 TEST_F(MarshalTransport, OutOfMemoryInATagALengthOrDataIsThatCode) {
-  for (int failure : {-1, 0})
-    for (size_t given : {0, 1, 2, 3, 4}) {
-      clear_log();
-      script of{.input = from_hex("05818261626364")};
-      of.reads_left = given;
-      of.failure = failure;
-      of.queued_reason = ERR_R_MALLOC_FAILURE;
-      EXPECT_EQ(block_code(&of), 2) << given;
-      EXPECT_EQ(captured_log().size(), 1u) << log_dump();
-      EXPECT_TRUE(logged_containing(3, "malloc failure")) << log_dump();
-    }
+  expect_code_wherever_a_block_fails(ERR_R_MALLOC_FAILURE, 2, [] {
+    EXPECT_EQ(captured_log().size(), 1u) << log_dump();
+    EXPECT_TRUE(logged_containing(3, "malloc failure")) << log_dump();
+  });
 }
 
 TEST_F(MarshalTransport, InputThatEndsIs42WhereverThatIs) {
