@@ -197,6 +197,11 @@ std::string marshalled(fuzz::node *object) {
   return octets_in(out);
 }
 
+std::string numbers_in(int start) {
+  return block(start) + int_block(0x31, 0x41414141) + int_block(0x32, 0x42424242) +
+         int_block(0x33, 0x43434343) + block(0x3f);
+}
+
 void make_marshal_seeds(const std::string &root) {
   seed_folder folder(root, "fuzz_unmarshall");
   auto *first = static_cast<fuzz::node *>(fuzz::new_node());
@@ -217,16 +222,20 @@ void make_marshal_seeds(const std::string &root) {
   folder.add(block(fuzz::node_start) + block(fuzz::node_record) + text + note + text + block(0x9f) +
              block(fuzz::node_end) + end_of_data);
   // And alternatives that are structures, or a choice, within.
-  const std::string numbers = block(0x52) + int_block(0x31, 0x41414141) +
-                              int_block(0x32, 0x42424242) + int_block(0x33, 0x43434343) +
-                              block(0x3f);
   const std::string event = block(0x51) + block(0x21, "event") + block(0x2f);
   const std::string nested = block(0x53) + block(0x41, "deep") + block(0x4f);
   std::string varied;
-  for (const std::string &value : {numbers, event, nested, numbers, block(0x53) + block(0x4f),
-                                   block(0x54, "text"), nested, event})
+  for (const std::string &value : {numbers_in(0x52), event, nested, numbers_in(0x52),
+                                   block(0x53) + block(0x4f), block(0x54, "text"), nested, event})
     varied += block(fuzz::node_varied) + value + block(0x5f);
   folder.add(block(fuzz::node_start) + varied + block(fuzz::node_end) + end_of_data);
+  // And with decoders of the host's.
+  for (const std::string &value :
+       {block(0x71), numbers_in(0x72),
+        block(0x73) + block(0x61, "shelf") + block(0x62) + block(0x6f), block(0x74)})
+    for (int tag : {fuzz::node_hosted, fuzz::node_hosted_again})
+      folder.add(block(fuzz::node_start) + block(tag) + value + block(0x7f) +
+                 block(fuzz::node_end) + end_of_data);
   fuzz::free_node(first);
 }
 

@@ -6,6 +6,7 @@
 #include <libpki/error.h>
 
 #include "fixed_key.h"
+#include "invariant.h"
 #include "support/marshal_record.h"
 
 namespace fuzz {
@@ -73,6 +74,67 @@ inline const marshal_field varied_rows[] = {
 inline const marshal_choice_desc varied_desc = {
     0, 0x5f, nullptr, nullptr, offsetof(varied, kind), offsetof(varied, value), 1, varied_rows};
 
+// ---- an inline choice with decoders of the host's ----
+
+// Which decoder made it.
+struct box {
+  int maker;
+};
+
+// Finds a box of its own, or none.
+template <int Maker>
+int dec_box(BIO *, int, const unsigned char *, int, void *target, void *) {
+  auto **field = static_cast<box **>(target);
+  require(!*field || (*field)->maker == Maker, "another's object is never found");
+  std::free(*field);
+  *field = static_cast<box *>(std::malloc(sizeof(box)));
+  if (!*field)
+    return PKI_OUT_OF_MEMORY;
+  (*field)->maker = Maker;
+  return PKI_OK;
+}
+inline int enc_box(BIO *bio, void *field, int tag, void *) {
+  return *static_cast<box **>(field) ? write_block(bio, tag, nullptr, 0) : PKI_OK;
+}
+
+struct shelf {
+  char *label;
+  box *on_it;
+};
+enum hosted_kind { hosted_box = 1, hosted_numbers, hosted_shelf, hosted_other_box };
+struct hosted {
+  int kind;
+  union {
+    box *box;
+    numbers numbers;
+    shelf shelf;
+  } value;
+};
+
+inline void clear_hosted(hosted *of) {
+  if (of->kind == hosted_box || of->kind == hosted_other_box)
+    std::free(of->value.box);
+  if (of->kind == hosted_shelf) {
+    std::free(of->value.shelf.label);
+    std::free(of->value.shelf.on_it);
+  }
+}
+
+inline const marshal_field shelf_fields[] = {
+    support::field(offsetof(shelf, label), 0x61, enc_str, dec_str),
+    support::field(offsetof(shelf, on_it), 0x62, enc_box, dec_box<hosted_shelf>),
+    support::last_field()};
+inline const marshal_struct_desc shelf_desc = {0, 0x6f, nullptr, nullptr, 1, shelf_fields};
+
+inline const marshal_field hosted_rows[] = {
+    support::field(hosted_box, 0x71, enc_box, dec_box<hosted_box>),
+    support::field(hosted_numbers, 0x72, enc_struct, dec_struct, &numbers_desc),
+    support::field(hosted_shelf, 0x73, enc_struct, dec_struct, &shelf_desc),
+    support::field(hosted_other_box, 0x74, enc_box, dec_box<hosted_other_box>),
+    support::last_field()};
+inline const marshal_choice_desc hosted_desc = {
+    0, 0x7f, nullptr, nullptr, offsetof(hosted, kind), offsetof(hosted, value), 1, hosted_rows};
+
 // ---- nodes ----
 
 struct node {
@@ -81,6 +143,7 @@ struct node {
   support::note *digested;
   support::note *signed_note;
   varied varied;
+  hosted hosted;
 };
 
 inline void *new_node() {
@@ -95,6 +158,7 @@ inline void free_node(void *object) {
   support::free_note(of->digested);
   support::free_note(of->signed_note);
   clear_varied(&of->varied);
+  clear_hosted(&of->hosted);
   std::free(of);
 }
 
@@ -102,6 +166,10 @@ inline void free_node(void *object) {
 template <marshal_enc_fn *Create>
 int enc_if_there(BIO *bio, void *field, int tag, void *arg) {
   return *static_cast<void **>(field) ? Create(bio, field, tag, arg) : PKI_OK;
+}
+
+inline int enc_nothing(BIO *, void *, int, void *) {
+  return PKI_OK;
 }
 
 enum node_tags {
@@ -112,7 +180,9 @@ enum node_tags {
   node_digest,
   node_sig,
   node_check,
-  node_varied
+  node_varied,
+  node_hosted,
+  node_hosted_again
 };
 
 // Made once a process: a key and a digest are no constants.
@@ -131,10 +201,14 @@ struct node_form {
                               verify_sig, &signature),
                support::field(offsetof(node, varied), node_varied, enc_choice, dec_choice,
                               &varied_desc),
+               support::field(offsetof(node, hosted), node_hosted, enc_choice, dec_choice,
+                              &hosted_desc),
+               support::field(offsetof(node, hosted), node_hosted_again, enc_nothing, dec_choice,
+                              &hosted_desc),
                support::last_field()} {}
 
   marshal_envelope_desc digest, signature;
-  marshal_field fields[6];
+  marshal_field fields[8];
   marshal_struct_desc desc = {0, node_end, new_node, free_node, 0, fields};
   marshal_item item = {node_start, enc_struct, &desc, dec_struct, &desc};
 };

@@ -41,9 +41,7 @@ typedef int marshal_enc_fn(BIO *bio, void *field, int tag, void *arg);
  * octets of data (null for none; they stay the caller's), the field to fill, and what the table
  * says. Further blocks it reads from `bio` itself.
  *
- * The object to fill has to be initialised: what it holds is freed or replaced. A decoder of your
- * own for an alternative of a choice is the exception: an alternative of another type may have left
- * there what it finds, so it makes the field empty first, even if it fails then.
+ * The object to fill has to be initialised: what it holds is freed or replaced.
  */
 typedef int marshal_dec_fn(BIO *bio, int tag, const unsigned char *data, int len, void *target,
                            void *arg);
@@ -178,11 +176,13 @@ PKI_API int unmarshall(BIO *bio, void *target, const marshal_item *item, const v
  * alternative needs a row, for what has none keeps what another alternative left; and the selector
  * of an inline choice has no row of its own (dec_int), or a stream would say what is freed.
  *
- * Rows of decoders of your own, and rows that are only written, cannot be made empty. An inline
- * structure or choice with such a row in it, at any depth, therefore does not replace another
- * alternative that a stream left, unless that is all zeros: 42, with a line "choice type %d cannot
- * replace type %d" (their tags) at level 4, and what is there stays. What a constructor chose in an
- * object that is being read for the first time it does replace.
+ * What decoders of your own fill, and rows that are only written, cannot be made empty. An inline
+ * choice with such a row, at any depth within its alternatives, therefore keeps the alternative
+ * that the stream gave it: another one gives 42, with a line "choice type %d cannot replace type
+ * %d" (their tags) at level 4, and what is there stays. What a constructor chose is replaced when
+ * the object is read for the first time; so a constructor leaves no object of your own decoders in
+ * such a choice, and who hands such a choice to dec_choice himself gives it a selector that names
+ * none.
  *
  * Return 0; 2 out of memory, or nested too deep; 42 see above; 63 a null argument; else what the
  * encoders or decoders of the fields, write_block and read_block return.

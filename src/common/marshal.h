@@ -170,10 +170,6 @@ void marshal_release_field(marshal_dec_fn *dec, const void *dec_arg, void *field
 void marshal_forget_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
 // Whether forgetting empties all of the field: it has no decoder of the host's in it.
 [[nodiscard]] bool marshal_knows_field(marshal_dec_fn *dec, const void *dec_arg);
-// Whether the library knows all of the field, and it holds nothing: zeros and null pointers.
-[[nodiscard]] bool marshal_is_empty_field(marshal_dec_fn *dec, const void *dec_arg, void *field);
-// Whether the field is an inline structure or choice.
-[[nodiscard]] bool marshal_is_embedded(marshal_dec_fn *dec, const void *dec_arg);
 
 }  // namespace pki
 

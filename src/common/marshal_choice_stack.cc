@@ -34,13 +34,13 @@ int write_value(BIO *bio, void *object, const marshal_choice_desc *desc) {
   return row->enc(bio, value, row->tag, const_cast<void *>(row->enc_arg));
 }
 
-// Members that decoders of the host's fill cannot be emptied: they would take for theirs what an
-// earlier alternative of the stream left.
-bool can_replace(const marshal_field *present, const marshal_field *next, void *value) {
-  if (marshal_fresh::here() || !marshal_is_embedded(next->dec, next->dec_arg) ||
-      marshal_knows_field(next->dec, next->dec_arg))
-    return true;
-  return marshal_is_empty_field(present->dec, present->dec_arg, value);
+// What a decoder of the host's fills nobody else can empty: another alternative would take for its
+// own what the stream left there, now or a few alternatives later.
+bool can_be_emptied(const marshal_choice_desc *desc) {
+  for (const marshal_field *row = desc->alternatives; marshal_is_row(row); row++)
+    if (!marshal_knows_field(row->dec, row->dec_arg))
+      return false;
+  return true;
 }
 
 void drop_alternative(const marshal_field *row, void *value) {
@@ -55,12 +55,12 @@ int make_room_for_alternative(void *object, const marshal_choice_desc *desc,
   int selector = *marshal_selector(object, desc);
   if (selector == next->selector)
     return PKI_OK;
-  void *value = marshal_place(object, desc->value_offset);
   const marshal_field *present = marshal_row_of(desc, selector);
-  if (present && !can_replace(present, next, value)) {
+  if (present && !marshal_fresh::here() && !can_be_emptied(desc)) {
     syslog(log_warning, "choice type %d cannot replace type %d", next->tag, present->tag);
     return PKI_BIO_EOD;
   }
+  void *value = marshal_place(object, desc->value_offset);
   if (present)
     drop_alternative(present, value);
   if (present || !marshal_fresh::here())

@@ -64,13 +64,6 @@ size_t value_size(marshal_dec_fn *dec, const void *dec_arg) {
   return is_pointer(dec, dec_arg) ? sizeof(void *) : 0;
 }
 
-bool is_zero(const void *field, size_t size) {
-  const auto *octets = static_cast<const unsigned char *>(field);
-  while (size > 0 && octets[size - 1] == 0)
-    size--;
-  return size == 0;
-}
-
 int selector_of_none(const marshal_choice_desc *desc) {
   int selector = 0;
   while (marshal_row_of(desc, selector))
@@ -160,25 +153,6 @@ bool marshal_knows_field(marshal_dec_fn *dec, const void *dec_arg) {
     if (!marshal_knows_field(row->dec, row->dec_arg))
       return false;
   return true;
-}
-
-bool marshal_is_empty_field(marshal_dec_fn *dec, const void *dec_arg, void *field) {
-  if (size_t size = value_size(dec, dec_arg))
-    return is_zero(field, size);
-  const member_rows within = rows_within(dec, dec_arg);
-  if (within.choice) {
-    const marshal_field *row =
-        marshal_row_of(within.choice, *marshal_selector(field, within.choice));
-    return !row || marshal_is_empty_field(row->dec, row->dec_arg, within.place(field, row));
-  }
-  for (const marshal_field *row = within.first; marshal_is_row(row); row++)
-    if (!marshal_is_empty_field(row->dec, row->dec_arg, within.place(field, row)))
-      return false;
-  return within.first || dec == skip_struct;
-}
-
-bool marshal_is_embedded(marshal_dec_fn *dec, const void *dec_arg) {
-  return rows_within(dec, dec_arg).first;
 }
 
 }  // namespace pki

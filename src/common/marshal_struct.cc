@@ -29,6 +29,16 @@ class tag_set {
   uint64_t words_[4] = {};
 };
 
+// Rows with other tags may stand for the same place. Returns whether it was seen before.
+bool mark_as_seen(const marshal_field *fields, const marshal_field *read, tag_set *seen) {
+  if (seen->add(read->tag))
+    return true;
+  for (const marshal_field *row = fields; marshal_is_row(row); row++)
+    if (row->offset == read->offset)
+      seen->add(row->tag);
+  return false;
+}
+
 const marshal_field *row_to_read(const marshal_field *row, int tag) {
   for (; row->dec; row++)
     if (row->tag == tag)
@@ -43,7 +53,7 @@ int read_field(BIO *bio, const marshal_block &block, void *object, const marshal
     syslog(log_warning, "read unexpected tag: %d", block.tag());
     return PKI_OK;
   }
-  bool again = seen->add(block.tag());
+  bool again = mark_as_seen(fields, row, seen);
   marshal_fresh fresh(!again && marshal_fresh::here());
   return block.decode(bio, row->dec, marshal_place(object, row->offset), row->dec_arg);
 }

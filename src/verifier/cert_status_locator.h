@@ -44,6 +44,7 @@ struct cert_sts_locator_list {
   cert_sts_locator **locators;
   int count;
   bool incomplete;  // something failed on the way: empty does not mean "no source"
+  bool closed;      // a final source is missing: nothing may stand behind it
 };
 
 // The sources of `cert`: configured ones for before, its own OCSP responders, its own distribution

@@ -32,7 +32,7 @@ struct pause {
 // Runs `operation` again and again with its 1st, 2nd, 3rd ... allocation failing, until a run
 // makes no allocation fail, and returns how many runs had a failure. After each run with a
 // failure, `after_failure(n)` checks what is left, with failures off. `operation` must undo its
-// success itself. `limit` bounds the number of runs.
+// success itself. `limit` bounds the number of runs. A slow machine takes samples behind the 100th.
 size_t sweep(const std::function<void()> &operation,
              const std::function<void(size_t n)> &after_failure, bool stay_failed = false,
              size_t limit = 100000);

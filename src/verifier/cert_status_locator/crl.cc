@@ -66,11 +66,15 @@ borrowed_points_ptr acceptable_points(const STACK_OF(DIST_POINT) * points) {
 }
 
 // Null when the extension is absent or cannot be read; `*present` tells them apart.
-dist_points_ptr read_points(X509 *cert, int nid, bool *present) {
+dist_points_ptr read_points(X509 *cert, int nid, const char *name, bool *present) {
   int criticality = 0;
   dist_points_ptr points(
       static_cast<STACK_OF(DIST_POINT) *>(X509_get_ext_d2i(cert, nid, &criticality, nullptr)));
   *present = points || criticality != -1;
+  if (*present && !points) {
+    syslog(log_error, "the %s extension cannot be read", name);
+    log_openssl_errors(log_error);
+  }
   return points;
 }
 
@@ -101,15 +105,15 @@ DIST_POINT *cv_dup_dp(const DIST_POINT *dp) {
 // not the same as there being no source.
 int add_dist_point_locator(X509 *cert, cert_sts_locator_list *list) {
   bool present;
-  dist_points_ptr points = read_points(cert, NID_crl_distribution_points, &present);
+  dist_points_ptr points =
+      read_points(cert, NID_crl_distribution_points, "crl-distribution-points", &present);
   if (!present)
     return PKI_OK;
   bool has_deltas;
-  dist_points_ptr deltas = read_points(cert, NID_freshest_crl, &has_deltas);
+  dist_points_ptr deltas = read_points(cert, NID_freshest_crl, "freshest-crl", &has_deltas);
   if (!points || (has_deltas && !deltas)) {
     // A base CRL alone could miss what a delta CRL revokes.
     list->incomplete = true;
-    log_openssl_errors(log_error);
     points.reset();
   }
   borrowed_points_ptr chosen = acceptable_points(points.get());

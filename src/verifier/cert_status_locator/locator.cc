@@ -109,11 +109,10 @@ cert_sts_locator_list *zv_find_cert_sts_locators(X509 *cert) {
   auto *list = make<cert_sts_locator_list>();
   if (!list)
     return nullptr;
-  if (cv_csl_find_loc_in_config(cert, list, true) != PKI_OK) {
-    // The rule that is missing might have ended the search: nothing may stand behind it.
+  if (cv_csl_find_loc_in_config(cert, list, true) != PKI_OK)
     list->incomplete = true;
+  if (list->closed)
     return list;
-  }
   // Where a responder could not be added, the distribution points are passed over.
   if (add_ocsp_locators(cert, list) != PKI_OK || add_dist_point_locator(cert, list) != PKI_OK)
     list->incomplete = true;

@@ -124,13 +124,25 @@ int add_by_method(pass *now, const cert_status_info *rule) {
   }
 }
 
+const cert_status_info *rule_at(const STACK *rules, int index) {
+  return static_cast<cert_status_info *>(OPENSSL_sk_value(rules, index));
+}
+
+bool has_final_rule(const STACK *rules, int from, bool before) {
+  for (int i = from; i < OPENSSL_sk_num(rules); i++)
+    if (is_of_pass(rule_at(rules, i), before) && is_final(rule_at(rules, i)))
+      return true;
+  return false;
+}
+
 int add_rules(pass *now, const STACK *rules, bool before) {
   for (int i = 0; i < OPENSSL_sk_num(rules); i++) {
-    const auto *rule = static_cast<cert_status_info *>(OPENSSL_sk_value(rules, i));
-    if (!is_of_pass(rule, before))
+    if (!is_of_pass(rule_at(rules, i), before))
       continue;
-    if (int error = add_by_method(now, rule))
+    if (int error = add_by_method(now, rule_at(rules, i))) {
+      now->list->closed = has_final_rule(rules, i, before);
       return error;
+    }
   }
   return PKI_OK;
 }
@@ -138,7 +150,7 @@ int add_rules(pass *now, const STACK *rules, bool before) {
 int count_of_pass(const STACK *rules, bool before) {
   int count = 0;
   for (int i = 0; i < OPENSSL_sk_num(rules); i++)
-    count += is_of_pass(static_cast<cert_status_info *>(OPENSSL_sk_value(rules, i)), before);
+    count += is_of_pass(rule_at(rules, i), before);
   return count;
 }
 
@@ -149,6 +161,8 @@ int cv_csl_find_loc_in_config(X509 *cert, cert_sts_locator_list *list, bool befo
   if (int error = collect_rules(cert, &rules)) {
     syslog(log_error, "failed to collect local-config entries: %s",
            pki_strerror(static_cast<unsigned>(error)));
+    // Who knows what the rules say.
+    list->closed = true;
     return error;
   }
   syslog(log_debug, "found %d acceptable local-config entries (out of %d)",

@@ -52,7 +52,8 @@ bool is_issued_by(X509 *signer, X509 *issuer) {
 bool is_within_validity(X509 *signer) {
   openssl_error_mark the_line_says_it_all;
   time_t latest_start = time(nullptr) + clock_tolerance_seconds;
-  time_t earliest_end = time(nullptr) - clock_tolerance_seconds;
+  // X509_cmp_time counts the same second as earlier.
+  time_t earliest_end = time(nullptr) - clock_tolerance_seconds - 1;
   if (X509_cmp_time(X509_get0_notBefore(signer), &latest_start) < 0 &&
       X509_cmp_time(X509_get0_notAfter(signer), &earliest_end) > 0)
     return true;

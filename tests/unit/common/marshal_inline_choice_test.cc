@@ -392,34 +392,4 @@ INSTANTIATE_TEST_SUITE_P(AllPairs, MarshalInlineChoiceFailing,
                                           testing::Range<int>(public_key, kinds)),
                          pair_name);
 
-// ---- decoders of the host ----
-
-std::vector<const void *> found;
-int dec_own(BIO *, int, const unsigned char *, int, void *target, void *) {
-  const void *there = nullptr;
-  memcpy(&there, target, sizeof there);
-  found.push_back(there);
-  static char own[] = "never freed";
-  *static_cast<char **>(target) = own;
-  return 0;
-}
-
-TEST(MarshalInlineChoiceByTheHost, ValueOfAnOwnDecoderIsForgottenNotFreed) {
-  const marshal_field own_rows[] = {field(1, 0x71, enc_str, dec_own),
-                                    field(2, 0x72, enc_str, dec_str), last_field()};
-  const marshal_choice_desc desc = {
-      0, 0x7f, nullptr, nullptr, offsetof(slot, kind), offsetof(slot, value), 1, own_rows};
-  slot here = {};
-  found.clear();
-  ASSERT_EQ(decode(block(3) + block(0x71) + block(0x7f), dec_choice, &here, &desc), 0);
-  ASSERT_EQ(decode(block(3) + block(0x72, "abc") + block(0x7f), dec_choice, &here, &desc), 0);
-  EXPECT_STREQ(here.value.text, "abc");
-  clear_log();
-  ASSERT_EQ(decode(block(3) + block(0x71) + block(0x7f), dec_choice, &here, &desc), 0);
-  EXPECT_STREQ(here.value.text, "never freed");
-  EXPECT_EQ(found.size(), 2u);
-  EXPECT_EQ(found[0], nullptr);
-  EXPECT_TRUE(captured_log().empty()) << log_dump();
-}
-
 }  // namespace

@@ -211,16 +211,58 @@ TEST_F(LocatorConfig, SignerWithoutReferenceEndsThePass) {
       << log_dump();
 }
 
-// The rule that is missing might have been final.
-TEST_F(LocatorConfig, NothingStandsBehindAFirstPassThatFailed) {
+TEST_F(LocatorConfig, OtherSourcesStandBehindAFirstPassThatFailed) {
   support::cert signer = support::make_ca("responder");
   add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
   add_always_ok(nullptr, after);
-  support::cert cert = make_cert({extension_der::aia({"http://own/"})});
+  support::cert cert =
+      make_cert({extension_der::aia({"http://own/"}),
+                 extension_der::crl_dp_of(extension_der::point_at("http://crl/"))});
   fake_failures::fail_x509_up_ref();
   list_ptr list = find_locators(cert);
+  EXPECT_EQ((lines{"ocsp http://own/", "points 1 delta 0", "always-ok final"}), describe(list));
+  EXPECT_TRUE(list->incomplete);
+}
+
+TEST_F(LocatorConfig, RuleWithoutDataEndsThePassOnly) {
+  add_ocsp(nullptr, "http://a/", before);
+  auto *rule = static_cast<cert_status_info *>(OPENSSL_sk_value(pki_store->global_status_rules, 0));
+  free_ocsp_info(static_cast<ocsp_info *>(rule->data));
+  rule->data = nullptr;
+  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  EXPECT_EQ(lines{"ocsp http://own/"}, describe(list));
+  EXPECT_TRUE(list->incomplete);
+  EXPECT_EQ(1U, count_logged(3, "failed to add ocsp locator to list: INVALID ARGS")) << log_dump();
+}
+
+TEST_F(LocatorConfig, NothingStandsBehindAFinalRuleThatIsMissing) {
+  support::cert signer = support::make_ca("responder");
+  add_ocsp(nullptr, "http://a/", before, is_final, signer.get());
+  add_always_ok(nullptr, after);
+  fake_failures::fail_x509_up_ref();
+  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
   EXPECT_EQ(lines{}, describe(list));
   EXPECT_TRUE(list->incomplete);
+}
+
+// The pass ended before it came to the final one.
+TEST_F(LocatorConfig, NothingStandsBehindAFinalRuleThatWasNotReached) {
+  support::cert signer = support::make_ca("responder");
+  add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
+  add_crls(nullptr, {"http://crl/"}, before, is_final);
+  fake_failures::fail_x509_up_ref();
+  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  EXPECT_EQ(lines{}, describe(list));
+  EXPECT_TRUE(list->incomplete);
+}
+
+TEST_F(LocatorConfig, FinalRuleOfTheOtherPassDoesNotMatter) {
+  support::cert signer = support::make_ca("responder");
+  add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
+  add_crls(nullptr, {"http://crl/"}, after, is_final);
+  fake_failures::fail_x509_up_ref();
+  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  EXPECT_EQ((lines{"ocsp http://own/", "crls http://crl/ final"}), describe(list));
 }
 
 TEST_F(LocatorConfig, FailureOfTheOnlySourceLeavesAnIncompleteList) {
