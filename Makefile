@@ -101,7 +101,7 @@ format: bootstrap-lint ## bring the sources into the house format
 
 .PHONY: lint
 lint: bootstrap-lint configure-release ## check format, clang-tidy, cppcheck, the house rules and the documents
-	@cmake --build --preset release -j $(JOBS) --target pki
+	@cmake --build --preset release -j $(JOBS) --target pki interface_types
 	@scripts/lint.sh $(BUILD)/release
 
 .PHONY: bootstrap-docs docs
@@ -123,8 +123,8 @@ deb: ## build the Debian packages, in build/deb
 .PHONY: abi
 abi: bootstrap configure-release ## keep the interface as it is now, for hosts that are built against it
 	@scripts/bootstrap.sh checks
-	@cmake --build --preset release -j $(JOBS) --target pki
-	@scripts/abi.sh write $(BUILD)/release/lib/libpki.so
+	@cmake --build --preset release -j $(JOBS) --target pki interface_types
+	@scripts/abi.sh write $(BUILD)/release/lib/libpki.so $(BUILD)/release/lib/libinterface_types.so
 
 .PHONY: clean
 clean: ## remove everything that was built

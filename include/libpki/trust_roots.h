@@ -37,8 +37,8 @@ PKI_BEGIN_DECLS
  *     the folder; a certificate of the issuer and serial number of one that the CA holds, such as
  *     that root renewed, is not taken.
  *
- * A CA of one of the labels that is in the store is added to; when that fails, it is left as it
- * was.
+ * A CA of one of the labels that is in the store is added to, but for certificates whose issuer and
+ * serial number it holds already; when that fails, it is left as it was.
  *
  * Returns 1; 0 when something of the first two, or the copying, failed (a line at level 3), when
  * `store` is null, or before libpki_init. What failed is tried again by the next call. Any thread.

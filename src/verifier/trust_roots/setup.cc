@@ -121,12 +121,17 @@ int add_chain_cert() {
   return error;
 }
 
+bool has_ca(const char *label) {
+  return ca_info_ptr(pki_find_ca_info_by_label(label)) != nullptr;
+}
+
 bool install_roots() {
   if (root_inited)
     return true;
   constexpr built_in_ca ca = {PKI_ROOT_CA_LABEL, root_certs, root_cert_count, root_override_rules,
                               root_override_count};
-  root_ca_installed = root_ca_installed || install_ca(ca);
+  // It is still there if only the intermediate failed, and the host has not removed it since.
+  root_ca_installed = (root_ca_installed && has_ca(ca.label)) || install_ca(ca);
   if (!root_ca_installed || add_chain_cert() != PKI_OK)
     return false;
   syslog(log_info, "inited ca label '%s'", ca.label);
