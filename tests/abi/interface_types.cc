@@ -1,6 +1,6 @@
-// What hosts are built with and no exported function leads to: the constants of the headers, and the
-// tables of the marshal stream, which go through void pointers. scripts/abi.sh holds them against
-// what was kept, as it does with the library itself.
+// What hosts are built with and no exported function leads to: the constants of the headers, and
+// the tables of the marshal stream, which go through void pointers. scripts/abi.sh holds them
+// against what was kept, as it does with the library itself.
 #include <libpki/libpki.h>
 
 extern "C" {

@@ -7,6 +7,7 @@ namespace {
 
 [[gnu::tls_model("initial-exec")]] thread_local size_t countdown = 0;
 [[gnu::tls_model("initial-exec")]] thread_local size_t made = 0;
+[[gnu::tls_model("initial-exec")]] thread_local size_t asked_for = 0;
 [[gnu::tls_model("initial-exec")]] thread_local bool sticky = false;
 [[gnu::tls_model("initial-exec")]] thread_local bool failed = false;
 [[gnu::tls_model("initial-exec")]] thread_local int paused = 0;
@@ -15,10 +16,11 @@ namespace {
 #define UNSANITIZED [[gnu::no_sanitize("address", "undefined")]]
 
 #if !defined(__SANITIZE_THREAD__)
-UNSANITIZED bool must_fail() {
+UNSANITIZED bool must_fail(size_t octets) {
   if (paused)
     return false;
   made++;
+  asked_for += octets;
   if (failed && sticky)
     return true;
   if (countdown == 0 || --countdown > 0)
@@ -45,6 +47,7 @@ bool available() {
 void fail_at(size_t n, bool stay_failed) {
   countdown = n;
   made = 0;
+  asked_for = 0;
   sticky = stay_failed;
   failed = false;
 }
@@ -52,11 +55,15 @@ void fail_at(size_t n, bool stay_failed) {
 void stop_failing() {
   countdown = 0;
   made = 0;
+  asked_for = 0;
   sticky = false;
 }
 
 size_t allocations() {
   return made;
+}
+size_t octets() {
+  return asked_for;
 }
 bool has_failed() {
   return failed;
@@ -121,7 +128,7 @@ void *REAL(realloc)(void *old, size_t size);
 const char *__lsan_default_suppressions();
 
 UNSANITIZED void *malloc(size_t size) {
-  if (must_fail()) {
+  if (must_fail(size)) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -129,7 +136,7 @@ UNSANITIZED void *malloc(size_t size) {
 }
 
 UNSANITIZED void *calloc(size_t count, size_t size) {
-  if (must_fail()) {
+  if (must_fail(count * size)) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -137,7 +144,7 @@ UNSANITIZED void *calloc(size_t count, size_t size) {
 }
 
 UNSANITIZED void *realloc(void *old, size_t size) {
-  if (must_fail()) {
+  if (must_fail(size)) {
     errno = ENOMEM;
     return nullptr;
   }

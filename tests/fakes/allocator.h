@@ -18,6 +18,8 @@ void stop_failing();
 
 // Allocations this thread has made since the last fail_at or stop_failing.
 size_t allocations();
+// And the octets that they asked for, also where a block grew.
+size_t octets();
 // Whether an allocation was made to fail since the last fail_at.
 bool has_failed();
 

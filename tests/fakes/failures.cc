@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/ocsp.h>
 #include <openssl/rand.h>
@@ -54,8 +55,9 @@ std::mutex &mutex() {
 }
 
 struct state {
-  trap wrlock, rdlock, rwlock_init, x509_up_ref, responder_id, crl_up_ref, pkey_up_ref, rand_bytes,
-      serialnumber, poll_error, poll_timeout, socket, send_error, send_short;
+  trap wrlock, rdlock, rwlock_init, x509_up_ref, x509_get0_pubkey, responder_id, produced_at,
+      single_status, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber, poll_error, poll_timeout,
+      socket, send_error, send_short;
   std::map<std::string, std::vector<std::string>> names;
   int wrlocks = 0, rdlocks = 0, host_settings = 0;
 };
@@ -136,6 +138,15 @@ void fail_x509_up_ref(int after) {
 }
 void fail_responder_id(int after) {
   arm(&state::responder_id, 0, after);
+}
+void fail_x509_get0_pubkey(int after) {
+  arm(&state::x509_get0_pubkey, 0, after);
+}
+void fail_produced_at(int after) {
+  arm(&state::produced_at, 0, after);
+}
+void change_single_status(int status) {
+  arm(&state::single_status, status, 0);
 }
 void fail_x509_crl_up_ref(int after) {
   arm(&state::crl_up_ref, 0, after);
@@ -270,9 +281,28 @@ int X509_up_ref(X509 *cert) {
   return NEXT(X509_up_ref)(cert);
 }
 
+EVP_PKEY *X509_get0_pubkey(const X509 *cert) {
+  if (called_by_openssl(__builtin_return_address(0)) || !fires_here(&state::x509_get0_pubkey))
+    return NEXT(X509_get0_pubkey)(cert);
+  ERR_raise(ERR_LIB_X509, ERR_R_MALLOC_FAILURE);
+  return nullptr;
+}
+
 int OCSP_resp_get0_id(const OCSP_BASICRESP *basic, const ASN1_OCTET_STRING **key_hash,
                       const X509_NAME **name) {
   return fires(&state::responder_id) ? 0 : NEXT(OCSP_resp_get0_id)(basic, key_hash, name);
+}
+
+const ASN1_GENERALIZEDTIME *OCSP_resp_get0_produced_at(const OCSP_BASICRESP *basic) {
+  return fires(&state::produced_at) ? nullptr : NEXT(OCSP_resp_get0_produced_at)(basic);
+}
+
+int OCSP_single_get0_status(OCSP_SINGLERESP *single, int *reason, ASN1_GENERALIZEDTIME **revoked,
+                            ASN1_GENERALIZEDTIME **this_update,
+                            ASN1_GENERALIZEDTIME **next_update) {
+  int status = NEXT(OCSP_single_get0_status)(single, reason, revoked, this_update, next_update);
+  int changed;
+  return fires(&state::single_status, &changed) ? changed : status;
 }
 
 int X509_CRL_up_ref(X509_CRL *crl) {

@@ -10,13 +10,16 @@
 namespace fake_failures {
 
 // What the next call returns instead of the real result, `after` successful calls later
-// (0: the very next). Each is armed for one call; poll, send and X509_up_ref fail on the arming
-// thread only, X509_up_ref not when OpenSSL itself calls it.
+// (0: the very next). Each is armed for one call; poll, send, X509_up_ref and X509_get0_pubkey fail
+// on the arming thread only, the latter two not when OpenSSL itself calls them.
 void fail_wrlock(int error, int after = 0);       // pthread_rwlock_wrlock returns `error`
 void fail_rdlock(int error, int after = 0);       // pthread_rwlock_rdlock
 void fail_rwlock_init(int error, int after = 0);  // pthread_rwlock_init
 void fail_x509_up_ref(int after = 0);             // X509_up_ref returns 0
 void fail_responder_id(int after = 0);            // OCSP_resp_get0_id returns 0
+void fail_x509_get0_pubkey(int after = 0);        // X509_get0_pubkey: null, for want of memory
+void fail_produced_at(int after = 0);             // OCSP_resp_get0_produced_at returns null
+void change_single_status(int status);            // OCSP_single_get0_status returns `status`
 void fail_x509_crl_up_ref(int after = 0);         // X509_CRL_up_ref returns 0
 void fail_evp_pkey_up_ref(int after = 0);         // EVP_PKEY_up_ref returns 0
 void fail_rand_bytes(int after = 0);              // RAND_bytes returns 0

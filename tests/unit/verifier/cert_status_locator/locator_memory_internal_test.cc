@@ -150,6 +150,49 @@ TEST_F(LocatorMemory, CopiesThatFailLeaveNoPoints) {
   });
 }
 
+// OpenSSL's reasons first, where it has any.
+TEST_F(LocatorMemory, CopiesThatFailAreLogged) {
+  add_always_ok(nullptr, after);
+  support::cert cert =
+      make_cert({crl_dp_of(point_at("http://a/")), freshest_of(point_at("http://b/"))});
+  int failed = 0, with_reasons = 0;
+  sweep(cert, false, [&](const lines &got, const lines &) {
+    lines said = logged(3);
+    if (said.empty() || said.back() != "failed to add CRL locator to list: OUT OF MEMORY")
+      return;
+    failed++;
+    EXPECT_EQ(lines{"always-ok final"}, got) << log_dump();
+    EXPECT_EQ(lines{}, logged_about("created 1 crl locator"));
+    said.pop_back();
+    with_reasons += !said.empty();
+    for (const std::string &line : said)
+      EXPECT_TRUE(line.starts_with("OpenSSL error: ")) << line;
+  });
+  EXPECT_GT(with_reasons, 0);
+  EXPECT_GT(failed, with_reasons);
+}
+
+TEST_F(LocatorMemory, RulesThatCannotBeCollectedHaveTheirLine) {
+  add_ca("ca");
+  add_ocsp(nullptr, "http://before/", before);
+  add_ocsp(nullptr, "http://after/", after);
+  support::cert cert = make_cert({aia({"http://own/"})});
+  int first = 0, second = 0;
+  sweep(cert, false, [&](const lines &got, const lines &) {
+    if (!was_logged(3, "failed to collect local-config entries: OUT OF MEMORY"))
+      return;
+    // One of the rules may have been final: nothing stands behind them.
+    if (got.empty()) {
+      first++;
+    } else {
+      second++;
+      EXPECT_EQ((lines{"ocsp http://before/", "ocsp http://own/"}), got);
+    }
+  });
+  EXPECT_GT(first, 0);
+  EXPECT_GT(second, 0);
+}
+
 TEST_F(LocatorMemory, PointsThatCannotBeReadMakeTheListIncomplete) {
   support::cert cert = make_cert({crl_dp_of(point_at("http://a/"))});
   bool incomplete = true;

@@ -40,6 +40,14 @@ class OcspAllocation : public ocsp_query_test {
     clear_log();
   }
 
+  // A line that says why there is no record.
+  static bool has_reason() {
+    for (const log_entry &entry : captured_log())
+      if (entry.level == 3 || entry.level == 4)
+        return true;
+    return false;
+  }
+
   // Lets an allocation of the query fail, each `step`th in turn; `right_status` is the record's,
   // or -1 when there is none even with all the memory.
   void sweep(ocsp_responder &responder, int right_status, size_t step, bool stay_failed = false) {
@@ -65,6 +73,7 @@ class OcspAllocation : public ocsp_query_test {
       } else {
         EXPECT_TRUE(!info || info->status == right_status) << n << ": " << status_of(info);
       }
+      EXPECT_TRUE(info || has_reason()) << n << log_dump();
       if (info) {
         EXPECT_EQ(device.get(), info->cert) << n;
         EXPECT_EQ(0, ASN1_TIME_cmp_time_t(info->valid_until, start + 3600)) << n;
@@ -137,6 +146,7 @@ TEST_F(OcspAllocation, ReferenceThatCannotBeTakenGivesTheRightRecordOrNone) {
     record info = ask(responder);
     fake_failures::reset();
     EXPECT_TRUE(!info || info->status == PKI_CERT_REVOKED) << after;
+    EXPECT_TRUE(info || has_reason()) << after;
     without += !info;
   }
   EXPECT_GT(without, 0u);

@@ -1,6 +1,7 @@
 // Answers that are cut, changed, huge or hostile.
 #include <set>
 
+#include "fakes/allocator.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
 
 using namespace ocsp_support;
@@ -205,8 +206,49 @@ TEST_F(OcspBadInput, SignatureOfAnotherAnswerDoesNotFit) {
 TEST_F(OcspBadInput, FiftyMegabytesOfExtensionAreNotLookedAt) {
   ocsp_options options = constant(by_issuer(V_OCSP_CERTSTATUS_REVOKED));
   options.padding = 50'000'000;
-  EXPECT_EQ(-1, outcome(support::make_ocsp_response(options)));
-  EXPECT_TRUE(logged_containing(3, "octets - at most 1048576 are looked at")) << log_dump();
+  std::string answer = support::make_ocsp_response(options);
+  EXPECT_EQ(-1, outcome(answer));
+  EXPECT_EQ(lookup_line() + "3: OCSP responder (" + last_url + ") returned " +
+                std::to_string(answer.size()) + " octets - at most 1048576 are looked at\n",
+            log_dump());
+}
+
+// Beside what carries an answer of an octet, the answer itself, once.
+TEST_F(OcspBadInput, FiftyMegabytesTakeNoMoreThanThemselves) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  auto memory_for = [&](const std::string &der) {
+    EXPECT_EQ(-1, outcome(der));
+    responder.answer_with(der);
+    std::string url = responder.url("/ocsp");
+    fake_allocator::stop_failing();
+    record info = query(url);
+    return fake_allocator::octets();
+  };
+  constexpr size_t size = 50'000'000, room = 1024 * 1024;
+  size_t without = memory_for("x");
+  ocsp_options options = constant(by_issuer());
+  options.padding = size;
+  for (const std::string &answer : {support::make_ocsp_response(options), std::string(size, '0')}) {
+    size_t with = memory_for(answer);
+    EXPECT_GT(with, size);
+    EXPECT_LT(with, answer.size() + without + room);
+  }
+}
+
+TEST_F(OcspBadInput, AnswerThatTheHttpClientDoesNotTakeIsATransportError) {
+  for (const char *length : {"67108865", "2147483647"}) {
+    clear_log();
+    support::test_server server(
+        {support::raw(std::string("HTTP/1.0 200 OK\r\nContent-Type: application/ocsp-response\r\n"
+                                  "Content-Length: ") +
+                      length + "\r\n\r\n")});
+    fake_allocator::stop_failing();
+    EXPECT_EQ(nullptr, query(server.url()));
+    EXPECT_TRUE(!fake_allocator::available() || fake_allocator::octets() < 1024U * 1024);
+    EXPECT_TRUE(was_logged(3, "Error sending OCSP request to '" + last_url + "': OUT OF MEMORY"))
+        << log_dump();
+  }
 }
 
 TEST_F(OcspBadInput, AMebibyteIsLookedAtAndAnOctetMoreIsNot) {

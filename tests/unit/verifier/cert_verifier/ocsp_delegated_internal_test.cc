@@ -48,18 +48,15 @@ class OcspDelegated : public ocsp_query_test {
     X509_sign(made.get(), support::test_key(issuer_key).get(), EVP_sha256());
     return made;
   }
-  // Its own warning names the certificate; nobody else is left.
+  // A warning of its own; nobody else is left.
   void expect_out_of_validity(const support::cert &signer) {
     start_afresh();
     EXPECT_EQ(nullptr, ask(by(signer)));
-    std::string log = judgement();
-    size_t warning = log.find("4: ");
-    ASSERT_NE(std::string::npos, warning) << log;
-    std::string line = log.substr(warning, log.find('\n', warning) + 1 - warning);
-    EXPECT_NE(std::string::npos, line.find("/CN=responder")) << line;
-    EXPECT_NE(no_usage_line(), line);
-    EXPECT_NE(not_issued_line(), line);
-    EXPECT_EQ(found_line(1) + line + none_trusted_line, log);
+    EXPECT_EQ(found_line(1) +
+                  "4: ocsp-response signer (/CN=responder) is outside its validity period - "
+                  "discarding\n" +
+                  none_trusted_line,
+              judgement());
   }
 };
 
@@ -201,8 +198,8 @@ TEST_F(OcspDelegated, IssuerWithoutPublicKeyEndsTheQuery) {
 // ---- validity ----
 
 TEST_F(OcspDelegated, EndedUpTo300SecondsAgoIsValid) {
-  expect_believed(valid(start - 5000, start + 1));
-  expect_believed(valid(start - 5000, start - 299));
+  for (time_t end : {start + 1, start, start - 299, start - 300})
+    expect_believed(valid(start - 5000, end));
 }
 
 TEST_F(OcspDelegated, EndedEarlierIsDiscarded) {
@@ -211,8 +208,8 @@ TEST_F(OcspDelegated, EndedEarlierIsDiscarded) {
 }
 
 TEST_F(OcspDelegated, BeginningIn300SecondsIsValid) {
-  expect_believed(valid(start - 1, start + 5000));
-  expect_believed(valid(start + 299, start + 5000));
+  for (time_t begin : {start - 1, start, start + 299, start + 300})
+    expect_believed(valid(begin, start + 5000));
 }
 
 TEST_F(OcspDelegated, BeginningLaterIsDiscarded) {

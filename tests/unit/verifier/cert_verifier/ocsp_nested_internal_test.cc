@@ -167,6 +167,28 @@ TEST_F(OcspNested, CheckingSwitchedOffMakesTheSignerOk) {
   EXPECT_EQ(0u, second.requests().size());
 }
 
+// The responder's responder is judged as usual: the issuer may answer for it.
+TEST_F(OcspNested, SignerIsCheckedWithTheFlagAlsoWhenTheQueryHasNone) {
+  ocsp_responder second(by_issuer());
+  internet = 0;
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(by(issue_responder({ocsp_signing, ask_at(second.url())})))))
+      << log_dump();
+  EXPECT_EQ(1u, second.requests().size());
+  EXPECT_TRUE(logged(by_issuer_line)) << log_dump();
+}
+
+TEST_F(OcspNested, StatusCheckHandsItsFlagToTheSource) {
+  ocsp_responder responder(by_issuer());
+  device = issue("device", device_serial, device_key, {ask_at(responder.url())});
+  for (unsigned char flag : {0, 1, 2, 255}) {
+    zv_cv_clear_cert_sts_info_cache();
+    clear_log();
+    int status = zv_cv_check_cert_status(device.get(), issuer.get(), nullptr, flag, 0);
+    EXPECT_EQ(flag ? PKI_CERT_OK : PKI_CERT_UNKNOWN, status) << int{flag} << log_dump();
+    EXPECT_EQ(flag != 0, logged(by_issuer_line)) << int{flag};
+  }
+}
+
 // ---- the configured signer without its flag ----
 
 TEST_F(OcspNested, ConfiguredSignerWithoutItsFlagIsChecked) {

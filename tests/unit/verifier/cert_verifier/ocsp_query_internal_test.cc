@@ -37,6 +37,14 @@ TEST_F(OcspQuery, LocatorOfAnotherTypeIsRefused) {
   }
 }
 
+TEST_F(OcspQuery, CertificateWithoutIssuerIsNotAskedAbout) {
+  ocsp_responder responder(by_issuer());
+  issuer.reset();
+  EXPECT_EQ(nullptr, ask(responder));
+  EXPECT_EQ(lookup_line() + "3: Cert issuer is null\n", log_dump());
+  EXPECT_EQ(0u, responder.requests().size());
+}
+
 TEST_F(OcspQuery, GoodAnswerLogsItsWholeCourse) {
   ocsp_options options = by_issuer();
   options.nonce = ocsp_nonce::none;

@@ -1,5 +1,6 @@
 // What the answer says: its status, its type, its nonce, its single responses, and the record that
 // comes of it.
+#include "fakes/failures.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
 
 using namespace ocsp_support;
@@ -57,10 +58,22 @@ TEST_F(OcspResponse, UnknownGivesARecord) {
   EXPECT_EQ(accepted_from_issuer("unknown"), judgement());
 }
 
-TEST_F(OcspResponse, AnyOtherCertificateStatusGivesNoGoodRecord) {
+TEST_F(OcspResponse, CertificateStatusOfNoKindDoesNotDecode) {
   for (int status : {3, 4, 30}) {
-    record info = ask(by_issuer(status));
-    EXPECT_TRUE(status_of(info) == -1 || status_of(info) == PKI_CERT_UNKNOWN) << status;
+    clear_log();
+    EXPECT_EQ(nullptr, ask(by_issuer(status)));
+    EXPECT_EQ("3: Failed to decode basic-response in ocsp response\n", judgement()) << status;
+  }
+}
+
+// A later OpenSSL may know more kinds.
+TEST_F(OcspResponse, CertificateStatusOfAKindThatOnlyOpensslKnowsIsUnknown) {
+  for (int status : {3, 4, -1, 1000}) {
+    clear_log();
+    fake_failures::change_single_status(status);
+    record info = ask(by_issuer(V_OCSP_CERTSTATUS_GOOD));
+    EXPECT_EQ(PKI_CERT_UNKNOWN, status_of(info)) << status;
+    EXPECT_EQ(accepted_from_issuer("unknown"), judgement()) << status;
   }
 }
 

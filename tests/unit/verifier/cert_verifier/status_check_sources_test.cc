@@ -1,5 +1,6 @@
 // The status check: which sources are asked, and what their answers come to.
 #include "../extension_der.h"
+#include "fakes/failures.h"
 #include "support/ocsp_responder.h"
 #include "support/test_server.h"
 #include "validator_support.h"
@@ -228,6 +229,32 @@ TEST_F(StatusSources, MalformedAccessDescriptionsAreNoReasonToTrust) {
     forget();
     EXPECT_EQ(PKI_CERT_UNKNOWN, check(make_leaf({raw("authorityInfoAccess", octets)})));
   }
+}
+
+TEST_F(StatusSources, SourcesThatCannotBeListedAreListedAgainAtTheNextCheck) {
+  cert leaf = make_leaf({raw("authorityInfoAccess", "x")});
+  for (int i = 0; i < 2; i++) {
+    clear_log();
+    EXPECT_EQ(PKI_CERT_UNKNOWN, check(leaf));
+    EXPECT_EQ(1U, count_logged(3, "the authority-info-access extension cannot be read"));
+    EXPECT_EQ(1U, count_logged(4, nothing_found)) << log_dump();
+    EXPECT_FALSE(cached(leaf));
+  }
+}
+
+TEST_F(StatusSources, SourceThatCannotBeListedIsAskedOnceItCan) {
+  cert signer = support::make_ca("responder");
+  ASSERT_EQ(0, pki_add_ocsp_info(nullptr, rules_for("leaf").get(), broken_.url().c_str(),
+                                 signer.get(), 0, 0, 0));
+  X509_get_extension_flags(leaf_.get());
+  fake_failures::fail_x509_up_ref();
+  EXPECT_EQ(PKI_CERT_UNKNOWN, zv_cv_check_cert_status(leaf_.get(), inter_.get(), nullptr, 1, 0));
+  EXPECT_EQ(1U, count_logged(3, "failed to add ocsp locator to list: CRYPTO LOCK FAILED"));
+  EXPECT_EQ(1U, count_logged(4, nothing_found)) << log_dump();
+  EXPECT_FALSE(cached(leaf_));
+  EXPECT_EQ(0U, broken_.requests().size());
+  EXPECT_EQ(PKI_CERT_UNKNOWN, check());
+  EXPECT_EQ(1U, broken_.requests().size());
 }
 
 TEST_F(StatusSources, MalformedDistributionPointsAreNoReasonToTrust) {

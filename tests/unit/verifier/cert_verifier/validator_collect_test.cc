@@ -1,4 +1,6 @@
 // The certificates that a verification leaves in the store.
+#include <libpki/trace.h>
+
 #include "fakes/failures.h"
 #include "validator_support.h"
 
@@ -67,6 +69,32 @@ TEST_F(ValidatorCollect, DepthBeyondTheChainCountsAsTheTop) {
 TEST_F(ValidatorCollect, NothingIsKeptOfAChainThatOpenSslRefuses) {
   EXPECT_FALSE(accepts({.leaf = leaf_, .untrusted = {inter_}}, local));
   EXPECT_EQ(serials{}, collected());
+}
+
+// What the callbacks are asked: "ok error depth".
+void note_call(void *calls, const cv_trace_event *event) {
+  if (event->kind == PKI_TRACE_CERT)
+    static_cast<lines *>(calls)->push_back(std::to_string(event->verdict) + " " +
+                                           std::to_string(event->error) + " " +
+                                           std::to_string(event->depth));
+}
+
+// OpenSSL asks about the error only, and never about the top itself: no chain that ends like this
+// leaves its certificates.
+TEST_F(ValidatorCollect, NothingIsKeptOfAChainWhoseTopHasNoIssuer) {
+  cert low = make(
+      {.subject = "low", .issuer = "inter", .key = 3, .issuer_key = 1, .serial = 4, .ca = true});
+  cert leaf = make({.subject = "leaf", .issuer = "low", .key = 2, .issuer_key = 3, .serial = 5});
+  for (const named_callback &each : all_callbacks) {
+    lines calls;
+    zv_cv_set_trace(note_call, &calls);
+    verdict result =
+        verify({.leaf = leaf, .untrusted = {extra(100), low}, .trusted = {inter_}}, each.call);
+    EXPECT_EQ(1, result.accepted) << each.name << log_dump();
+    EXPECT_EQ((lines{"5", "4", "2"}), result.chain);
+    EXPECT_EQ((lines{"0 2 2", "1 2 1", "1 2 0"}), calls) << each.name;
+    EXPECT_EQ(serials{}, collected()) << each.name;
+  }
 }
 
 TEST_F(ValidatorCollect, ReferencesAreTheStoresOwn) {

@@ -168,6 +168,39 @@ TEST_F(ValidatorExtensions, LongIdentifierIsCutToFiftyCharacters) {
   EXPECT_EQ(oid.substr(0, text.size()), text);
 }
 
+// ---- extensions that cannot be read ----
+
+TEST_F(ValidatorExtensions, UnreadableOnesAreRejectedWhereverTheCertificateStands) {
+  for (const char *name :
+       {"basicConstraints", "keyUsage", "extendedKeyUsage", "subjectKeyIdentifier",
+        "authorityKeyIdentifier", "subjectAltName", "crlDistributionPoints"}) {
+    cert bad = make_bare_inter({extension_der::raw(name, "x")});
+    for (int depth = 0; depth <= 2; depth++) {
+      certs chain = {leaf_, inter_, root_};
+      chain[static_cast<size_t>(depth)] = bad;
+      for (const named_callback &each : all_callbacks) {
+        clear_log();
+        context ctx = prepare(chain, depth);
+        EXPECT_EQ(0, each.call(1, ctx.get())) << each.name << " " << name << " " << depth;
+        EXPECT_EQ(lines{"4 The extensions of cert '/CN=inter' cannot be read - rejecting it"},
+                  complaints())
+            << each.name << " " << name << " " << depth;
+        EXPECT_EQ(std::vector<long>{}, collected());
+      }
+    }
+  }
+}
+
+TEST_F(ValidatorExtensions, UnreadableOnesAreLookedAtBeforeAllOtherRules) {
+  cert bad = make_bare_inter({extension_der::raw("basicConstraints", "x"),
+                              {"keyUsage", "digitalSignature"},
+                              {"certificatePolicies", critical_policies}});
+  context ctx = prepare({leaf_, leaf_, leaf_, bad, root_}, 3);
+  EXPECT_EQ(0, local(1, ctx.get()));
+  EXPECT_EQ(lines{"4 The extensions of cert '/CN=inter' cannot be read - rejecting it"},
+            complaints());
+}
+
 TEST_F(ValidatorExtensions, ThousandsOfHarmlessOnesAreSearched) {
   extensions many;
   for (int i = 0; i < 2000; i++)

@@ -1,4 +1,6 @@
 // What the verify callbacks make of certificate statuses.
+#include <libpki/trace.h>
+
 #include "../extension_der.h"
 #include "support/test_server.h"
 #include "validator_support.h"
@@ -104,12 +106,43 @@ TEST_F(ValidatorStatus, MissingIssuerIsRejectedWithALine) {
   }
 }
 
+// As before OpenSSL has built one.
+TEST_F(ValidatorStatus, MissingChainIsRejectedWithALine) {
+  for (const named_callback &each : all_callbacks) {
+    clear_log();
+    context ctx = make_context();
+    ASSERT_EQ(1, X509_STORE_CTX_init(ctx.get(), nullptr, leaf_.get(), nullptr));
+    ASSERT_EQ(nullptr, X509_STORE_CTX_get0_chain(ctx.get()));
+    X509_STORE_CTX_set_current_cert(ctx.get(), leaf_.get());
+    EXPECT_EQ(0, each.call(1, ctx.get())) << each.name;
+    EXPECT_EQ(lines{"3 Cert issuer is null"}, complaints()) << each.name;
+    X509_STORE_CTX_set_error(ctx.get(), X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN);
+    EXPECT_EQ(0, each.call(0, ctx.get())) << each.name;
+  }
+}
+
+void note_status_depth(void *depths, const cv_trace_event *event) {
+  if (event->kind == PKI_TRACE_STATUS)
+    static_cast<std::vector<int> *>(depths)->push_back(event->depth);
+}
+
+// However deep in the chain the certificate stands.
 TEST_F(ValidatorStatus, StatusCheckBeginsAtDepthZero) {
   add_always_ok();
-  context ctx = prepare({leaf_, inter_, root_}, 1);
+  std::vector<int> depths;
+  zv_cv_set_trace(note_status_depth, &depths);
+  context ctx = prepare({leaf_, inter_, inter_, root_}, 2);
   EXPECT_EQ(1, internet(1, ctx.get()));
+  EXPECT_EQ(std::vector<int>{0}, depths);
   EXPECT_TRUE(was_logged(7, "Checking status for cert '/CN=inter'"));
   EXPECT_EQ(X509_V_OK, X509_STORE_CTX_get_error(ctx.get()));
+}
+
+TEST_F(ValidatorStatus, EveryStatusCheckOfAVerificationBeginsAtDepthZero) {
+  std::vector<int> depths;
+  zv_cv_set_trace(note_status_depth, &depths);
+  EXPECT_TRUE(accepts(chain(), internet));
+  EXPECT_EQ((std::vector<int>{0, 0}), depths);
 }
 
 TEST_F(ValidatorStatus, ErrorIsSetInThePreparedContextToo) {

@@ -25,6 +25,24 @@ class DecideSigners : public decide_both_ways {
     EXPECT_FALSE(is_cached("authority"));
     EXPECT_FALSE(is_cached("issuer"));
   }
+  // The issuer's delegate with that validity.
+  static support::cert valid(time_t not_before, time_t not_after) {
+    support::cert_options options = valid_options("authority", 20, authority_key);
+    options.issuer = support::common_name("issuer");
+    options.signing_key = support::test_key(issuer_key);
+    options.extensions = {crl_sign};
+    options.not_before = not_before;
+    options.not_after = not_after;
+    return support::make_cert(options);
+  }
+  // Earlier CRLs, statuses and signers.
+  void forget() {
+    support::empty_store();
+    zv_cv_clear_crl_cache();
+    zv_cv_clear_cert_sts_info_cache();
+    clear_log();
+    know(issuer);
+  }
   static constexpr char authority_ok[] = "crl signer's cert (/CN=authority) is ok";
   static std::string could_not(int error) {
     return std::string("crl signer's cert (/CN=authority) could not be verified: ") +
@@ -218,6 +236,29 @@ TEST_P(DecideSigners, DelegatedSignerIsCheckedOneDeeper) {
   EXPECT_TRUE(was_logged(3,
                          "Maximum recursion depth reached - aborting  verification of cert "
                          "(/CN=authority)"));
+}
+
+TEST_P(DecideSigners, DelegatedSignersValidityHas300SecondsOfTolerance) {
+  for (auto [begin, end] : {std::pair{start - 3600, start - 299},
+                            {start - 3600, start - 300},
+                            {start + 299, start + 3600},
+                            {start + 300, start + 3600}}) {
+    forget();
+    know(valid(begin, end));
+    EXPECT_EQ(PKI_CERT_REVOKED, status_of(decide_authority())) << begin << log_dump();
+    EXPECT_TRUE(was_logged(7, authority_ok));
+  }
+}
+
+TEST_P(DecideSigners, DelegatedSignerOutsideItsValidityIsRejected) {
+  for (auto [begin, end] : {std::pair{start - 3600, start - 301}, {start + 301, start + 3600}}) {
+    forget();
+    know(valid(begin, end));
+    expect_rejected(decide_authority());
+    EXPECT_TRUE(was_logged(
+        4, "crl signer's cert (/CN=authority) is outside its validity period => crl rejected"))
+        << log_dump();
+  }
 }
 
 TEST_P(DecideSigners, IssuersNextKeyIsBelievedWhenTheIssuerSignedIt) {
