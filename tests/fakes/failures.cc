@@ -57,7 +57,7 @@ std::mutex &mutex() {
 struct state {
   trap wrlock, rdlock, rwlock_init, x509_up_ref, x509_get0_pubkey, responder_id, produced_at,
       single_status, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber, poll_error, poll_timeout,
-      socket, send_error, send_short;
+      socket, send_error, send_short, verify_cert;
   std::map<std::string, std::vector<std::string>> names;
   int wrlocks = 0, rdlocks = 0, host_settings = 0;
 };
@@ -177,6 +177,10 @@ void fail_send(int error, int after) {
 }
 void short_send(int after) {
   arm(&state::send_short, 0, after);
+}
+
+void refuse_verify_cert(int after) {
+  arm(&state::verify_cert, 0, after);
 }
 
 void load_instead(const char *name) {
@@ -307,6 +311,10 @@ int OCSP_single_get0_status(OCSP_SINGLERESP *single, int *reason, ASN1_GENERALIZ
 
 int X509_CRL_up_ref(X509_CRL *crl) {
   return fires(&state::crl_up_ref) ? 0 : NEXT(X509_CRL_up_ref)(crl);
+}
+
+int X509_verify_cert(X509_STORE_CTX *context) {
+  return fires_here(&state::verify_cert) ? 0 : NEXT(X509_verify_cert)(context);
 }
 
 int EVP_PKEY_up_ref(EVP_PKEY *key) {

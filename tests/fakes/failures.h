@@ -10,8 +10,9 @@
 namespace fake_failures {
 
 // What the next call returns instead of the real result, `after` successful calls later
-// (0: the very next). Each is armed for one call; poll, send, X509_up_ref and X509_get0_pubkey fail
-// on the arming thread only, the latter two not when OpenSSL itself calls them.
+// (0: the very next). Each is armed for one call; poll, send, X509_verify_cert, X509_up_ref and
+// X509_get0_pubkey fail on the arming thread only, the latter two not when OpenSSL itself calls
+// them.
 void fail_wrlock(int error, int after = 0);       // pthread_rwlock_wrlock returns `error`
 void fail_rdlock(int error, int after = 0);       // pthread_rwlock_rdlock
 void fail_rwlock_init(int error, int after = 0);  // pthread_rwlock_init
@@ -32,6 +33,7 @@ void time_out_polls_when(const std::function<bool()> &silent);
 void fail_socket(int error, int after = 0);  // socket returns -1 with errno `error`
 void fail_send(int error, int after = 0);    // send returns -1 with errno `error`
 void short_send(int after = 0);              // send takes one octet only
+void refuse_verify_cert(int after = 0);      // X509_verify_cert returns 0 and sets no error
 // The next dlopen of this thread loads `name` (a text that lasts) instead.
 void load_instead(const char *name);
 

@@ -3,6 +3,9 @@
 #include <libpki/error.h>
 #include <libpki/util.h>
 
+#include <algorithm>
+
+#include "common/alloc.h"
 #include "verifier/crl_cache/extensions.h"
 #include "verifier/crl_cache/general_names.h"
 
@@ -34,6 +37,26 @@ bool encode_parts(octets *out, const crl_parts &parts) {
          append_octets(out, parts.tail);
 }
 
+struct placed_entry {
+  X509_REVOKED *entry;
+  int place;
+};
+
+bool stands_before(const placed_entry &one, const placed_entry &other) {
+  int order = ASN1_STRING_cmp(X509_REVOKED_get0_serialNumber(one.entry),
+                              X509_REVOKED_get0_serialNumber(other.entry));
+  return order < 0 || (order == 0 && one.place < other.place);
+}
+
+// OpenSSL takes note that the list is another, but does not sort it itself.
+bool note_new_order(X509_CRL *crl) {
+  STACK_OF(X509_REVOKED) *list = X509_CRL_get_REVOKED(crl);
+  auto *compare = sk_X509_REVOKED_set_cmp_func(list, nullptr);
+  bool noted = X509_CRL_sort(crl) == 1;
+  (void)sk_X509_REVOKED_set_cmp_func(list, compare);
+  return noted;
+}
+
 }  // namespace
 
 X509_CRL *build_crl(const crl_parts &parts) {
@@ -52,6 +75,26 @@ X509_CRL *build_crl(const crl_parts &parts) {
   }
   ERR_pop_to_mark();  // of extensions that OpenSSL looked into and did not understand
   return crl.release();
+}
+
+// X509_CRL_sort leaves it to the C library, and to how much memory that has, whether entries of one
+// number change places; the first of them decides.
+int sort_entries(X509_CRL *crl) {
+  STACK_OF(X509_REVOKED) *list = X509_CRL_get_REVOKED(crl);
+  const int count = sk_X509_REVOKED_num(list);
+  if (count < 1)
+    return PKI_OK;
+  const auto size = static_cast<size_t>(count) * sizeof(placed_entry);
+  malloc_ptr<placed_entry> entries(static_cast<placed_entry *>(allocate(size)));
+  if (!entries)
+    return PKI_OUT_OF_MEMORY;
+  placed_entry *first = entries.get();
+  for (int i = 0; i < count; i++)
+    first[i] = {sk_X509_REVOKED_value(list, i), i};
+  std::sort(first, first + count, stands_before);
+  for (int i = 0; i < count; i++)
+    (void)sk_X509_REVOKED_set(list, i, first[i].entry);
+  return note_new_order(crl) ? PKI_OK : PKI_INTERNAL_ERROR;
 }
 
 int name_entry_issuer(X509_REVOKED *entry, const X509_NAME *issuer) {

@@ -134,6 +134,18 @@ int crl_decoder::take_version(const unsigned char *start, uint32_t size) {
   return parts_.head.append(start, size) ? PKI_OK : PKI_OUT_OF_MEMORY;
 }
 
+// OpenSSL does not always say that memory ran out: that a digest is missing is believed when a
+// second look says so too, and there is memory.
+int crl_decoder::begin_digest(const EVP_MD *digest) {
+  if (EVP_DigestInit_ex(stream_->md, digest, nullptr) == 1)
+    return PKI_OK;
+  EVP_MD_CTX_reset(stream_->md);
+  if (EVP_DigestInit_ex(stream_->md, digest, nullptr) == 1)
+    return memory_.ran_out() ? PKI_OUT_OF_MEMORY : PKI_OK;
+  evp_md_ctx_ptr least(EVP_MD_CTX_new());
+  return memory_.ran_out() || !least ? PKI_OUT_OF_MEMORY : PKI_UNKNOWN_DIGEST_ALG;
+}
+
 int crl_decoder::start_digest(const element &algorithm) {
   const unsigned char *in = algorithm.data;
   x509_algor_ptr decoded(d2i_X509_ALGOR(nullptr, &in, algorithm.size));
@@ -145,11 +157,8 @@ int crl_decoder::start_digest(const element &algorithm) {
   if (!digest)
     return PKI_UNKNOWN_DIGEST_ALG;
   auto so_far = static_cast<size_t>(algorithm.data + algorithm.size - buffer_.get());
-  int queue_end = openssl_queue_end();
-  // OpenSSL says why it cannot use a digest, and nothing when memory runs out.
-  if (EVP_DigestInit_ex(stream_->md, digest, nullptr) != 1)
-    return memory_.ran_out() || queue_end == openssl_queue_end() ? PKI_OUT_OF_MEMORY
-                                                                 : PKI_UNKNOWN_DIGEST_ALG;
+  if (int error = begin_digest(digest))
+    return error;
   if (EVP_DigestUpdate(stream_->md, buffer_.get(), so_far) != 1)
     return PKI_OUT_OF_MEMORY;
   start_digest_at_cursor(stream_);
@@ -264,8 +273,9 @@ int crl_decoder::build() {
   if (!crl)
     return decode_failure();
   // Where entries inherit their issuer, their order says whose they are.
-  if (!entry_issuer_ && X509_CRL_sort(crl.get()) != 1)
-    return PKI_INTERNAL_ERROR;
+  if (!entry_issuer_)
+    if (int error = sort_entries(crl.get()))
+      return error;
   request_->crl = crl.release();
   return PKI_OK;
 }

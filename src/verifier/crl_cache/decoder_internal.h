@@ -41,6 +41,7 @@ class crl_decoder {
   int read_version_and_algorithm();
   int take_version(const unsigned char *start, uint32_t size);
   int start_digest(const element &algorithm);
+  int begin_digest(const EVP_MD *digest);
   int read_names_and_times();
   int read_after_this_update();
   int read_next_update(unsigned char *end, uint32_t length);

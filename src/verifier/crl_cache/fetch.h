@@ -29,10 +29,12 @@ enum class cache_use : unsigned char { allowed, only_deltas, forbidden };
 [[nodiscard]] int cv_get_crl(const crl_info *crli, X509 *cert, X509 *issuer, cache_use use,
                              fetched_crl *found, const crl_info *base_record = nullptr);
 
+enum class authorship : unsigned char { own, foreign, no_memory };
+
 // Is the CRL's signature, over what `tbs_digest` has seen, of the certificate's key? Leaves
 // OpenSSL's queue.
-[[nodiscard]] bool made_crl_signature(const X509_CRL *crl, EVP_MD_CTX *tbs_digest,
-                                      const X509 *cert);
+[[nodiscard]] authorship check_crl_signature(const X509_CRL *crl, EVP_MD_CTX *tbs_digest,
+                                             const X509 *cert);
 
 // Is the record about a signer that the configuration names, and nothing else?
 [[nodiscard]] bool has_configured_signer(const crl_info *crli);

@@ -93,28 +93,17 @@ class crl_scan {
     return start.found ? find_crl_in_pkcs7(request, stream, length, start) : error;
   }
 
-  [[nodiscard]] bool is_signed() const {
-    return made_crl_signature(crl_.get(), digest_.get(), query_.signer);
-  }
-
-  [[nodiscard]] bool has_memory() const {
-    evp_md_ctx_ptr copy(EVP_MD_CTX_new());
-    return copy && EVP_MD_CTX_copy_ex(copy.get(), digest_.get()) == 1;
-  }
-
-  // OpenSSL does not always say that memory ran out, so a failure is looked at again.
   int check_signature(int *signature) const {
     if (!query_.signer)
       return PKI_OK;
-    memory_watch memory;
     ERR_set_mark();
-    bool made = is_signed() || is_signed();
-    if (!made && (!has_memory() || memory.ran_out())) {
+    authorship author = check_crl_signature(crl_.get(), digest_.get(), query_.signer);
+    if (author == authorship::no_memory) {
       ERR_clear_last_mark();
       return PKI_OUT_OF_MEMORY;
     }
     ERR_pop_to_mark();
-    *signature = made ? PKI_CRL_SIGNED : PKI_CRL_NOT_SIGNED;
+    *signature = author == authorship::own ? PKI_CRL_SIGNED : PKI_CRL_NOT_SIGNED;
     return PKI_OK;
   }
 

@@ -124,15 +124,17 @@ int keep_signers(const download &now, STACK_OF(X509) * candidates) {
   ERR_set_mark();
   for (int i = 0; i < sk_X509_num(candidates);) {
     X509 *cert = sk_X509_value(candidates, i);
-    if (fits_authority_key_id(key_id.get(), cert) &&
-        made_crl_signature(now.request.crl, now.digest.get(), cert))
+    authorship author = fits_authority_key_id(key_id.get(), cert)
+                            ? check_crl_signature(now.request.crl, now.digest.get(), cert)
+                            : authorship::foreign;
+    if (author == authorship::no_memory || memory.ran_out()) {
+      ERR_clear_last_mark();
+      return openssl_failure(PKI_OUT_OF_MEMORY);
+    }
+    if (author == authorship::own)
       i++;
     else
       X509_free(sk_X509_delete(candidates, i));
-  }
-  if (memory.ran_out()) {
-    ERR_clear_last_mark();
-    return openssl_failure(PKI_OUT_OF_MEMORY);
   }
   if (sk_X509_num(candidates) > 0) {
     ERR_pop_to_mark();  // what is queued is about those that did not sign
@@ -227,15 +229,30 @@ int find_cached(const crl_info *crli, const X509 *cert, cache_use use, fetched_c
   return PKI_OK;
 }
 
-}  // namespace
-
-bool made_crl_signature(const X509_CRL *crl, EVP_MD_CTX *tbs_digest, const X509 *cert) {
-  EVP_PKEY *key = X509_get0_pubkey(cert);
+bool verifies(const X509_CRL *crl, EVP_MD_CTX *tbs_digest, EVP_PKEY *key) {
   const ASN1_BIT_STRING *signature;
   X509_CRL_get0_signature(crl, &signature, nullptr);
-  return key && signature &&
+  return signature &&
          EVP_VerifyFinal(tbs_digest, ASN1_STRING_get0_data(signature),
                          static_cast<unsigned>(ASN1_STRING_length(signature)), key) == 1;
+}
+
+bool can_be_copied(const EVP_MD_CTX *digest) {
+  evp_md_ctx_ptr copy(EVP_MD_CTX_new());
+  return copy && EVP_MD_CTX_copy_ex(copy.get(), digest) == 1;
+}
+
+}  // namespace
+
+// OpenSSL does not always say that memory ran out, so a refusal is looked at again, and counts only
+// while there is memory for the least that it takes.
+authorship check_crl_signature(const X509_CRL *crl, EVP_MD_CTX *tbs_digest, const X509 *cert) {
+  memory_watch memory;
+  EVP_PKEY *key = X509_get0_pubkey(cert);
+  if (key && (verifies(crl, tbs_digest, key) || verifies(crl, tbs_digest, key)))
+    return authorship::own;
+  return memory.ran_out() || !can_be_copied(tbs_digest) ? authorship::no_memory
+                                                        : authorship::foreign;
 }
 
 bool has_configured_signer(const crl_info *crli) {

@@ -25,6 +25,9 @@ class DecideRefused : public decide_both_ways {
     zv_cv_clear_crl_cache();
     EXPECT_EQ(PKI_CERT_REVOKED, status_of(decide(revoking_crl(crl_extensions)))) << log_dump();
   }
+  std::string delta_line() const {
+    return "CRL from '" + server.url("/crl") + "' is a delta-CRL, a complete one was expected";
+  }
   static constexpr char idp_oid[] = "2.5.29.28", akid_oid[] = "2.5.29.35";
   const std::string akid = support::authority_key_id({.key_id = "k1"});
 };
@@ -54,12 +57,21 @@ TEST_P(DecideRefused, TwoKeyIdentifiers) {
 }
 TEST_P(DecideRefused, DeltaWhereACompleteCrlBelongs) {
   expect_refused(crl_number(6) + support::delta_crl_indicator(5));
+  EXPECT_EQ(1u, count_logged(4, delta_line())) << log_dump();
 }
 TEST_P(DecideRefused, DeltaWithoutNumberWhereACompleteCrlBelongs) {
   expect_refused(support::delta_crl_indicator(5, false));
+  EXPECT_EQ(1u, count_logged(4, delta_line())) << log_dump();
 }
 TEST_P(DecideRefused, DeltaWhoseIndicatorCannotBeDecoded) {
   expect_refused(crl_number(6) + crl_extension("2.5.29.27", "x", true));
+  EXPECT_EQ(1u, count_logged(4, delta_line())) << log_dump();
+}
+TEST_P(DecideRefused, CachedDeltaWhereACompleteCrlBelongs) {
+  cache(crl_of(crl_entry(device_serial), crl_number(6) + support::delta_crl_indicator(5)), issuer);
+  EXPECT_EQ(no_answer, status_of(decide("/crl"))) << log_dump();
+  EXPECT_EQ("", server.asked());
+  EXPECT_EQ(1u, count_logged(4, delta_line())) << log_dump();
 }
 TEST_P(DecideRefused, UnknownCriticalExtension) {
   expect_refused(support::unknown_extension(true));

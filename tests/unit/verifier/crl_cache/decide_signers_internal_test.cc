@@ -319,6 +319,7 @@ TEST_P(DecideSignerPath, UntrustedPathIsRejected) {
 TEST_P(DecideSignerPath, NoTrustContextIsNoTrust) {
   trust = nullptr;
   expect_rejected(decide_authority());
+  EXPECT_TRUE(was_logged(4, could_not(X509_V_ERR_UNSPECIFIED))) << log_dump();
 }
 
 TEST_P(DecideSignerPath, ExpiredSignerIsRejected) {

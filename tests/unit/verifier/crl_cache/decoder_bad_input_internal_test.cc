@@ -1,6 +1,8 @@
 // Small CRLs of each kind with every truncation and every octet changed: an error, or a CRL whose
 // signature does not verify, or one that says what it said before.
 #include <algorithm>
+#include <cstdlib>
+#include <numeric>
 
 #include "unit/verifier/crl_cache/decoder_support.h"
 #include "verifier/crl_cache/pkcs7_walk.h"
@@ -25,7 +27,7 @@ std::string meaning_of(const support::crl &crl) {
   return text;
 }
 
-enum class kind { plain, indirect, wrapped };
+enum class kind { plain, indirect, wrapped, delta, partition, version_1 };
 
 decoded decode_kind(kind which, const std::string &octets, uint32_t length) {
   if (which != kind::wrapped)
@@ -54,6 +56,13 @@ std::string octets_of_kind(kind which) {
     fields.entries = crl_entry(4, certificate_issuer("other")) + crl_entry(9) +
                      crl_entry(target_serial, certificate_issuer("issuer"));
     fields.extensions = issuing_dist_point({.uris = {"http://a/"}, .indirect = true});
+  } else if (which == kind::delta) {
+    fields.extensions = crl_number(6) + delta_crl_indicator(5);
+  } else if (which == kind::partition) {
+    fields.extensions = issuing_dist_point({.uris = {"http://a/"}, .reasons = 0x1E});
+  } else if (which == kind::version_1) {
+    fields.version = fields.extensions = "";
+    fields.entries = crl_entry(4) + crl_entry(target_serial);
   }
   std::string octets = crl_octets(fields);
   if (which != kind::wrapped)
@@ -61,6 +70,17 @@ std::string octets_of_kind(kind which) {
   crl_pkcs7_fields wrapper;
   wrapper.certificates = der(target());
   return pkcs7_octets(octets, wrapper);
+}
+
+// What an octet is changed to: what is likeliest to mean something else, or, for EVERY_VALUE=1 in
+// the environment, all that there is.
+std::vector<int> changes_of(unsigned char octet) {
+  if (!std::getenv("EVERY_VALUE"))
+    return {0x00,         0xFF,         0x30,         0x80,      0x84,
+            octet ^ 0x01, octet ^ 0x20, octet ^ 0x80, octet + 1, octet - 1};
+  std::vector<int> values(255);
+  std::iota(values.begin(), values.end(), octet + 1);
+  return values;
 }
 
 class CrlBadInput : public crl_decoder_test, public testing::WithParamInterface<kind> {
@@ -118,8 +138,7 @@ TEST_P(CrlBadInput, EveryChangedOctetIsAnErrorOrDetectedOrHarmless) {
     std::string problems;
     output_of([&] {
       for (size_t at = 0; at < octets.size(); at++)
-        for (int value : {0x00, 0xFF, 0x30, 0x80, 0x84, octets[at] ^ 0x01, octets[at] ^ 0x20,
-                          octets[at] ^ 0x80, octets[at] + 1, octets[at] - 1}) {
+        for (int value : changes_of(static_cast<unsigned char>(octets[at]))) {
           std::string changed = octets;
           changed[at] = static_cast<char>(value);
           decoded got = decode_kind(GetParam(), changed, length);
@@ -157,12 +176,13 @@ TEST_P(CrlBadInput, EveryOctetMayBecomeAHostileLength) {
 }
 
 std::string kind_name(const testing::TestParamInfo<kind> &info) {
-  return info.param == kind::plain      ? "Plain"
-         : info.param == kind::indirect ? "Indirect"
-                                        : "Wrapped";
+  const char *const names[] = {"Plain", "Indirect", "Wrapped", "Delta", "Partition", "Version1"};
+  return names[static_cast<int>(info.param)];
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, CrlBadInput,
-                         testing::Values(kind::plain, kind::indirect, kind::wrapped), kind_name);
+                         testing::Values(kind::plain, kind::indirect, kind::wrapped, kind::delta,
+                                         kind::partition, kind::version_1),
+                         kind_name);
 
 }  // namespace

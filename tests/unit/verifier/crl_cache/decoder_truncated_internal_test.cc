@@ -1,6 +1,7 @@
 // Lists that are too long to be kept: read and digested whole, and marked as lacking entries.
 #include "fakes/allocator.h"
 #include "unit/verifier/crl_cache/decoder_support.h"
+#include "unit/verifier/own_log.h"
 
 using namespace crl_support;
 using namespace support;
@@ -246,6 +247,25 @@ TEST_F(TruncatedCrl, MarkingWithoutMemoryIsReported) {
       });
   EXPECT_GT(failures, 3u);
   EXPECT_EQ(0, code);
+}
+
+TEST_F(TruncatedCrl, WhyItCouldNotBeMarkedIsLogged) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  crl_fields fields;
+  fields.entries = crl_entry(target_serial);
+  decoded got = decode_without_length(crl_octets(fields));
+  ASSERT_EQ(0, got.code);
+  raise_openssl_error(ERR_R_INTERNAL_ERROR);
+  clear_log();
+  fake_allocator::fail_at(1);
+  int code = pki::cv_crl_mark_truncated(got.crl.get());
+  fake_allocator::stop_failing();
+  EXPECT_EQ(2, code);
+  EXPECT_GE(openssl_lines(), 2u) << log_dump();
+  EXPECT_EQ("", own_log());
+  EXPECT_EQ(0u, ERR_peek_error());
+  EXPECT_FALSE(pki::is_marked_truncated(got.crl.get()));
 }
 
 }  // namespace

@@ -289,8 +289,27 @@ TEST_P(DeltaFind, OtherKeyIdentifierIsRejected) {
 
 TEST_P(DeltaFind, KeyIdentifierThatCannotBeReadIsRejected) {
   make_base();
-  EXPECT_EQ(no_entry, find(delta_crl(support::crl_extension("2.5.29.35", "x"))));
-  EXPECT_EQ(no_entry, find(delta_crl(key_id("k1") + key_id("k1"))));
+  for (const std::string &each :
+       {support::crl_extension("2.5.29.35", "x"), key_id("k1") + key_id("k1")}) {
+    expect_rejected(delta_crl(each),
+                    "Error decoding AuthorityKeyIdentifier extension in CRL '/CN=issuer':");
+    EXPECT_TRUE(was_logged(4, "discarding downloaded CRL (" + server.url("/delta") + ")"));
+  }
+}
+
+// A cached delta's signers are not looked for, so nobody has read it before.
+TEST_P(DeltaFind, KeyIdentifierOfACachedDeltaThatCannotBeReadIsRejected) {
+  make_base();
+  for (const std::string &each :
+       {support::crl_extension("2.5.29.35", "x"), key_id("k1") + key_id("k1")}) {
+    zv_cv_clear_crl_cache();
+    cache(delta_crl(each), issuer);
+    EXPECT_EQ(no_entry, find());
+    EXPECT_TRUE(was_logged(7, "found CRL in cache"));
+    EXPECT_TRUE(was_logged(4, "crl AKID != delta-crl AKID")) << log_dump();
+    EXPECT_EQ(each.find("k1") == std::string::npos, openssl_error_logged()) << log_dump();
+  }
+  EXPECT_EQ("", server.asked());
 }
 
 TEST_P(DeltaFind, OutdatedDeltaIsRejected) {

@@ -1,6 +1,7 @@
 // A base and its delta in one CRL.
 #include "fakes/allocator.h"
 #include "unit/verifier/crl_cache/decide_support.h"
+#include "unit/verifier/own_log.h"
 #include "verifier/crl_cache/delta.h"
 
 using namespace decide_support;
@@ -172,6 +173,17 @@ TEST_F(DeltaMerge, NumberIsMissing) {
   EXPECT_EQ(nullptr, merged);
 }
 
+TEST_F(DeltaMerge, MissingNumberLogsWhatOpenSslSaid) {
+  delta_fields.extensions = delta_crl_indicator(5);
+  base = crl_objects::make_crl(base_fields);
+  delta = crl_objects::make_crl(delta_fields);
+  const std::string line = cache_support::queue_error();
+  clear_log();
+  EXPECT_EQ(internal_error, merge_again());
+  EXPECT_EQ("3: " + line + "\n", log_dump());
+  EXPECT_EQ(0u, ERR_peek_error());
+}
+
 TEST_F(DeltaMerge, MarkOfATruncatedDeltaComesAlong) {
   ASSERT_EQ(0, merge());
   EXPECT_FALSE(pki::is_marked_truncated(merged.get()));
@@ -198,6 +210,7 @@ TEST_F(DeltaMerge, WantOfMemoryGivesNothing) {
     GTEST_SKIP() << "this build's allocator cannot be replaced";
   ASSERT_EQ(0, merge());
   int result = -1;
+  size_t with_reasons = 0;
   size_t failures = fake_allocator::sweep(
       [&] {
         merged.reset();
@@ -207,9 +220,15 @@ TEST_F(DeltaMerge, WantOfMemoryGivesNothing) {
         EXPECT_TRUE(result == 0 || result == out_of_memory) << n << ": " << result;
         EXPECT_EQ(result == 0, merged != nullptr) << n;
         EXPECT_TRUE(!merged || serials(merged.get()).size() == 5) << n;
+        // What OpenSSL says of it is moved into the log, as errors.
+        EXPECT_EQ(0u, openssl_lines(4)) << n;
+        EXPECT_TRUE(!result || ERR_peek_error() == 0) << n;
+        with_reasons += result != 0 && openssl_lines(3) > 0;
+        clear_log();
         support::clear_openssl_errors();
       });
   EXPECT_GT(failures, 5u);
+  EXPECT_GT(with_reasons, 5u);
   EXPECT_EQ(0, result);
   EXPECT_EQ((std::vector<long>{9, 7, 3, 1, 2}), serials(merged.get()));
 }

@@ -195,6 +195,23 @@ TEST_F(DistPoints, UriWithoutCharactersEndsItsPoint) {
   EXPECT_EQ((std::vector<std::string>{"a", "d"}), list.urls());
 }
 
+// One that stops at the NUL would ask another place than one that does not.
+TEST_F(DistPoints, UriWithANulInsideIsSkipped) {
+  const std::string with_nul = http + std::string(1, '\0') + "x";
+  EXPECT_EQ(0, convert(point(full_name(der_uri("a") + der_uri(with_nul) + der_uri("c")))));
+  EXPECT_EQ((std::vector<std::string>{"a", "c"}), list.urls());
+  EXPECT_EQ("", log_dump());
+}
+
+TEST_F(DistPoints, UriOfANulOnlyIsNone) {
+  for (const std::string &uri : {std::string(1, '\0'), http + std::string(1, '\0')}) {
+    clear_log();
+    EXPECT_EQ(0, convert(point(full_name(der_uri(uri)))));
+    EXPECT_EQ(0, list.size());
+    EXPECT_EQ(no_url, log_dump());
+  }
+}
+
 // ---- want of memory ----
 
 class DistPointsMemory : public DistPoints, public testing::WithParamInterface<bool> {};

@@ -44,6 +44,10 @@ class CrlSigners : public crl_fetch_test {
   static constexpr char none_line[] = "3: No signer cert found for CRL (/CN=issuer)\n";
   static constexpr char no_match_line[] =
       "3: No signer cert found which could verify the crl (/CN=issuer)\n";
+  static constexpr char identifier_line[] =
+      "4: Error decoding AuthorityKeyIdentifier extension in CRL '/CN=issuer':\n";
+  static constexpr char scope_line[] =
+      "4: Error decoding IssuingDistributionPoint extension in CRL '/CN=issuer':\n";
 
   const std::string plain = crl_with(crl_number(1));
 };
@@ -88,6 +92,30 @@ TEST_F(CrlSigners, NobodyOfThatNameIsAnError) {
 TEST_F(CrlSigners, WrongKeyIsAnError) {
   trust(signer_cert("issuer", 1));
   expect_discarded(29, no_match_line, plain);
+  EXPECT_GT(openssl_lines(), 0u) << log_dump();
+}
+
+TEST_F(CrlSigners, WhyNobodySignedStandsBehindTheLine) {
+  trust(signer_cert("issuer", 1));
+  for (bool announced : {true, false}) {
+    get_body(plain, {}, announced);
+    const std::vector<log_entry> log = captured_log();
+    ASSERT_GE(log.size(), 4u) << log_dump();
+    EXPECT_EQ(no_match_line, std::to_string(log[1].level) + ": " + log[1].text + "\n");
+    for (size_t i = 2; i + 1 < log.size(); i++) {
+      EXPECT_EQ(3, log[i].level);
+      EXPECT_EQ(0u, log[i].text.rfind("OpenSSL error: ", 0)) << log[i].text;
+    }
+    EXPECT_EQ(discarded_line(), std::to_string(log.back().level) + ": " + log.back().text + "\n");
+  }
+}
+
+TEST_F(CrlSigners, WhyAnotherDidNotSignIsNoErrorOfTheOneThatDid) {
+  trust(signer_cert("issuer", 1, 7));
+  trust(signer_cert("issuer", 0, 8));
+  EXPECT_EQ(0, get_body(plain).code);
+  EXPECT_EQ(0u, openssl_lines()) << log_dump();
+  EXPECT_EQ(0u, ERR_peek_error());
 }
 
 TEST_F(CrlSigners, WrongSignatureIsAnError) {
@@ -218,16 +246,42 @@ TEST_F(CrlSigners, EmptyIdentifierSaysNothing) {
   expect_signers({signer_cert()}, crl_with(authority_key_id({})));
 }
 
-TEST_F(CrlSigners, UnreadableOrRepeatedIdentifierRefusesTheCrl) {
+TEST_F(CrlSigners, UnreadableIdentifierRefusesTheCrl) {
   trust(signer_cert());
-  for (const std::string &extensions :
-       {crl_extension("2.5.29.35", der_tlv(0x04, "x")), crl_extension("2.5.29.35", ""),
-        authority_key_id({}) + authority_key_id({})})
-    for (bool announced : {true, false}) {
-      int code = get_body(crl_with(extensions), {}, announced).code;
-      EXPECT_TRUE(code == 15 || code == 29) << code;
-      EXPECT_TRUE(was_logged(4, "discarding downloaded CRL (" + last_url + ")"));
+  for (const std::string &value : {der_tlv(0x04, "x"), std::string("x"), std::string()})
+    for (bool critical : {false, true}) {
+      expect_discarded(15, identifier_line, crl_with(crl_extension("2.5.29.35", value, critical)));
+      EXPECT_GT(openssl_lines(), 0u) << log_dump();
     }
+}
+
+TEST_F(CrlSigners, RepeatedIdentifierRefusesTheCrl) {
+  trust(signer_cert());
+  expect_discarded(15, identifier_line, crl_with(authority_key_id({}) + authority_key_id({})));
+}
+
+// ---- issuingDistributionPoint ----
+
+TEST_F(CrlSigners, UnreadableScopeRefusesTheCrl) {
+  trust(signer_cert());
+  for (const std::string &value : {der_tlv(0x04, "x"), std::string("x"), std::string()})
+    for (bool critical : {false, true}) {
+      expect_discarded(15, scope_line, crl_with(crl_extension("2.5.29.28", value, critical)));
+      EXPECT_GT(openssl_lines(), 0u) << log_dump();
+    }
+}
+
+TEST_F(CrlSigners, RepeatedScopeRefusesTheCrl) {
+  trust(signer_cert());
+  expect_discarded(15, scope_line,
+                   crl_with(issuing_dist_point({.user_certs = true}) +
+                            issuing_dist_point({.user_certs = true})));
+}
+
+TEST_F(CrlSigners, ScopeIsReadBeforeSignersAreLookedFor) {
+  expect_discarded(15, scope_line, crl_with(crl_extension("2.5.29.28", "x")));
+  expect_discarded(15, scope_line,
+                   crl_with(crl_extension("2.5.29.28", "x") + crl_extension("2.5.29.35", "x")));
 }
 
 // ---- critical extensions ----

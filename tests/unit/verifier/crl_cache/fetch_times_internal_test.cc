@@ -1,4 +1,5 @@
 // The times of a CRL: one from the future is refused, and currency.
+#include "fakes/allocator.h"
 #include "unit/verifier/crl_cache/fetch_support.h"
 
 using namespace crl_support;
@@ -152,6 +153,74 @@ TEST_F(CrlTimes, LongNameIsCutTo100Characters) {
   EXPECT_EQ("3: The next-update in the crl (/CN=" + cn + ") is in the past (" +
                 printed(crl_der_now - day) + ")\n",
             own_log());
+}
+
+// ---- want of memory ----
+
+class CrlTimesMemory : public CrlTimes {
+ protected:
+  void SetUp() override {
+    CrlTimes::SetUp();
+    if (!fake_allocator::available())
+      GTEST_SKIP() << "this build's allocator cannot be replaced";
+  }
+  // What is late stays late, with `whole` in the log; and where memory does not suffice for the
+  // time's text, with `no_text` instead. Or the code says that memory was short.
+  template <class Check>
+  static void expect_line(const crl_fields &fields, const Check &check, const std::string &whole,
+                          const std::string &no_text) {
+    support::crl crl = openssl_decoded(crl_octets(fields));
+    for (bool stay_failed : {false, true}) {
+      size_t without_text = 0;
+      int code = -1;
+      clear_log();
+      size_t failures = fake_allocator::sweep(
+          [&] { code = check(crl.get()); },
+          [&](size_t n) {
+            const std::string log = own_log();
+            // The name needs memory of its own, which it may go without.
+            if (code == 85)
+              EXPECT_TRUE(log == whole || log == no_text || log.find("(/CN=") == log.npos) << log;
+            else
+              EXPECT_EQ(2, code) << n;
+            EXPECT_EQ(code == 2, log.empty()) << n << log;
+            without_text += log == no_text;
+            EXPECT_EQ(0u, ERR_peek_error()) << n;
+            clear_openssl_errors();
+            clear_log();
+          },
+          stay_failed);
+      EXPECT_GT(failures, 0u);
+      EXPECT_GT(without_text, 0u);
+      EXPECT_EQ(85, code);
+      EXPECT_EQ(whole, own_log());
+    }
+  }
+};
+
+TEST_F(CrlTimesMemory, LateNextUpdateIsSaidAlsoWithoutItsText) {
+  crl_fields fields;
+  fields.next_update = der_utc_time(crl_der_now - day);
+  const std::string line = "3: The next-update in the crl (/CN=issuer) is in the past (";
+  expect_line(fields, pki::cv_crl_check_update_dates, line + printed(crl_der_now - day) + ")\n",
+              line + "<no-mem>)\n");
+}
+
+TEST_F(CrlTimesMemory, OldThisUpdateIsSaidAlsoWithoutItsText) {
+  crl_fields fields;
+  fields.next_update = "";
+  fields.this_update = der_utc_time(crl_der_now - 1000 * day);
+  const std::string line = "3: The crl (/CN=issuer) was updated too long ago (";
+  expect_line(fields, pki::cv_crl_check_update_dates,
+              line + printed(crl_der_now - 1000 * day) + ")\n", line + "<no-mem>)\n");
+}
+
+TEST_F(CrlTimesMemory, ThisUpdateOfTheFutureIsSaidAlsoWithoutItsText) {
+  crl_fields fields;
+  fields.this_update = der_utc_time(crl_der_now + day);
+  const std::string line = "3: The crl (/CN=issuer) was updated in the future (";
+  expect_line(fields, pki::check_this_update, line + printed(crl_der_now + day) + ")!\n",
+              line + "<no-mem>)!\n");
 }
 
 }  // namespace

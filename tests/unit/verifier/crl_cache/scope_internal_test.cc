@@ -1,6 +1,8 @@
 // May a CRL speak about a certificate?
 #include "verifier/crl_cache/scope.h"
 
+#include <openssl/err.h>
+
 #include "fakes/log_capture.h"
 #include "support/store_fixture.h"
 #include "unit/verifier/crl_cache/crl_objects.h"
@@ -313,6 +315,28 @@ TEST_P(ScopeKinds, FirstReasonIsTheOneLogged) {
 TEST_P(ScopeKinds, ReasonsDoNotMatter) {
   EXPECT_EQ(0, verify(support::idp_fields{.reasons = 2}));
   EXPECT_EQ("", log_dump());
+}
+
+// Whether it is an authority's is not known then.
+TEST_P(ScopeKinds, CertificateWhoseExtensionsCannotBeReadIsOfNoKind) {
+  for (const char *name : {"basicConstraints", "keyUsage"}) {
+    support::cert_options options;
+    options.subject = support::common_name("device");
+    options.issuer = support::common_name("issuer");
+    options.extensions = {extension_der::raw(name, "x")};
+    cert = support::make_cert(options);
+    for (const support::idp_fields &restrictions :
+         {support::idp_fields{.user_certs = true}, support::idp_fields{.ca_certs = true},
+          support::idp_fields{.reasons = 2}}) {
+      clear_log();
+      EXPECT_EQ(bad_scope, verify(restrictions));
+      EXPECT_EQ("4: the cert's extensions cannot be read", only_line());
+      EXPECT_EQ(0u, ERR_peek_error());
+    }
+    clear_log();
+    EXPECT_EQ(0, verify()) << "nothing asks for its kind";
+    EXPECT_EQ("", log_dump());
+  }
 }
 
 // ---- looking for names ----
