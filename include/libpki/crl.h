@@ -63,7 +63,7 @@ typedef struct pki_crl_report {
  * `read` failed, or ended too early; 63 `source`, its `read` or `report` is null; 84 the digest of
  * the signature algorithm is not known or cannot be used. A failure leaves the report empty, and
  * OpenSSL's reasons in the system log at level 3. Octets that are left over in a structure of the
- * CRL are logged at level 4. Any thread.
+ * CRL are logged at level 4. After libpki_init. Any thread.
  */
 PKI_API int pki_scan_crl(const pki_crl_source *source, const pki_crl_query *query,
                          pki_crl_report *report);

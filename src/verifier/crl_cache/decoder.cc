@@ -137,11 +137,17 @@ int crl_decoder::take_version(const unsigned char *start, uint32_t size) {
 // OpenSSL does not always say that memory ran out: that a digest is missing is believed when a
 // second look says so too, and there is memory.
 int crl_decoder::begin_digest(const EVP_MD *digest) {
-  if (EVP_DigestInit_ex(stream_->md, digest, nullptr) == 1)
+  ERR_set_mark();
+  bool begun = EVP_DigestInit_ex(stream_->md, digest, nullptr) == 1;
+  if (!begun) {
+    EVP_MD_CTX_reset(stream_->md);
+    begun = EVP_DigestInit_ex(stream_->md, digest, nullptr) == 1;
+  }
+  if (begun) {
+    ERR_pop_to_mark();
     return PKI_OK;
-  EVP_MD_CTX_reset(stream_->md);
-  if (EVP_DigestInit_ex(stream_->md, digest, nullptr) == 1)
-    return memory_.ran_out() ? PKI_OUT_OF_MEMORY : PKI_OK;
+  }
+  ERR_clear_last_mark();
   evp_md_ctx_ptr least(EVP_MD_CTX_new());
   return memory_.ran_out() || !least ? PKI_OUT_OF_MEMORY : PKI_UNKNOWN_DIGEST_ALG;
 }

@@ -15,7 +15,10 @@ namespace {
 
 class CrlScan : public testing::Test {
  protected:
-  void SetUp() override { clear_log(); }
+  void SetUp() override {
+    libpki_init();
+    clear_log();
+  }
 };
 
 name issuer_name() {
