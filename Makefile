@@ -101,7 +101,7 @@ format: bootstrap-lint ## bring the sources into the house format
 
 .PHONY: lint
 lint: bootstrap-lint configure-release ## check format, clang-tidy, cppcheck, the house rules and the documents
-	@cmake --build --preset release -j $(JOBS) --target pki interface_types
+	@cmake --build --preset release -j $(JOBS) --target pki
 	@scripts/lint.sh $(BUILD)/release
 
 .PHONY: bootstrap-docs docs
