@@ -249,8 +249,9 @@ bool can_be_copied(const EVP_MD_CTX *digest) {
 authorship check_crl_signature(const X509_CRL *crl, EVP_MD_CTX *tbs_digest, const X509 *cert) {
   memory_watch memory;
   EVP_PKEY *key = X509_get0_pubkey(cert);
-  if (key && (verifies(crl, tbs_digest, key) || verifies(crl, tbs_digest, key)))
-    return authorship::own;
+  for (int look = 0; key && look < 2; look++)
+    if (verifies(crl, tbs_digest, key))
+      return authorship::own;
   return memory.ran_out() || !can_be_copied(tbs_digest) ? authorship::no_memory
                                                         : authorship::foreign;
 }
