@@ -18,7 +18,7 @@
  * 16384 octets or more is announced rightly only if no group of seven bits between the highest
  * that is set and the lowest is zero (16512 is, 16384 is not): keep what you marshal shorter.
  *
- * All functions return 0 or an error code. 2, 9 and 10 below: "2 or 9" is 2 if OpenSSL's error
+ * All functions return 0 or an error code. "2 or 9" (or another number) is 2 if OpenSSL's error
  * queue shows that memory ran out, else 9, and the queue goes to the log at level 3.
  */
 #ifndef LIBPKI_MARSHAL_H
@@ -184,8 +184,9 @@ PKI_API int unmarshall(BIO *bio, void *target, const marshal_item *item, const v
  * such a choice, and who hands such a choice to dec_choice himself gives it a selector that names
  * none.
  *
- * Return 0; 2 out of memory, or nested too deep; 42 see above; 63 a null argument; else what the
- * encoders or decoders of the fields, write_block and read_block return.
+ * Return 0; 2 out of memory, or nested too deep; 42 an inline choice cannot take another
+ * alternative; 63 a null argument; else what the encoders or decoders of the fields, write_block
+ * and read_block return.
  */
 PKI_API int enc_struct(BIO *bio, void *field, int tag, void *arg);
 PKI_API int enc_choice(BIO *bio, void *field, int tag, void *arg);
@@ -202,6 +203,9 @@ PKI_API int dec_stack(BIO *bio, int tag, const unsigned char *data, int len, voi
  * Written as an empty block with `start_tag`, the structure, and a block with `check_tag` that
  * holds the digest or signature of all octets of the structure. The tag arguments are not used, and
  * neither the tag of the envelope nor that of the check is compared.
+ *
+ * verify_digest reads digests of 20 octets only (SHA-1). create_digest does not refuse an `md` of
+ * another size, and what it then writes can never be read.
  *
  * When reading fails, at any point, the structure is freed and the target null (63 leaves it).
  * An envelope around a null pointer is written, but cannot be read back.

@@ -21,7 +21,7 @@ PKI_BEGIN_DECLS
  * level 4 says so.
  *
  * Returns 0; 63 a null argument, or `info` has no URL or no CA certificate; 78 the board fails;
- * 2; 49; 58 the CA refused; 59 its answer is not one; 52 (PKI_NO_SUCH_CERT) still pending when
+ * 2; 49; 58 the CA refused; 59 its answer is not one; 52 ("NO SUCH CERT") still pending when
  * polling was stopped or its limit reached; 45, 47, 48 as send_scep_msg; 21 (or 2) the cipher
  * cannot be used; the codes of gen_scep_cert_req and gen_scep_get_cert_init. All but 63, 49 and
  * some 2 are logged.

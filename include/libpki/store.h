@@ -52,12 +52,13 @@ PKI_API void libpki_term(void);
  * On failure no CA is added; additional certificates that the document brought before the error
  * stay among the provisioned ones. Blocks for the download; for the management thread.
  *
- * Returns 0; 63 an argument is null; 2 out of memory; 49 no reference on the key; 45 the URL is
- * no http URL; 78 the board does not give its serial number; 47 the server did not answer 200 or
- * its answer is unusable; 48 its answer could not be read; 20 the document is no PKCS#7; 29 the
- * signature is not the key's; 73 the signed content is not data; and the codes of
- * parse_ca_info_doc; 27 as create_dummy_cert. A refused URL, a serial number that is not to be had
- * and a failed download are logged at level 3 or 4, and so is what OpenSSL has to say.
+ * Returns 0; 63 an argument is null; 2 out of memory, or libpki_init has not run; 49 no reference
+ * on the key; 45 the URL is no http URL; 78 the board does not give its serial number; 47 the
+ * server did not answer 200 or its answer is unusable; 48 its answer could not be read; 20 the
+ * document is no PKCS#7; 29 the signature is not the key's; 73 the signed content is not data; and
+ * the codes of parse_ca_info_doc; 27 as create_dummy_cert. A refused URL, a serial number that is
+ * not to be had and a failed download are logged at level 3 or 4, and so is what OpenSSL has to
+ * say.
  */
 PKI_API int pki_add_ca(const char *label, const char *ca_pointer_url, EVP_PKEY *doc_key);
 
@@ -120,17 +121,19 @@ PKI_API int pki_generate_key_pair(const char *label, const char *algorithm, int 
  * decides: its error is the result.
  *
  * Returns 0; 50 no such CA; 51 no such key; 53 to 55, 63 a bad subject; 61 no method that can be
- * used; 65 the certificate is for another key (a line at level 2 holds it); 75 it has no public
- * key; 2, also for a null `cert_label`; 25; 49; the codes of scep_cert_req. The key's list and the
- * store are changed only by success. Blocks for the whole enrollment (scep_client.h tells how to
- * end one that is pending); for the management thread.
+ * used; 52 ("NO SUCH CERT") still pending when it was given up; 65 the certificate is for another
+ * key (a line at level 2 holds it); 75 it has no public key; 2, also for a null `cert_label`; 25;
+ * 49; the codes of scep_cert_req. The key's list and the store are changed only by success. Blocks
+ * for the whole enrollment (scep_client.h tells how to end one that is pending); for the management
+ * thread.
  */
 PKI_API int pki_get_certificate(const char *ca_label, const char *key_label, const char *cert_label,
                                 const char *subject);
 
 /*
  * Removes the first key of that label with its certificates, which leave the untrusted lists and
- * every CA's trusted roots too. Returns 0; 50 (not 51) there is none. For the management thread.
+ * every CA's trusted roots too. Returns 0; 50 ("NO SUCH CA", not 51) there is
+ * no such key. For the management thread.
  */
 PKI_API int pki_remove_key(const char *label);
 

@@ -72,8 +72,8 @@ PKI_API int zv_cv_cert_validator_local_ex(int ok, X509_STORE_CTX *ctx);
  *
  * ctx       the verification that this belongs to; its trusted certificates are of use to the
  *           sources. May be null.
- * internet  1.
- * depth     0. Sources check their signers one deeper; at 10, or after 64 nested checks under
+ * internet  pass 1.
+ * depth     pass 0. Sources check their signers one deeper; at 10, or after 64 nested checks under
  *           one outermost check, the answer is unknown (a line at level 3).
  *
  * Returns PKI_CERT_OK, also when no source is known, and when checking is off and nothing is

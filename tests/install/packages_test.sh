@@ -57,6 +57,12 @@ done
 TOOLS=$root/usr/bin quietly "$(dirname "$0")/completion_test.sh" \
   "$root/usr/share/bash-completion/completions"
 
+# ---- documents ----
+
+for package in libpki-dev libpki-tools; do
+  "$(dirname "$0")/installed_links.py" "$root/usr/share/doc/$package"
+done
+
 # ---- manual pages ----
 
 if command -v man >/dev/null; then

@@ -4,6 +4,9 @@
  * A vendor builds its own shared library with this interface (soname libboard.so.0) and puts it
  * in the place of the reference implementation, which reads two files: "serialnumber" and
  * "secret" in the folder that the environment variable BOARD_INFO_DIR names, or in /etc/board.
+ *
+ * A host that calls these functions itself is linked with -lboard beside -lpki (with CMake, the
+ * target libpki::board).
  */
 #ifndef BOARD_BOARD_H
 #define BOARD_BOARD_H
@@ -28,7 +31,10 @@ BOARD_API int board_info_serialnumber(char *buf, int size);
 
 /*
  * Writes the device secret into `buf`. `*len` is its capacity on entry and the octets used on
- * return. Returns 0, or an errno value as above, with `*len` 0.
+ * return. The reference implementation takes every octet of the file, a line end too.
+ *
+ * Returns 0, or, with `*len` 0, an errno value when it is missing, unreadable, empty or does not
+ * fit.
  */
 BOARD_API int board_key_secret(unsigned char *buf, int *len);
 
