@@ -120,7 +120,7 @@ step "3. The CA's operator describes the CA and signs the description"
 must_work pkictl cainfo sign --issuer-name "CN=Office CA, O=Example" --expires 2037-01-01 \
   --scep-url "$url/scep" --scep-cert lab/issuing-cert.pem --digest SHA256 --cipher DES-EDE3-CBC \
   --scep-get-cert-url "$url/scep" --ocsp-url "$url/ocsp" \
-  --root lab/root-cert.pem lab/issuing-cert.pem --additional-cert lab/additional-cert.pem \
+  --root lab/root-cert.pem --root lab/issuing-cert.pem --additional-cert lab/additional-cert.pem \
   --key lab/doc-key.pem --out office.p7
 must_work pkictl cainfo verify office.p7 --doc-key lab/doc-key.pub.pem
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <sstream>
+
 #include "device.h"
 
 namespace {
@@ -103,6 +105,18 @@ TEST(PkictlEnrollPending, RefusalAfterPendingIsARefusal) {
   result done = test.enroll({}, no_wait);
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_NE(done.err.find("SCEP REQ REJ (58)"), std::string::npos) << done.err;
+}
+
+TEST(PkictlEnrollPending, HelpTellsTheSpecialLimits) {
+  std::string help = tool_test::pkictl({"enroll", "--help"}).out;
+  std::string words;  // however its lines are broken
+  std::istringstream text(help);
+  for (std::string word; text >> word;)
+    words += word + " ";
+  EXPECT_NE(words.find("0: at the first PENDING, without a poll. By default the command polls until"
+                       " the CA decides"),
+            std::string::npos)
+      << help;
 }
 
 TEST(PkictlEnrollPending, LimitsThatAreNoneAreWrongUsage) {

@@ -198,12 +198,14 @@ TEST(PkictlEnroll, CaAndKeyHaveToBeThere) {
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err,
             "pkictl: there is no CA office in " + (test.home() / "state") +
-                "; provision it with 'pkictl provision URL --doc-key KEY --label office'\n");
+                "; provision it with 'pkictl provision URL --doc-key KEY --label office --state " +
+                test.state() + "'\n");
   test.prepare();
   done = test.pkictl({"enroll", "--ca", "office", "--key", "other", "--subject", "CN=x"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: there is no key other in " + (test.home() / "state") +
-                          "; make it with 'pkictl key generate other'\n");
+                          "; make it with 'pkictl key generate other --state " + test.state() +
+                          "'\n");
 }
 
 TEST(PkictlEnroll, BadSubjectsAreRefusedBeforeTheCaIsAsked) {

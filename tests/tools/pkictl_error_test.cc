@@ -8,31 +8,38 @@ namespace {
 using tool_test::pkictl;
 using tool_test::result;
 
-TEST(PkictlError, PrintsNameAndText) {
+const char *const http_error =
+    "47 PKI_HTTP_ERROR: HTTP ERROR\n"
+    "No connection to the server, or what it answers cannot be used; the log tells.\n";
+
+TEST(PkictlError, PrintsNameTextAndMeaning) {
   result done = pkictl({"error", "47"});
   EXPECT_EQ(done.exit_code, 0);
-  EXPECT_EQ(done.out, "47 PKI_HTTP_ERROR: HTTP ERROR\n");
+  EXPECT_EQ(done.out, http_error);
   EXPECT_EQ(done.err, "");
 }
 
 TEST(PkictlError, PrintsJson) {
   result done = pkictl({"error", "0", "--json"});
   EXPECT_EQ(done.exit_code, 0);
-  EXPECT_EQ(nlohmann::json::parse(done.out),
-            (nlohmann::json{{"code", 0}, {"name", "PKI_OK"}, {"text", "Ok"}}));
+  EXPECT_EQ(
+      nlohmann::json::parse(done.out),
+      (nlohmann::json{{"code", 0}, {"name", "PKI_OK"}, {"text", "Ok"}, {"meaning", "Success."}}));
 }
 
 TEST(PkictlError, KnowsEveryCodeOfTheLibrary) {
-  for (unsigned code : {0u, 1u, 30u, 36u, 86u, 87u}) {
+  for (unsigned code = PKI_OK; code <= PKI_OCSP_ERROR; code++) {
     result done = pkictl({"error", std::to_string(code)});
     EXPECT_EQ(done.exit_code, 0);
-    EXPECT_NE(done.out.find(": " + std::string(pki_strerror(code)) + "\n"), std::string::npos);
+    size_t text = done.out.find(": " + std::string(pki_strerror(code)) + "\n");
+    EXPECT_NE(text, std::string::npos) << done.out;
+    EXPECT_TRUE(done.out.ends_with(".\n")) << done.out;
   }
 }
 
 TEST(PkictlError, FindsACodeByItsName) {
   for (const char *name : {"PKI_HTTP_ERROR", "HTTP_ERROR", "http_error", "pki_Http_Error"})
-    EXPECT_EQ(pkictl({"error", name}).out, "47 PKI_HTTP_ERROR: HTTP ERROR\n") << name;
+    EXPECT_EQ(pkictl({"error", name}).out, http_error) << name;
 }
 
 TEST(PkictlError, UnknownNumberFails) {

@@ -74,7 +74,7 @@ TEST(PkictlKeyExport, KeyHasToBeThere) {
   result done = test.pkictl({"key", "export", "other"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: there is no key other in " + test.dir +
-                          "; make it with 'pkictl key generate other'\n");
+                          "; make it with 'pkictl key generate other --state " + test.dir + "'\n");
   EXPECT_EQ(done.out, "");
 }
 
@@ -129,7 +129,7 @@ TEST(PkictlCertExport, CertificateHasToBeThere) {
   result done = test.pkictl({"cert", "export", "device", "cert"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: the key device has no certificate cert in " + test.dir +
-                          "; see 'pkictl key list'\n");
+                          "; see 'pkictl key list --state " + test.dir + "'\n");
 }
 
 }  // namespace

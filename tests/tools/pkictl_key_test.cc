@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "device.h"
 #include "state_fixture.h"
 
@@ -64,7 +66,8 @@ TEST(PkictlKey, GenerateLeavesAKeyThatIsThere) {
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err,
             "pkictl: there is a key device already; take another label, or remove it with"
-            " 'pkictl key remove device'\n");
+            " 'pkictl key remove device --state " +
+                test.dir + "'\n");
   EXPECT_EQ(tool_test::read_file(test.file()), before);
 }
 
@@ -77,8 +80,36 @@ TEST(PkictlKey, SizesThatNobodyMakesAreWrongUsage) {
 
 TEST(PkictlKey, ListOfNoKeysSaysSo) {
   key_state test;
+  std::filesystem::create_directories(test.dir);
   EXPECT_EQ(test.key({"list"}).out, "no keys\n");
   EXPECT_EQ(json::parse(test.key({"list", "--json"}).out), (json{{"keys", json::array()}}));
+}
+
+TEST(PkictlKey, ListOfNoDefaultFolderIsEmpty) {
+  EXPECT_EQ(tool_test::pkictl({"key", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out, "no keys\n");
+}
+
+TEST(PkictlKey, ListOfAFolderThatIsNotThereFails) {
+  key_state test;
+  result done = test.key({"list"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.out, "");
+  EXPECT_EQ(done.err, "pkictl: there is no folder " + test.dir +
+                          "; name the one that 'pkictl key generate' was given\n");
+}
+
+TEST(PkictlKey, HintsNameTheFolderAsAShellTakesIt) {
+  key_state test;
+  test.dir = test.home / "o'clock & 1";
+  EXPECT_EQ(test.key({"remove", "a"}).err, "pkictl: there is no key a in " + test.dir +
+                                               "; see 'pkictl key list --state " +
+                                               (test.home / "o\\'clock\\ \\&\\ 1") + "'\n");
+}
+
+TEST(PkictlKey, HintsLeaveTheDefaultFolderOut) {
+  folder home;
+  result done = tool_test::pkictl({"key", "remove", "a"}, {"XDG_STATE_HOME=" + (home / "")});
+  EXPECT_TRUE(done.err.ends_with("; see 'pkictl key list'\n")) << done.err;
 }
 
 TEST(PkictlKey, ListIsSorted) {
@@ -102,7 +133,8 @@ TEST(PkictlKey, RemoveOfAKeyThatIsNotThereFails) {
   key_state test;
   result done = test.key({"remove", "a"});
   EXPECT_EQ(done.exit_code, 1);
-  EXPECT_EQ(done.err, "pkictl: there is no key a in " + test.dir + "; see 'pkictl key list'\n");
+  EXPECT_EQ(done.err, "pkictl: there is no key a in " + test.dir +
+                          "; see 'pkictl key list --state " + test.dir + "'\n");
 }
 
 TEST(PkictlKey, LabelsCannotLeaveTheFolder) {

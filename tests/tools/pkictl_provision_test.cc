@@ -71,8 +71,10 @@ TEST(PkictlProvision, FailureIsOneLineAndAnErrorInJson) {
   result done = provision(the_lab().lab.url("/misbehave/truncate-body/ca-info"), {"--json"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
-  EXPECT_EQ(json::parse(done.out),
-            (json{{"error", {{"code", 47}, {"name", "PKI_HTTP_ERROR"}, {"text", "HTTP ERROR"}}}}));
+  json error = json::parse(done.out)["error"];
+  EXPECT_EQ("pkictl: " + error["message"].get<std::string>() + "\n", done.err);
+  error.erase("message");
+  EXPECT_EQ(error, (json{{"code", 47}, {"name", "PKI_HTTP_ERROR"}, {"text", "HTTP ERROR"}}));
 }
 
 TEST(PkictlProvision, FailureWithoutJsonPrintsNothing) {
@@ -124,6 +126,16 @@ TEST(PkictlProvision, RefusesAUrlThatIsNotHttp) {
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_NE(done.err.find("INVALID URL (45): give a URL that begins with http://"),
             std::string::npos)
+      << done.err;
+}
+
+TEST(PkictlProvision, AnswerThatIsNoMessageMayBeAWebPage) {
+  support::test_server server({support::ok("<html></html>", "text/html")});
+  result done = provision(server.url("/ca-info"));
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(
+      done.err.ends_with("P7 DECODE ERROR (20): the answer is no whole PKCS#7 message;"
+                         " check the URL: this may be a web page\n"))
       << done.err;
 }
 

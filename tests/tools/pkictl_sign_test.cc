@@ -203,6 +203,7 @@ TEST(PkictlSign, BuildsADocumentFromOptions) {
                            "http://ca/ocsp",
                            "--root",
                            the_lab().file("root-cert.pem"),
+                           "--root",
                            the_lab().file("issuing-cert.pem"),
                            "--additional-cert",
                            the_lab().file("additional-cert.pem")});
@@ -232,6 +233,35 @@ TEST(PkictlSign, TakesEveryCertificateOfAPemFile) {
                         tool_test::read_file(the_lab().file("issuing-cert.pem")));
   ASSERT_EQ(test.sign({"--root", bundle}).exit_code, 0);
   EXPECT_EQ(test.shown()["trusted_roots"].size(), 2u);
+}
+
+TEST(PkictlSign, DocumentBehindAFilesOptionIsTheDocument) {
+  signing test;
+  result done = test.sign({"--root", the_lab().file("root-cert.pem"), "doc.xml"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_EQ(done.err, "pkictl: give either DOC.xml or options that describe the CA, not both\n");
+}
+
+TEST(PkictlSign, NotesElementsThatDevicesPassOver) {
+  signing test;
+  result done =
+      test.sign_text("<QRNPkiConfig><IssuerName>CN=a</IssuerName><TrustedRoot/></QRNPkiConfig>");
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_TRUE(done.err.starts_with(
+      "pkictl: note: Parsing ca-info document: ignoring unexpected tag 'TrustedRoot'; "))
+      << done.err;
+  EXPECT_TRUE(
+      done.err.ends_with("/ca-info.md has those that devices know\n" + std::string(gap_note)))
+      << done.err;
+  EXPECT_EQ(test.shown()["issuer"], "CN=a");
+}
+
+TEST(PkictlSign, ElementsThatDevicesPassOverAreNotedOnceWithTheLog) {
+  signing test;
+  std::string err = test.sign_text("<QRNPkiConfig><TrustedRoot/></QRNPkiConfig>", {"-v"}).err;
+  size_t first = err.find("ignoring unexpected tag");
+  EXPECT_NE(first, std::string::npos) << err;
+  EXPECT_EQ(err.find("ignoring unexpected tag", first + 1), std::string::npos) << err;
 }
 
 TEST(PkictlSign, WritesExpiresAsAnHttpDate) {

@@ -68,7 +68,8 @@ TEST(PkictlState, RestOfACallThatWasKilledIsRemoved) {
 
 TEST(PkictlState, ReadingMakesNoFolder) {
   state_test test;
-  EXPECT_EQ(test.pkictl({"key", "list"}).out, "no keys\n");
+  EXPECT_EQ(test.pkictl({"key", "list"}).exit_code, 1);
+  EXPECT_EQ(test.pkictl({"key", "export", "a"}).exit_code, 1);
   EXPECT_FALSE(exists(test.dir));
 }
 

@@ -214,7 +214,39 @@ TEST(PkictlVerifyCertInput, NothingTrustedIsSaidWithWhatToDo) {
 
 TEST(PkictlVerifyCertInput, MissingStateFolderIsNamed) {
   verify_files files;
-  expect_refused(files.verify({"--state", files.path("absent")}), files.path("absent"));
+  expect_refused(files.pkictl({"verify", files.path("leaf.pem"), "--state", files.path("absent")}),
+                 "there is no folder " + files.path("absent"));
+}
+
+TEST(PkictlVerifyCertInput, MissingStateFolderIsEmptyWhereSomethingIsTrusted) {
+  verify_files files;
+  result done = files.verify({"--state", files.path("absent")});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+}
+
+TEST(PkictlVerifyCertInput, CertificateBehindAFilesOptionIsTheOneToJudge) {
+  verify_files files;
+  result done = files.pkictl({"verify", "--chain", files.path("inter.pem"), "--trust",
+                              files.path("root.pem"), files.path("leaf.pem"), "--json"});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(json::parse(done.out)["file"], files.path("leaf.pem"));
+}
+
+TEST(PkictlVerifyCertInput, FilesOptionsMayBeGivenAgain) {
+  verify_files files;
+  result done = files.pkictl({"verify", files.path("leaf.pem"), "--chain", files.path("root.pem"),
+                              "--chain", files.path("inter.pem"), "--trust",
+                              files.path("inter.pem"), "--trust", files.path("root.pem")});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+}
+
+TEST(PkictlVerifyCertInput, ResponderWithoutHttpIsRefused) {
+  verify_files files;
+  for (const char *url : {"https://x/y", "x", "", "http://"}) {
+    expect_refused(files.verify({"--ocsp", url}),
+                   "--ocsp \"" + std::string(url) +
+                       "\" is no URL that can be asked; give one that begins with http://\n");
+  }
 }
 
 TEST(PkictlVerifyCertInput, DamagedStateIsNamed) {
@@ -240,6 +272,8 @@ TEST(PkictlVerifyCertInput, ReasonIsGivenAsJsonToo) {
   result done = files.verify_file(files.path("absent.pem"), {"--json"});
   EXPECT_EQ(done.exit_code, 2);
   std::string text = json::parse(done.out)["error"]["text"];
+  EXPECT_EQ("pkictl: " + json::parse(done.out)["error"]["message"].get<std::string>() + "\n",
+            done.err);
   EXPECT_NE(text.find(files.path("absent.pem")), std::string::npos) << text;
 }
 

@@ -90,7 +90,7 @@ class PkictlVerifyCrl : public testing::Test {
 
   // A chain with this certificate in it: collected are all untrusted ones but the first.
   strings knowing(const std::string &signer) const {
-    return {"--chain", lab_.file("root-cert.pem"), lab_.file("crl/" + signer + ".pem")};
+    return {"--chain", lab_.file("root-cert.pem"), "--chain", lab_.file("crl/" + signer + ".pem")};
   }
   // The lab makes a delegated signer when a list of theirs is first asked for.
   void make_signer(const std::string &query) const {

@@ -56,6 +56,7 @@ TEST(PkictlVerify, KeyOfAStrangerIsOne) {
   EXPECT_EQ(printed["signature"], "bad");
   EXPECT_EQ(printed["content"], "not checked");
   EXPECT_EQ(printed["error"]["code"], 29);
+  EXPECT_EQ("pkictl: " + printed["error"]["message"].get<std::string>() + "\n", done.err);
 }
 
 TEST(PkictlVerify, TruncatedFileIsOne) {
@@ -79,12 +80,26 @@ TEST(PkictlVerify, WellSignedNonsenseIsOne) {
   EXPECT_EQ(printed["error"]["code"], 54);
 }
 
+TEST(PkictlVerify, ElementThatDevicesPassOverIsNoted) {
+  folder home;
+  std::string xml = home.write("doc.xml", "<QRNPkiConfig><TrustedRoot/></QRNPkiConfig>");
+  pkictl({"cainfo", "sign", xml, "--key", the_lab().file("doc-key.pem"), "--out", home / "doc"});
+  result done = verify(home / "doc");
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_TRUE(done.err.starts_with(
+      "pkictl: note: Parsing ca-info document: ignoring unexpected tag 'TrustedRoot'; "))
+      << done.err;
+  EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+}
+
 TEST(PkictlVerify, MissingFileIsOneLineAndAnErrorInJson) {
   folder home;
   result done = verify(home / "none", "doc-key.pub.pem", {"--json"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: cannot read " + (home / "none") + ": No such file or directory\n");
-  EXPECT_TRUE(json::parse(done.out)["error"].contains("text"));
+  json error = json::parse(done.out)["error"];
+  EXPECT_EQ("pkictl: " + error["message"].get<std::string>() + "\n", done.err);
+  EXPECT_EQ(error["text"], error["message"]);
 }
 
 TEST(PkictlShow, WithoutAKeySaysThatNobodyCheckedTheSignature) {

@@ -13,16 +13,6 @@ namespace pkictl {
 
 namespace {
 
-bool is_http_url(const char *url) {
-  char *copy = nullptr;
-  char *host = nullptr;
-  char *path = nullptr;
-  if (!url || parse_url(url, &copy, &host, &path) != 0)
-    return false;
-  std::unique_ptr<char, tools::free_with<free>> owner(copy);
-  return strcasecmp(copy, "http") == 0 && *host;
-}
-
 void require_http(const std::string &what, const char *url, ca_info_use *use) {
   if (!is_http_url(url))
     use->faults.push_back("devices cannot use the " + what + " URL " + (url ? url : "") +
@@ -49,6 +39,16 @@ void for_each(const STACK *list, int mechanism, Judge judge) {
 }
 
 }  // namespace
+
+bool is_http_url(const char *url) {
+  char *copy = nullptr;
+  char *host = nullptr;
+  char *path = nullptr;
+  if (!url || parse_url(url, &copy, &host, &path) != 0)
+    return false;
+  std::unique_ptr<char, tools::free_with<free>> owner(copy);
+  return strcasecmp(copy, "http") == 0 && *host;
+}
 
 ca_info_use judge_use(const ca_info &ca) {
   ca_info_use use;

@@ -14,6 +14,9 @@ struct ca_info_use {
   std::vector<std::string> gaps;    // what is missing, perhaps on purpose
 };
 
+// Can it be asked at all?
+bool is_http_url(const char *url);
+
 ca_info_use judge_use(const ca_info &ca);
 
 }  // namespace pkictl

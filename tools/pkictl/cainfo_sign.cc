@@ -13,6 +13,8 @@
 #include "tools/common/keys.h"
 #include "tools/pkictl/ca_info_use.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/files_option.h"
+#include "tools/pkictl/ignored_elements.h"
 #include "tools/pkictl/library.h"
 
 namespace pkictl {
@@ -122,8 +124,9 @@ std::vector<std::string> check_use(const options &given, const ca_info &ca) {
 }
 
 // So is one that every device refuses.
-std::vector<std::string> check_content(const options &given, const std::string &xml) {
-  tools::read_ca_info read = tools::read_document(xml);
+std::vector<std::string> check_content(const context &where, const options &given,
+                                       const std::string &xml) {
+  tools::read_ca_info read = read_and_tell_ignored(where, xml);
   int code = read.code;
   if (code == 0)
     return check_use(given, *read.info);
@@ -140,7 +143,7 @@ int sign(const context &where, const options &given) {
   tools::prepared_document document = make_document(given);
   if (document.expires_moved)
     tools::complain("pkictl", expires_note);
-  std::vector<std::string> notes = check_content(given, document.xml);
+  std::vector<std::string> notes = check_content(where, given, document.xml);
   std::string message = tools::sign_document(document.xml, key.get());
   tools::write_file(given.out, message, 0644);
   for (const std::string &note : notes)
@@ -171,13 +174,9 @@ void add_description_options(CLI::App *command, options *given) {
   text("--scep-get-cert-url", &given->ca.scep_get_cert_url, "Where certificates are looked up");
   text("--ldap-url", &given->ca.ldap_url, "Where certificates are looked up by LDAP");
   text("--ocsp-url", &given->ca.ocsp_url, "The CA's OCSP responder");
-  command->add_option("--root", given->roots, "Files of trusted roots")
-      ->type_name("FILE")
-      ->group(group);
-  command
-      ->add_option("--additional-cert", given->additional_certs,
-                   "Files of other certificates that devices shall know, not trust")
-      ->type_name("FILE")
+  add_files_option(command, "--root", &given->roots, "A file of trusted roots")->group(group);
+  add_files_option(command, "--additional-cert", &given->additional_certs,
+                   "A file of other certificates that devices shall know, not trust")
       ->group(group);
 }
 

@@ -8,6 +8,7 @@
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/ignored_elements.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/signed_file.h"
 
@@ -27,12 +28,13 @@ struct verdict {
   bool signature_good = false;
 };
 
-verdict judge(const std::string &file, const std::string &message, EVP_PKEY *key) {
+verdict judge(const context &where, const std::string &file, const std::string &message,
+              EVP_PKEY *key) {
   std::string xml;
   int code = open_signed(message, key, &xml);
   if (code != 0)
     return {file + " has no good signature", code, false};
-  code = tools::read_document(xml).code;
+  code = read_and_tell_ignored(where, xml).code;
   if (code != 0)
     return {file + " is signed well, but devices refuse what it says", code, true};
   return {"", 0, true};
@@ -46,7 +48,7 @@ json verdict_json(const options &given, const verdict &found) {
                             : found.code == 0     ? "good"
                                                   : "bad"}};
   if (found.code != 0)
-    value["error"] = code_json(static_cast<unsigned>(found.code));
+    value["error"] = failure_json(found.code, failure_text(found.what, found.code));
   return value;
 }
 
@@ -54,7 +56,7 @@ int verify(const context &where, const options &given) {
   tools::key_ptr key = tools::load_public_key(given.doc_key);
   std::string message = tools::read_file(given.file);
   start_library();
-  verdict found = judge(given.file, message, key.get());
+  verdict found = judge(where, given.file, message, key.get());
   if (where.json)
     where.out->write_json(verdict_json(given, found));
   if (found.code != 0) {

@@ -164,13 +164,16 @@ int enroll(const context &where, const options &given) {
 
 void add_limits(CLI::App *command, options *given) {
   command
-      ->add_option("--polls", given->polls,
-                   "Give up after so many polls, 600 seconds apart; 0 at the first PENDING")
+      ->add_option(
+          "--polls", given->polls,
+          "Give up after so many polls, 600 seconds apart; 0: at the first PENDING, without a"
+          " poll. By default the command polls until the CA decides")
       ->check(CLI::Range(0, INT_MAX))
       ->type_name("N");
   command
-      ->add_option("--timeout", given->timeout_s,
-                   "Give up a request that is still pending after so many seconds")
+      ->add_option(
+          "--timeout", given->timeout_s,
+          "Give up a request that is still pending after so many seconds; by default never")
       ->check(CLI::Range(1u, longest_timeout_s))
       ->type_name("SECONDS");
 }

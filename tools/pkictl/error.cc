@@ -1,4 +1,4 @@
-// pkictl error N: the name and text of an error code.
+// pkictl error N: the name, text and meaning of an error code.
 #include <strings.h>
 
 #include <CLI/CLI.hpp>
@@ -31,11 +31,14 @@ int explain(const context &where, const std::string &text) {
   unsigned code = read_code(text);
   if (code_name(code).empty())
     throw tools::failure(code_text(code) + ": the library's codes are 0 to 87");
-  if (where.json)
-    where.out->write_json(code_json(code));
-  else
-    where.out->write_text(std::to_string(code) + " " + code_name(code) + ": " + code_text(code) +
-                          "\n");
+  if (where.json) {
+    json explained = code_json(code);
+    explained["meaning"] = code_meaning(code);
+    where.out->write_json(explained);
+    return 0;
+  }
+  where.out->write_text(std::to_string(code) + " " + code_name(code) + ": " + code_text(code) +
+                        "\n" + code_meaning(code) + "\n");
   return 0;
 }
 
@@ -43,7 +46,8 @@ int explain(const context &where, const std::string &text) {
 
 void add_error_command(CLI::App &app, action *chosen) {
   auto code = std::make_shared<std::string>();
-  CLI::App *command = app.add_subcommand("error", "Print the name and text of an error code");
+  CLI::App *command =
+      app.add_subcommand("error", "Print the name, text and meaning of an error code");
   command->add_option("N", *code, "The code, as an operation or a log line gave it, or its name")
       ->type_name("N|NAME")
       ->required();

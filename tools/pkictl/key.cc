@@ -45,18 +45,18 @@ std::string key_text(const json &key) {
   return text;
 }
 
-void require_no_key(const saved_state &kept, const std::string &label) {
+void require_no_key(const saved_state &kept, const std::string &label, const state_folder &state) {
   if (kept.keys.count(label) != 0)
     throw tools::failure("there is a key " + label +
-                         " already; take another label, or remove it with 'pkictl key remove " +
-                         label + "'");
+                         " already; take another label, or remove it with " +
+                         state.command("key remove " + label));
 }
 
 void require_key(const saved_state &kept, const std::string &label, const state_folder &state) {
   check_label("the key", label);
   if (kept.keys.count(label) == 0)
-    throw tools::failure("there is no key " + label + " in " + state.folder() +
-                         "; see 'pkictl key list'");
+    throw tools::failure("there is no key " + label + " in " + state.folder() + "; see " +
+                         state.command("key list"));
 }
 
 saved_key make_key(const options &given) {
@@ -74,11 +74,11 @@ saved_key make_key(const options &given) {
 int generate(const context &where, const options &given) {
   check_label("the key", given.label);
   state_folder state(given.state);
-  require_no_key(state.load(), given.label);
+  require_no_key(state.load(), given.label, state);
   saved_key made = make_key(given);
   json key = key_json(given.label, made);
   state.update([&](saved_state *kept) {
-    require_no_key(*kept, given.label);
+    require_no_key(*kept, given.label, state);
     kept->keys[given.label] = std::move(made);
   });
   if (given.bits < lowest_bits_for_tls)
@@ -93,6 +93,9 @@ int generate(const context &where, const options &given) {
 }
 
 int list(const context &where, const options &given) {
+  if (state_folder::is_missing(given.state))
+    throw tools::failure("there is no folder " + given.state +
+                         "; name the one that 'pkictl key generate' was given");
   saved_state kept = state_folder(given.state).load();
   json keys = json::array();
   for (const auto &[label, key] : kept.keys)

@@ -13,12 +13,11 @@ namespace {
 struct code_row {
   unsigned code;
   const char *name;
+  const char *meaning;
 };
 
 constexpr code_row code_rows[] = {
-#define PKI_ERROR(code, name, text) {(code), "PKI_" #name},
-#include <libpki/error_list.inc>
-#undef PKI_ERROR
+#include "code_rows.inc"
 };
 
 // What the person at the command line can do about a code; "" where the text says it all.
@@ -78,12 +77,25 @@ std::string code_name(unsigned code) {
   return "";
 }
 
+std::string code_meaning(unsigned code) {
+  for (const code_row &row : code_rows)
+    if (row.code == code)
+      return row.meaning;
+  return "";
+}
+
 std::string code_text(unsigned code) {
   return tools::trim(pki_strerror(code));
 }
 
 json code_json(unsigned code) {
   return {{"code", code}, {"name", code_name(code)}, {"text", code_text(code)}};
+}
+
+json failure_json(int code, const std::string &message) {
+  json error = code_json(static_cast<unsigned>(code));
+  error["message"] = message;
+  return error;
 }
 
 std::string code_text_and_number(int code) {

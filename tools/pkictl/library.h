@@ -17,8 +17,14 @@ std::string code_name(unsigned code);
 // pki_strerror without its closing line feed.
 std::string code_text(unsigned code);
 
+// What the code means in general, one sentence; "" for a number that is no code.
+std::string code_meaning(unsigned code);
+
 // {"code": 47, "name": "PKI_HTTP_ERROR", "text": "HTTP ERROR"}
 json code_json(unsigned code);
+
+// The same with the sentence that stands on stderr too, as "message".
+json failure_json(int code, const std::string &message);
 
 // "HTTP ERROR (47)"
 std::string code_text_and_number(int code);

@@ -75,10 +75,10 @@ int run(const action &chosen, const context &given) {
       return chosen(where);
     } catch (const tools::library_failure &error) {
       tools::complain("pkictl", error.what());
-      report_failure(where, pkictl::code_json(static_cast<unsigned>(error.code())));
+      report_failure(where, pkictl::failure_json(error.code(), error.what()));
     } catch (const tools::failure &error) {
       tools::complain("pkictl", error.what());
-      report_failure(where, {{"text", error.what()}});
+      report_failure(where, {{"text", error.what()}, {"message", error.what()}});
     }
     return tools::exit_failed;
   } catch (const tools::usage_failure &error) {

@@ -36,6 +36,10 @@ struct options {
   if (code == PKI_FLASH_ERROR)
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) + ": " +
                                            board_problem(board_wants::serial_number));
+  if (code == PKI_P7_DECODE_ERROR)
+    throw tools::library_failure(code, what + ": " + code_text_and_number(code) +
+                                           ": the answer is no whole PKCS#7 message; check the"
+                                           " URL: this may be a web page");
   throw tools::library_failure(code, failure_text(what, code, heard));
 }
 

@@ -1,7 +1,9 @@
 #include "tools/pkictl/state.h"
 
 #include <CLI/CLI.hpp>
+#include <cctype>
 #include <cstdlib>
+#include <cstring>
 
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
@@ -21,6 +23,18 @@ std::string default_folder() {
   if (home && home[0] == '/')
     return std::string(home) + "/.local/state/pkictl";
   return "";
+}
+
+// As a shell takes it for one word.
+std::string shell_word(const std::string &text) {
+  std::string word;
+  for (char octet : text) {
+    if (isprint(static_cast<unsigned char>(octet)) && !isalnum(static_cast<unsigned char>(octet)) &&
+        !strchr("/._-+@%,:=", octet))
+      word += '\\';
+    word += octet;
+  }
+  return word;
 }
 
 template <class Entries>
@@ -48,7 +62,7 @@ void add_state_option(CLI::App *command, std::string *state) {
 }
 
 state_folder::state_folder(const std::string &given)
-    : folder_(given.empty() ? default_folder() : given) {
+    : is_named_(!given.empty()), folder_(given.empty() ? default_folder() : given) {
   if (folder_.empty())
     throw tools::failure("there is no home folder to keep the state in; give --state DIR");
   while (folder_.size() > 1 && folder_.ends_with('/'))
@@ -57,6 +71,14 @@ state_folder::state_folder(const std::string &given)
 
 bool state_folder::is_known(const std::string &given) {
   return !given.empty() || !default_folder().empty();
+}
+
+bool state_folder::is_missing(const std::string &given) {
+  return !given.empty() && !tools::file_exists(given);
+}
+
+std::string state_folder::command(const std::string &words) const {
+  return "'pkictl " + words + (is_named_ ? " --state " + shell_word(folder_) : "") + "'";
 }
 
 std::string state_folder::file() const {
@@ -92,17 +114,16 @@ saved_ca &state_folder::ca_in(saved_state *kept, const std::string &label) const
   check_label("the CA", label);
   if (saved_ca *ca = find(&kept->cas, label))
     return *ca;
-  throw tools::failure("there is no CA " + label + " in " + folder_ +
-                       "; provision it with 'pkictl provision URL --doc-key KEY --label " + label +
-                       "'");
+  throw tools::failure("there is no CA " + label + " in " + folder_ + "; provision it with " +
+                       command("provision URL --doc-key KEY --label " + label));
 }
 
 saved_key &state_folder::key_in(saved_state *kept, const std::string &label) const {
   check_label("the key", label);
   if (saved_key *key = find(&kept->keys, label))
     return *key;
-  throw tools::failure("there is no key " + label + " in " + folder_ +
-                       "; make it with 'pkictl key generate " + label + "'");
+  throw tools::failure("there is no key " + label + " in " + folder_ + "; make it with " +
+                       command("key generate " + label));
 }
 
 X509 *state_folder::cert_in(saved_state *kept, const std::string &key,
@@ -112,7 +133,7 @@ X509 *state_folder::cert_in(saved_state *kept, const std::string &key,
   if (const tools::cert_ptr *found = find(&holder.certs, cert))
     return found->get();
   throw tools::failure("the key " + key + " has no certificate " + cert + " in " + folder_ +
-                       "; see 'pkictl key list'");
+                       "; see " + command("key list"));
 }
 
 }  // namespace pkictl

@@ -24,12 +24,17 @@ class state_folder {
   // Can the folder be told? Not without --state where there is no home.
   static bool is_known(const std::string &given);
 
+  // Was a folder named that is not there?
+  static bool is_missing(const std::string &given);
+
   // The folder for --state; for "" pkictl in $XDG_STATE_HOME or in ~/.local/state. It is made when
   // something is saved.
   explicit state_folder(const std::string &given);
 
   const std::string &folder() const { return folder_; }
   std::string file() const;
+  // A command as a person is to type it, with --state where that was given: 'pkictl key list'
+  std::string command(const std::string &words) const;
 
   // All that is kept; nothing where there is no file.
   saved_state load() const;
@@ -44,6 +49,7 @@ class state_folder {
   X509 *cert_in(saved_state *kept, const std::string &key, const std::string &cert) const;
 
  private:
+  bool is_named_;
   std::string folder_;
 };
 

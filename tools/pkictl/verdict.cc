@@ -10,11 +10,11 @@ int fail_with_two(const context &where, const std::function<int()> &run) {
     return run();
   } catch (const tools::library_failure &error) {
     if (where.json)
-      where.out->write_json({{"error", code_json(static_cast<unsigned>(error.code()))}});
+      where.out->write_json({{"error", failure_json(error.code(), error.what())}});
     throw tools::usage_failure(error.what());
   } catch (const tools::failure &error) {
     if (where.json)
-      where.out->write_json({{"error", {{"text", error.what()}}}});
+      where.out->write_json({{"error", {{"text", error.what()}, {"message", error.what()}}}});
     throw tools::usage_failure(error.what());
   }
 }

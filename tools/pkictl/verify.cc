@@ -15,7 +15,9 @@
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
+#include "tools/pkictl/ca_info_use.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/files_option.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/memory.h"
 #include "tools/pkictl/report.h"
@@ -35,6 +37,7 @@ struct options {
   std::vector<std::string> trust;
   std::string flavour = "internet";
   std::string state;
+  bool has_ocsp = false;
   std::string ocsp;
   std::string ocsp_signer;
   bool memory = false;
@@ -71,7 +74,7 @@ certs_ptr load_all(const std::vector<std::string> &files) {
 
 // Enters the CAs of the state folder, where there is one, and collects their roots.
 void add_saved_roots(const options &given, STACK_OF(X509) * trusted) {
-  if (!given.state.empty() && !tools::file_exists(given.state))
+  if (given.trust.empty() && state_folder::is_missing(given.state))
     throw tools::failure("there is no folder " + given.state +
                          "; name the one that 'pkictl provision' was given");
   if (!state_folder::is_known(given.state))
@@ -96,7 +99,7 @@ certs_ptr find_trusted(const options &given) {
 
 // A status rule for every certificate, asked before the certificate's own sources.
 void add_responder(const options &given) {
-  if (given.ocsp.empty())
+  if (!given.has_ocsp)
     return;
   tools::cert_ptr signer;
   if (!given.ocsp_signer.empty())
@@ -169,7 +172,14 @@ json verify_cert(const options &given, X509 *cert, STACK_OF(X509) * untrusted,
   return report;
 }
 
+void check_usage(const options &given) {
+  if (given.has_ocsp && !is_http_url(given.ocsp.c_str()))
+    throw tools::usage_failure("--ocsp \"" + given.ocsp +
+                               "\" is no URL that can be asked; give one that begins with http://");
+}
+
 int verify(const context &where, const options &given) {
+  check_usage(given);
   tools::cert_ptr cert = tools::load_certificate(given.cert);
   certs_ptr untrusted = load_all(given.chain);
   start_library();
@@ -206,16 +216,17 @@ void add_verify_command(CLI::App &app, action *chosen) {
   CLI::App *command =
       app.add_subcommand("verify", "Judge a certificate as a host of the library does");
   command->add_option("CERT", given->cert, "The certificate (PEM or DER)")->required();
-  command->add_option("--chain", given->chain, "Files of further, untrusted certificates")
-      ->type_name("FILE");
-  command->add_option("--trust", given->trust, "Files of trusted certificates")->type_name("FILE");
+  add_files_option(command, "--chain", &given->chain, "A file of further, untrusted certificates");
+  add_files_option(command, "--trust", &given->trust, "A file of trusted certificates");
   command
       ->add_option("--flavour", given->flavour,
                    "internet: with statuses; local: without, and without validity periods")
       ->check(CLI::IsMember({"internet", "local"}))
       ->capture_default_str();
   CLI::Option *ocsp = command->add_option(
-      "--ocsp", given->ocsp, "A responder to ask about every certificate, before those it names");
+      "--ocsp", given->ocsp,
+      "A responder (http) to ask about every certificate, before those that the certificate names;"
+      " the rules of the state's CAs are asked before it");
   ocsp->type_name("URL");
   command
       ->add_option("--ocsp-signer", given->ocsp_signer,
@@ -226,6 +237,7 @@ void add_verify_command(CLI::App &app, action *chosen) {
   command->footer(verify_footer);
   command->add_flag("--memory", given->memory, "Tell too how much memory it took at the most");
   command->callback([=] {
+    given->has_ocsp = ocsp->count() > 0;
     *chosen = [=](const context &where) {
       return fail_with_two(where, [&] { return verify(where, *given); });
     };
