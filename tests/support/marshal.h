@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -153,7 +154,7 @@ struct note {
   char *text = nullptr;
   int number = 0;
 };
-inline int notes_alive = 0;
+inline std::atomic<int> notes_alive = 0;
 inline void *new_note() {
   // malloc, so that tests can make it fail.
   void *room = malloc(sizeof(note));

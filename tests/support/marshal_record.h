@@ -70,14 +70,14 @@ struct record {
   EVP_PKEY *private_key;
   X509 *cert;
 };
-inline int records_alive = 0;
+inline std::atomic<int> records_alive = 0;
 inline void *new_record() {
   void *made = calloc(1, sizeof(record));
   if (made)
     records_alive++;
   return made;
 }
-inline int choices_alive = 0;
+inline std::atomic<int> choices_alive = 0;
 inline void *new_choice() {
   void *made = calloc(1, sizeof(record_choice));
   if (made)

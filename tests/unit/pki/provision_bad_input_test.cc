@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,7 @@ class ProvisionBadInput : public support::store_test {
 };
 
 TEST_F(ProvisionBadInput, EveryTruncationOfTheMessageIsRefused) {
-  size_t length = 0;
+  std::atomic<size_t> length = 0;
   support::test_server server(
       [&](const std::string &) { return support::ok(message.substr(0, length)); });
   std::string url = server.url();
@@ -44,7 +45,7 @@ TEST_F(ProvisionBadInput, EveryTruncationOfTheMessageIsRefused) {
 
 TEST_F(ProvisionBadInput, EveryTruncationOfTheAnswerIsRefused) {
   std::string whole = support::ok(message).bytes;
-  size_t length = 0;
+  std::atomic<size_t> length = 0;
   support::test_server server(
       [&](const std::string &) { return support::raw(whole.substr(0, length)); });
   std::string url = server.url();
@@ -58,7 +59,7 @@ TEST_F(ProvisionBadInput, EveryTruncationOfTheAnswerIsRefused) {
 }
 
 TEST_F(ProvisionBadInput, EveryChangedOctetOfTheMessageIsRefused) {
-  size_t at = 0;
+  std::atomic<size_t> at = 0;
   support::test_server server([&](const std::string &) {
     std::string changed = message;
     changed[at] = static_cast<char>(changed[at] ^ 0x01);

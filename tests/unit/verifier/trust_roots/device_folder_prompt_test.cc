@@ -28,6 +28,7 @@ int exit_code_of(pid_t child) {
 FRESH_PROCESS_TEST(DeviceFolderPromptDeathTest, ATerminalIsNotAsked) {
   device.write("encrypted.pem", encrypted_pem(device_root("encrypted"), pass_phrase));
   int terminal = -1;
+  fflush(nullptr);
   pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(child, 0);
   if (child == 0)
