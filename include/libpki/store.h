@@ -132,8 +132,8 @@ PKI_API int pki_get_certificate(const char *ca_label, const char *key_label, con
 
 /*
  * Removes the first key of that label with its certificates, which leave the untrusted lists and
- * every CA's trusted roots too. Returns 0; 50 ("NO SUCH CA", not 51) there is
- * no such key. For the management thread.
+ * every CA's trusted roots too. Returns 0; 50 ("NO SUCH CA", not 51) there is no such key. For the
+ * management thread.
  */
 PKI_API int pki_remove_key(const char *label);
 
