@@ -34,6 +34,10 @@ enum class expiry : unsigned char { ahead, passed, unknown };
 // For questions where "the same" is the answer that lets nobody in.
 [[nodiscard]] bool may_be_same_cert(X509 *one, X509 *other);
 
+// Is it now between notBefore and notAfter, or so many seconds off at the most? A time that cannot
+// be read is no.
+[[nodiscard]] bool is_within_validity(const X509 *cert, time_t tolerance_seconds);
+
 // What log lines call a certificate: its subject on one line, as OpenSSL writes it.
 class subject_text {
  public:

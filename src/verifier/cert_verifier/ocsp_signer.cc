@@ -5,7 +5,6 @@
 #include <openssl/x509v3.h>
 
 #include <cstring>
-#include <ctime>
 
 #include "common/limits.h"
 #include "verifier/cert_verifier/internal.h"
@@ -169,13 +168,8 @@ trust is_issued_by(X509 *signer, X509 *issuer) {
   return trust::no;
 }
 
-bool is_within_validity(X509 *signer) {
-  openssl_error_mark the_line_says_it_all;
-  time_t latest_start = time(nullptr) + ocsp_clock_tolerance_seconds;
-  // X509_cmp_time counts the same second as earlier.
-  time_t earliest_end = time(nullptr) - ocsp_clock_tolerance_seconds - 1;
-  if (X509_cmp_time(X509_get0_notBefore(signer), &latest_start) < 0 &&
-      X509_cmp_time(X509_get0_notAfter(signer), &earliest_end) > 0)
+bool is_signer_valid_now(const X509 *signer) {
+  if (is_within_validity(signer, ocsp_clock_tolerance_seconds))
     return true;
   syslog(log_warning, "ocsp-response signer (%s) is outside its validity period - discarding",
          subject_text(signer).get());
@@ -223,7 +217,7 @@ trust check_delegation(const ocsp_query &query, X509 *signer) {
   trust issued = is_issued_by(signer, query.issuer);
   if (issued != trust::yes)
     return issued;
-  if (!is_within_validity(signer))
+  if (!is_signer_valid_now(signer))
     return trust::no;
   bool is_spared = !may_be_same_cert(signer, query.cert) && is_spared_status_check(signer);
   return is_spared ? trust::yes : check_status_of_signer(query, signer);

@@ -49,13 +49,8 @@ bool is_issued_by(X509 *signer, X509 *issuer) {
 }
 
 // An old key must not speak for ever. (A verified path looks at this itself.)
-bool is_within_validity(X509 *signer) {
-  openssl_error_mark the_line_says_it_all;
-  time_t latest_start = time(nullptr) + clock_tolerance_seconds;
-  // X509_cmp_time counts the same second as earlier.
-  time_t earliest_end = time(nullptr) - clock_tolerance_seconds - 1;
-  if (X509_cmp_time(X509_get0_notBefore(signer), &latest_start) < 0 &&
-      X509_cmp_time(X509_get0_notAfter(signer), &earliest_end) > 0)
+bool is_signer_valid_now(const X509 *signer) {
+  if (is_within_validity(signer, clock_tolerance_seconds))
     return true;
   syslog(log_warning, "crl signer's cert (%s) is outside its validity period => crl rejected",
          subject_text(signer).get());
@@ -134,7 +129,7 @@ bool may_sign_crl(const crl_question &asked, const crl_info *record, X509 *signe
     return false;
   }
   if (asked.issuer_trusted && asked.issuer && is_issued_by(signer, asked.issuer))
-    return is_within_validity(signer) && is_status_good(asked, signer);
+    return is_signer_valid_now(signer) && is_status_good(asked, signer);
   return is_path_good(asked, signer);
 }
 

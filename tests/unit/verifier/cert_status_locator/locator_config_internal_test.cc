@@ -1,4 +1,6 @@
 // Locators from the status rules of the store.
+#include <functional>
+
 #include "../cache_support.h"
 #include "locator_support.h"
 
@@ -13,6 +15,20 @@ class LocatorConfig : public locator_test {
   int run_pass(bool before_pass) {
     return pki::cv_csl_find_loc_in_config(cert_.get(), list_.get(), before_pass);
   }
+
+  // The list where a "before" rule is lost because its signer cannot be shared; `add_more` adds the
+  // rules behind it.
+  static list_ptr find_behind_lost_rule(
+      const support::cert &cert, ending ends = goes_on,
+      const std::function<void()> &add_more = [] {}) {
+    support::cert signer = support::make_ca("responder");
+    add_ocsp(nullptr, "http://a/", before, ends, signer.get());
+    add_more();
+    fake_failures::fail_x509_up_ref();
+    return find_locators(cert);
+  }
+
+  support::cert names_responder_ = make_cert({extension_der::aia({"http://own/"})});
 
   // An empty list, for single passes.
   list_ptr list_{nullptr, pki::zv_cv_free_csl_list};
@@ -212,14 +228,10 @@ TEST_F(LocatorConfig, SignerWithoutReferenceEndsThePass) {
 }
 
 TEST_F(LocatorConfig, OtherSourcesStandBehindAFirstPassThatFailed) {
-  support::cert signer = support::make_ca("responder");
-  add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
   add_always_ok(nullptr, after);
-  support::cert cert =
+  list_ptr list = find_behind_lost_rule(
       make_cert({extension_der::aia({"http://own/"}),
-                 extension_der::crl_dp_of(extension_der::point_at("http://crl/"))});
-  fake_failures::fail_x509_up_ref();
-  list_ptr list = find_locators(cert);
+                 extension_der::crl_dp_of(extension_der::point_at("http://crl/"))}));
   EXPECT_EQ((lines{"ocsp http://own/", "points 1 delta 0", "always-ok final"}), describe(list));
   EXPECT_TRUE(list->incomplete);
 }
@@ -229,47 +241,34 @@ TEST_F(LocatorConfig, RuleWithoutDataEndsThePassOnly) {
   auto *rule = static_cast<cert_status_info *>(OPENSSL_sk_value(pki_store->global_status_rules, 0));
   free_ocsp_info(static_cast<ocsp_info *>(rule->data));
   rule->data = nullptr;
-  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  list_ptr list = find_locators(names_responder_);
   EXPECT_EQ(lines{"ocsp http://own/"}, describe(list));
   EXPECT_TRUE(list->incomplete);
   EXPECT_EQ(1U, count_logged(3, "failed to add ocsp locator to list: INVALID ARGS")) << log_dump();
 }
 
 TEST_F(LocatorConfig, NothingStandsBehindAFinalRuleThatIsMissing) {
-  support::cert signer = support::make_ca("responder");
-  add_ocsp(nullptr, "http://a/", before, is_final, signer.get());
   add_always_ok(nullptr, after);
-  fake_failures::fail_x509_up_ref();
-  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  list_ptr list = find_behind_lost_rule(names_responder_, is_final);
   EXPECT_EQ(lines{}, describe(list));
   EXPECT_TRUE(list->incomplete);
 }
 
-// The pass ended before it came to the final one.
 TEST_F(LocatorConfig, NothingStandsBehindAFinalRuleThatWasNotReached) {
-  support::cert signer = support::make_ca("responder");
-  add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
-  add_crls(nullptr, {"http://crl/"}, before, is_final);
-  fake_failures::fail_x509_up_ref();
-  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  list_ptr list = find_behind_lost_rule(
+      names_responder_, goes_on, [] { add_crls(nullptr, {"http://crl/"}, before, is_final); });
   EXPECT_EQ(lines{}, describe(list));
   EXPECT_TRUE(list->incomplete);
 }
 
 TEST_F(LocatorConfig, FinalRuleOfTheOtherPassDoesNotMatter) {
-  support::cert signer = support::make_ca("responder");
-  add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
   add_crls(nullptr, {"http://crl/"}, after, is_final);
-  fake_failures::fail_x509_up_ref();
-  list_ptr list = find_locators(make_cert({extension_der::aia({"http://own/"})}));
+  list_ptr list = find_behind_lost_rule(names_responder_);
   EXPECT_EQ((lines{"ocsp http://own/", "crls http://crl/ final"}), describe(list));
 }
 
 TEST_F(LocatorConfig, FailureOfTheOnlySourceLeavesAnIncompleteList) {
-  support::cert signer = support::make_ca("responder");
-  add_ocsp(nullptr, "http://a/", before, goes_on, signer.get());
-  fake_failures::fail_x509_up_ref();
-  list_ptr list = find_locators(cert_);
+  list_ptr list = find_behind_lost_rule(cert_);
   EXPECT_EQ(lines{}, describe(list));
   EXPECT_TRUE(list->incomplete);
 }
