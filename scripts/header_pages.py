@@ -87,6 +87,9 @@ def sentence(title):
 
 def without_guards(text):
     """A type as a reader sees it, without what only compilers want."""
+    # What follows __extension__ is written as its continuation, one step deeper.
+    text = re.sub(r"^#if defined\(__GNUC__\)\n( *)__extension__\n#endif\n *", r"\1", text,
+                  flags=re.MULTILINE)
     return re.sub(r"^#if defined\(__GNUC__\)\n.*?^#endif\n", "", text,
                   flags=re.DOTALL | re.MULTILINE)
 

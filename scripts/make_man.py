@@ -18,6 +18,7 @@ from pathlib import Path
 
 import roff
 import tool_help
+from error_list import error_codes
 from header_pages import Manual, read_header
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -29,11 +30,6 @@ def page_date():
 
 
 # ---- section 3 ----
-
-def error_codes():
-    text = (ROOT / "include/libpki/error_list.inc").read_text(encoding="utf-8")
-    return re.findall(r'^PKI_ERROR\((\d+), (\w+), "(.*)"\)\s*/\* (.*) \*/$', text, re.MULTILINE)
-
 
 def plain(markdown):
     """Markdown's paragraphs as a header's comment would write them."""

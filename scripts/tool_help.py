@@ -56,6 +56,10 @@ class Command:
     def options(self):
         return [item for group in self.groups for item in group.items if item.flags()]
 
+    def arguments(self):
+        return [item for group in self.groups if group.title == "Positionals"
+                for item in group.items]
+
     def choices(self, item):
         """What an option takes, where that is listed. "NAME=VALUE" is left at "NAME="."""
         found = item.choices()

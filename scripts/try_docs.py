@@ -64,7 +64,7 @@ class Trial:
         self.children = []
         (folder / "board").mkdir()
         (folder / "board" / "serialnumber").write_text("SN-0001\n", encoding="ascii")
-        (folder / "board" / "secret").write_text("device-secret\n", encoding="ascii")
+        (folder / "board" / "secret").write_text("device-secret", encoding="ascii")
         self.environment = {**os.environ, "BOARD_INFO_DIR": str(folder / "board")}
 
     def start(self, *command):

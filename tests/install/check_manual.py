@@ -50,6 +50,23 @@ def check_functions():
     return len(names)
 
 
+def check_code():
+    """No line of a type stands deeper than what it encloses."""
+    for path in sorted((manual / "man3").glob("libpki_*.3")):
+        lines = path.read_text(encoding="utf-8").splitlines()
+        for line, below in zip(lines, lines[1:]):
+            depth, depth_below = (len(text) - len(text.lstrip()) for text in (line, below))
+            if line.endswith("{") and depth >= depth_below:
+                complaints.append(f"{path}: badly indented: {line.strip()}")
+
+
+def check_errors():
+    """A code that one function uses in a sense of its own is explained in that sense."""
+    errors = (manual / "man3/pki_remove_key.3").read_text(encoding="utf-8").partition(".SH ERRORS")[2]
+    if "no key of that label" not in " ".join(errors.split()):
+        complaints.append("pki_remove_key.3: ERRORS says nothing about a missing key")
+
+
 def check_tool(program):
     commands = list(tool_help.read_tool(program, [Path(program).name]).all())
     for command in commands:
@@ -78,6 +95,8 @@ def check_formatting():
 
 
 functions = check_functions()
+check_code()
+check_errors()
 subcommands = sum(check_tool(program) for program in sys.argv[3:])
 if not functions or not subcommands:
     complaints.append("nothing to check")

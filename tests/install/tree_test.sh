@@ -57,4 +57,18 @@ for variable in libdir includedir; do
     failed=1
   fi
 done
+
+# A host links with what pkg-config says, also where linkers do not look for the board library.
+echo '#include <libpki/libpki.h>
+int main(void) { return libpki_init(); }' >"$work/host.c"
+# shellcheck disable=SC2046  # flags are words
+if ! ${CC:-cc} "$work/host.c" $(pkg-config --cflags --libs libpki) -o "$work/host"; then
+  failed=1
+fi
+
+# In the system's own folder they find it: hosts get no flag beyond the library's.
+DESTDIR=$work/system cmake --install "$build" --prefix /usr >>"$work/log" 2>&1
+if grep -rE '^Libs:.*-Wl' "$work/system/usr/$lib/pkgconfig"; then
+  failed=1
+fi
 exit $failed

@@ -3,7 +3,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -20,7 +22,10 @@ constexpr char device_folder[] = "/etc/pki/roots";
 
 struct redirection {
   std::string folder;
-  std::map<std::string, int> refused;
+  std::map<std::string, int> refused, broken;
+  int broken_fd = -1, read_error = 0;
+  size_t readable = 0;
+  bool was_read = false;
   texts opened;
   std::function<void()> after_stat, after_fstat;
 };
@@ -48,17 +53,29 @@ Function *real_call(const char *name) {
   return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-int open_elsewhere(decltype(&::open) real, const char *path, int flags, mode_t mode) {
+bool is_refused(const char *path) {
   auto found = current().refused.find(path);
-  if (found != current().refused.end()) {
-    errno = found->second;
+  if (found == current().refused.end())
+    return false;
+  errno = found->second;
+  return true;
+}
+
+int open_elsewhere(decltype(&::open) real, const char *path, int flags, mode_t mode) {
+  if (is_refused(path))
     return -1;
-  }
   std::string elsewhere = redirected(path);
   if (elsewhere.empty())
     return real(path, flags, mode);
   current().opened.emplace_back(path);
-  return real(elsewhere.c_str(), flags, mode);
+  int fd = real(elsewhere.c_str(), flags, mode);
+  auto found = current().broken.find(path);
+  if (found != current().broken.end()) {
+    current().broken_fd = fd;
+    current().read_error = found->second;
+    current().was_read = false;
+  }
+  return fd;
 }
 
 template <class Info>
@@ -82,6 +99,8 @@ extern "C" {
 DIR *opendir(const char *path) {
   fake_allocator::pause no_failures;
   static auto *real = real_call<decltype(::opendir)>("opendir");
+  if (is_refused(path))
+    return nullptr;
   std::string elsewhere = redirected(path);
   return real(elsewhere.empty() ? path : elsewhere.c_str());
 }
@@ -105,6 +124,17 @@ int open64(const char *path, int flags, ...) {
   mode_t mode = mode_of(flags, arguments);
   va_end(arguments);
   return open_elsewhere(real, path, flags, mode);
+}
+
+ssize_t read(int fd, void *buffer, size_t length) {
+  static auto *real = real_call<decltype(::read)>("read");
+  if (current().broken_fd < 0 || fd != current().broken_fd)
+    return real(fd, buffer, length);
+  if (!std::exchange(current().was_read, true))
+    return real(fd, buffer, std::min(length, current().readable));
+  current().broken_fd = -1;
+  errno = current().read_error;
+  return -1;
 }
 
 int stat(const char *path, struct stat *info) noexcept {
@@ -144,6 +174,10 @@ void redirect_device_folder(const std::string &folder) {
 void refuse_to_open(const std::string &path, int error) {
   current().refused[path] = error;
 }
+void break_off_reading(const std::string &path, size_t octets, int error) {
+  current().readable = octets;
+  current().broken[path] = error;
+}
 texts opened_files() {
   return current().opened;
 }
@@ -159,6 +193,12 @@ void after_next_fstat(const std::function<void()> &happens) {
 using namespace roots_support;
 
 namespace {
+
+texts sorted_roots() {
+  texts subjects = root_subjects("other");
+  std::sort(subjects.begin(), subjects.end());
+  return subjects;
+}
 
 std::string unread_line(const std::string &name, const std::string &reason) {
   return "failed to read cert /etc/pki/roots/" + name + ": " + reason;
@@ -194,6 +234,17 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileInItsPlaceIsNoFailure) {
   x509_store store = make_store();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
   EXPECT_EQ("6: inited ca label 'root'\n", log_dump());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFolderThatCannotBeOpenedIsNoFailure) {
+  device.write("good.pem", device_root("good"));
+  refuse_to_open("/etc/pki/roots/", EACCES);
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 1));
+  EXPECT_EQ("6: inited ca label 'root'\n6: inited ca label 'engineering'\n", log_dump());
+  EXPECT_EQ((texts{"root", "engineering"}), ca_labels());
+  EXPECT_EQ(6, count_in(store));
+  EXPECT_EQ(texts{}, opened_files());
 }
 
 FRESH_PROCESS_TEST(DeviceFolderDeathTest, AnEmptyFolderMakesNoCa) {
@@ -243,6 +294,37 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, AnUnreadableFileIsSkippedWithItsReason
       "6: inited ca label 'root'\n"
       "3: failed to read cert /etc/pki/roots/secret.pem: Permission denied\n",
       own_log());
+}
+
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileWhoseReadingFailsHalfWayIsSkippedWithItsReason) {
+  support::cert bad = device_root("bad", 2);
+  device.write("a.pem", device_root("first", 1));
+  device.write("b.pem", bad);
+  device.write("c.pem", device_root("last", 3));
+  break_off_reading("/etc/pki/roots/b.pem", support::pem(bad).size() / 2, EIO);
+  x509_store store = make_store();
+  int before = dup(0);
+  close(before);
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  int after = dup(0);
+  close(after);
+  EXPECT_EQ("6: inited ca label 'root'\n3: " + unread_line("b.pem", "Input/output error") + "\n",
+            log_dump());
+  EXPECT_EQ((texts{"/C=US/O=Example/CN=first", "/C=US/O=Example/CN=last"}), sorted_roots());
+  EXPECT_EQ(7, count_in(store));
+  EXPECT_FALSE(holds(store, bad.get()));
+  EXPECT_EQ(before, after);
+}
+
+// What was read before the failure is a whole certificate, and yet is not taken.
+FRESH_PROCESS_TEST(DeviceFolderDeathTest, ACertificateInFrontOfAFailureToReadIsNotTaken) {
+  support::cert whole = device_root("whole");
+  device.write("a.pem", support::pem(whole) + "and more\n");
+  break_off_reading("/etc/pki/roots/a.pem", support::pem(whole).size(), EIO);
+  x509_store store = make_store();
+  EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
+  EXPECT_TRUE(was_logged(3, unread_line("a.pem", "Input/output error"))) << log_dump();
+  EXPECT_EQ(texts{"root"}, ca_labels());
 }
 
 FRESH_PROCESS_TEST(DeviceFolderDeathTest, ADanglingLinkIsSkippedWithItsReason) {

@@ -12,8 +12,10 @@ namespace roots_support {
 
 // From now on "/etc/pki/roots" is `folder`, for opendir, stat and open.
 void redirect_device_folder(const std::string &folder);
-// Opening a file of that path fails from now on, with that errno.
+// Opening a file or folder of that path fails from now on, with that errno.
 void refuse_to_open(const std::string &path, int error);
+// Reading that file fails from now on, with that errno, behind so many octets.
+void break_off_reading(const std::string &path, size_t octets, int error);
 // The files of "/etc/pki/roots" that were opened so far.
 texts opened_files();
 // What happens once, as soon as stat told about a file of "/etc/pki/roots", or fstat about any.
