@@ -178,13 +178,13 @@ must_show "asked $url/ocsp: ok"
 
 step "11. Or looks into the CA's CRL, which the certificate names, and which has a million entries"
 crl="$url/crl/issuing.crl?$million"
-must_work pkictl crl show "$url/crl/issuing.crl" --issuer lab/issuing-cert.pem
+must_work pkictl crl show "$url/crl/issuing.crl" --issuer lab/issuing-cert.pem --cost
 must_show "  entries           0"
 small_kib=$(peak_kib)
-must_work pkictl crl show "$crl" --issuer lab/issuing-cert.pem
+must_work pkictl crl show "$crl" --issuer lab/issuing-cert.pem --cost
 must_show "  entries           1000000"
 must_show "  signature         good"
-must_work pkictl verify first.pem --trust lab/issuing-cert.pem --memory
+must_work pkictl verify first.pem --trust lab/issuing-cert.pem --cost
 must_show "CRL $crl: not listed"
 must_show "good, internet flavour"
 large_kib=$(peak_kib)

@@ -29,7 +29,7 @@ def described(folder, lab, ca_cert, url, digest, cipher):
     call(peers.BIN / "pkictl", "cainfo", "sign", "--issuer-name", "CN=peer", "--expires",
          "2037-01-01", "--scep-url", url, "--scep-cert", ca_cert, "--scep-get-cert-url", url,
          "--digest", digest, "--cipher", cipher, "--root", ca_cert, "--key",
-         lab.folder / "doc-key.pem", "--out", folder / "document.p7")
+         lab.folder / "doc-key.pem", "--force", "--out", folder / "document.p7")
 
 
 def our_request(folder, peer, digest, cipher):

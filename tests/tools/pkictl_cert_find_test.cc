@@ -32,6 +32,21 @@ TEST(PkictlCertFind, FindsWhatWasIssuedAndSavesIt) {
   EXPECT_EQ(tool_test::read_file(test.file("found.pem")), tool_test::read_file(issued));
 }
 
+TEST(PkictlCertFind, FileThatIsThereIsReplacedOnlyByForce) {
+  device test;
+  test.prepare();
+  ASSERT_EQ(test.enroll().exit_code, 0);
+  std::string serial = serial_of(test.cert_file());
+  std::string out = test.home().write("found.pem", "old");
+  result done = find(test, serial, {"-o", out});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkictl: " + out + " is there already; take another name, or --force it\n");
+  EXPECT_EQ(tool_test::read_file(out), "old");
+  EXPECT_EQ(test.messages().size(), 2u);  // the CA was not asked
+  EXPECT_EQ(find(test, serial, {"-o", out, "--force"}).exit_code, 0);
+  EXPECT_EQ(tool_test::read_file(out), tool_test::read_file(test.cert_file()));
+}
+
 TEST(PkictlCertFind, PrintsItForAPerson) {
   device test;
   test.prepare();
@@ -65,9 +80,12 @@ TEST(PkictlCertFind, UnknownSerialNumberIsARefusal) {
   result done = find(test, "0815", {"--json"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err,
-            "pkictl: cannot find the certificate: SCEP REQ REJ (58): the CA has none, or refuses;"
-            " -v says\n");
-  EXPECT_EQ(json::parse(done.out)["error"]["code"], 58);
+            "pkictl: cannot find the certificate: SCEP REQ REJ (58): the CA has none, or refuses:"
+            " badCertId (4)\n");
+  json printed = json::parse(done.out);
+  EXPECT_EQ(printed["status"], "rejected");
+  EXPECT_EQ(printed["error"]["code"], 58);
+  EXPECT_EQ(printed["error"]["failure_info"], "badCertId (4)");
 }
 
 TEST(PkictlCertFind, SerialNumberHasToBeHexadecimal) {

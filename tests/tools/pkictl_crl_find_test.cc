@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "crl_lab.h"
+#include "support/test_server.h"
 #include "tools/pkilab/crl_entries.h"
 
 namespace {
@@ -139,6 +140,25 @@ TEST_F(PkictlCrlFind, ListWithoutAGoodSignatureSaysNothing) {
   expect_refused(find(lab().crl_url("empty&damaged-signature"),
                       {"--serial", "5", "--issuer", lab().file("issuing-cert.pem")}),
                  "has no good signature");
+  json failed = find_json(lab().crl_url("empty&damaged-signature"),
+                          {"--serial", "5", "--issuer", lab().file("issuing-cert.pem")}, 2);
+  std::string message = failed["error"]["message"];
+  EXPECT_NE(message.find(" has no good signature"), std::string::npos) << message;
+}
+
+TEST_F(PkictlCrlFind, CostIsToldOnRequest) {
+  std::string file = lab().save_der("empty");
+  EXPECT_EQ(find(file, {"--serial", "5"}).out.find("KiB"), std::string::npos);
+  EXPECT_NE(find(file, {"--serial", "5", "--cost"}).out.find(" KiB of it came with the CRL\n"),
+            std::string::npos);
+  EXPECT_FALSE(find_json(file, {"--serial", "5"}, 0).contains("cost"));
+  EXPECT_GT(find_json(file, {"--serial", "5", "--cost"}, 0)["cost"]["seconds"], 0.0);
+}
+
+TEST_F(PkictlCrlFind, ServerThatIsNotThereIsNamedWithTheReason) {
+  std::string nobody = "127.0.0.1:" + std::to_string(support::unused_port());
+  expect_refused(find("http://" + nobody + "/crl", {"--serial", "5"}),
+                 "Error connecting to " + nobody + ": Connection refused\n");
 }
 
 TEST_F(PkictlCrlFind, WhatCannotBeReadIsTwo) {

@@ -51,7 +51,8 @@ class PkictlCrlShow : public testing::Test {
 
 TEST_F(PkictlCrlShow, FileOfDer) {
   std::string file = lab().save_der("empty&number=7&entries=5");
-  result done = pkictl({"crl", "show", file, "--issuer", lab().file("issuing-cert.pem")});
+  strings arguments = {"crl", "show", file, "--issuer", lab().file("issuing-cert.pem")};
+  result done = pkictl(arguments);
   EXPECT_EQ(done.exit_code, 0) << done.err;
   EXPECT_EQ(done.err, "");
   EXPECT_TRUE(done.out.starts_with("CRL\n")) << done.out;
@@ -61,12 +62,16 @@ TEST_F(PkictlCrlShow, FileOfDer) {
   expect_line(done.out, "signature", "good, by CN=pkilab issuing CA, O=pkilab\n");
   expect_line(done.out, "entries", "5\n");
   expect_line(done.out, "size", std::to_string(std::filesystem::file_size(file)) + " octets\n");
-  expect_line(done.out, "memory", "");
-  expect_line(done.out, "time", "");
-  EXPECT_TRUE(std::regex_search(
-      done.out, std::regex("\n  memory +[0-9]+ KiB at the most, of the whole process; [0-9]+ KiB of"
-                           " it came with the CRL\n")))
-      << done.out;
+  EXPECT_TRUE(done.out.ends_with(" octets\n")) << done.out;
+  arguments.emplace_back("--cost");
+  std::string with_cost = pkictl(arguments).out;
+  EXPECT_TRUE(with_cost.starts_with(done.out)) << with_cost;
+  EXPECT_TRUE(std::regex_match(
+      with_cost.substr(done.out.size()),
+      std::regex("  time +[0-9.]+ s, [0-9.]+ MB/s\n"
+                 "  memory +[0-9]+ KiB at the most, of the whole process; [0-9]+ KiB of"
+                 " it came with the CRL\n")))
+      << with_cost;
 }
 
 TEST_F(PkictlCrlShow, Json) {
@@ -86,11 +91,16 @@ TEST_F(PkictlCrlShow, Json) {
   EXPECT_EQ(shown["entries"], 5);
   EXPECT_EQ(shown["critical_entries"], 0);
   EXPECT_EQ(shown["octets"], std::filesystem::file_size(file));
-  EXPECT_GT(shown["seconds"], 0.0);
-  EXPECT_GT(shown["octets_per_second"], 0.0);
-  EXPECT_GT(shown["peak_memory_kib"], 1000);
-  EXPECT_GE(shown["crl_memory_kib"], 0);
-  EXPECT_LT(shown["crl_memory_kib"], shown["peak_memory_kib"]);
+  EXPECT_FALSE(shown.contains("cost"));
+}
+
+TEST_F(PkictlCrlShow, CostIsInJsonOnRequest) {
+  json cost = show(lab().save_der("empty&entries=5"), {"--cost"})["cost"];
+  EXPECT_GT(cost["seconds"], 0.0);
+  EXPECT_GT(cost["octets_per_second"], 0.0);
+  EXPECT_GT(cost["peak_memory_kib"], 1000);
+  EXPECT_GE(cost["crl_memory_kib"], 0);
+  EXPECT_LT(cost["crl_memory_kib"], cost["peak_memory_kib"]);
 }
 
 TEST_F(PkictlCrlShow, FileOfPem) {
@@ -201,6 +211,8 @@ TEST_F(PkictlCrlShow, BadSignatureIsOne) {
   json shown = show(lab().crl_url("empty"), {"--issuer", stranger}, 1);
   EXPECT_EQ(shown["signature"], "bad");
   EXPECT_EQ(shown["signer"], "CN=pkilab root CA, O=pkilab");
+  std::string message = shown["error"]["message"];
+  EXPECT_NE(message.find(" has no good signature"), std::string::npos) << message;
   result done = pkictl({"crl", "show", lab().crl_url("empty&damaged-signature"), "--issuer",
                         lab().file("issuing-cert.pem")});
   EXPECT_EQ(done.exit_code, 1);
@@ -228,8 +240,9 @@ TEST_F(PkictlCrlShow, FilesThatCannotBeUsed) {
 }
 
 TEST_F(PkictlCrlShow, ServersThatCannotBeUsed) {
-  std::string nobody = "http://127.0.0.1:" + std::to_string(support::unused_port()) + "/";
-  expect_refused(nobody, "HTTP ERROR (47)");
+  std::string nobody = "127.0.0.1:" + std::to_string(support::unused_port());
+  expect_refused("http://" + nobody + "/",
+                 ": HTTP ERROR (47): Error connecting to " + nobody + ": Connection refused\n");
   expect_refused("https://127.0.0.1/", "give a URL that begins with http://");
   expect_refused(lab().crl_url("http-status=404"), "the server answered 404");
   expect_refused(lab().crl_url("no-crl"), "is no CRL");
@@ -246,13 +259,13 @@ TEST_F(PkictlCrlShow, FailureIsInJsonToo) {
 }
 
 TEST_F(PkictlCrlShow, MillionEntriesTakeNoMoreMemoryThanTen) {
-  long few = show(lab().crl_url("empty&entries=10"))["peak_memory_kib"];
-  json many =
-      show(lab().crl_url("empty&entries=1000000"), {"--issuer", lab().file("issuing-cert.pem")});
+  long few = show(lab().crl_url("empty&entries=10"), {"--cost"})["cost"]["peak_memory_kib"];
+  json many = show(lab().crl_url("empty&entries=1000000"),
+                   {"--cost", "--issuer", lab().file("issuing-cert.pem")});
   EXPECT_EQ(many["entries"], 1000000);
   EXPECT_EQ(many["signature"], "good");
   // The list has 39 MB; a sanitizer's own memory comes and goes by a few.
-  EXPECT_LT(many["peak_memory_kib"].get<long>(), few + 4096);
+  EXPECT_LT(many["cost"]["peak_memory_kib"].get<long>(), few + 4096);
 }
 
 // What the tool writes to a terminal that is its standard error.

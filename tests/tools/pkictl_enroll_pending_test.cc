@@ -21,7 +21,7 @@ strings sleep_ended_by(int signal_number) {
   return environment;
 }
 
-const std::string not_yet = "pkictl: the CA has not issued the certificate yet";
+const std::string not_yet = "pkictl: still pending: the CA has not issued the certificate yet";
 
 TEST(PkictlEnrollPending, PollsEvery600SecondsUntilTheCertificateIsThere) {
   device test({"--scep-pending", "3"});
@@ -51,7 +51,9 @@ TEST(PkictlEnrollPending, LimitOfNoPollsEndsItWithoutASleep) {
   result done = test.enroll({"--polls", "0", "--json"}, no_wait);
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, not_yet + "; enroll again to go on\n");
-  EXPECT_EQ(nlohmann::json::parse(done.out)["error"]["code"], 52);
+  nlohmann::json printed = nlohmann::json::parse(done.out);
+  EXPECT_EQ(printed["status"], "pending");
+  EXPECT_EQ(printed["error"]["code"], 52);
 }
 
 TEST(PkictlEnrollPending, EnrollingAgainGoesOnWithTheTransaction) {
@@ -102,9 +104,15 @@ TEST(PkictlEnrollPending, TimeLimitInTheSleepEndsIt) {
 TEST(PkictlEnrollPending, RefusalAfterPendingIsARefusal) {
   device test({"--scep-pending", "1", "--scep-refuse", "badTime"});
   test.prepare();
-  result done = test.enroll({}, no_wait);
+  result done = test.enroll({"--json"}, no_wait);
   EXPECT_EQ(done.exit_code, 1);
-  EXPECT_NE(done.err.find("SCEP REQ REJ (58)"), std::string::npos) << done.err;
+  EXPECT_NE(done.err.find("SCEP REQ REJ (58): the CA rejected the request: badTime (3)\n"),
+            std::string::npos)
+      << done.err;
+  nlohmann::json printed = nlohmann::json::parse(done.out);
+  EXPECT_EQ(printed["status"], "rejected");
+  EXPECT_EQ(printed["error"]["code"], 58);
+  EXPECT_EQ(printed["error"]["failure_info"], "badTime (3)");
 }
 
 TEST(PkictlEnrollPending, HelpTellsTheSpecialLimits) {
@@ -117,6 +125,12 @@ TEST(PkictlEnrollPending, HelpTellsTheSpecialLimits) {
                        " the CA decides"),
             std::string::npos)
       << help;
+}
+
+TEST(PkictlEnrollPending, HelpTellsHowToTellPendingFromRejected) {
+  std::string help = tool_test::pkictl({"enroll", "--help"}).out;
+  for (const char *status : {"\"issued\"", "\"pending\"", "\"rejected\""})
+    EXPECT_NE(help.find(status), std::string::npos) << help;
 }
 
 TEST(PkictlEnrollPending, LimitsThatAreNoneAreWrongUsage) {

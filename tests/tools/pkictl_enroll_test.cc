@@ -55,6 +55,7 @@ TEST(PkictlEnroll, PrintsJson) {
   device test;
   test.prepare();
   json printed = json::parse(test.enroll({"--json"}).out);
+  EXPECT_EQ(printed["status"], "issued");
   EXPECT_EQ(printed["key"], "device");
   EXPECT_EQ(printed["label"], "cert");
   EXPECT_EQ(printed["file"], test.state_file());
@@ -242,8 +243,9 @@ TEST(PkictlEnroll, CaThatIsGoneIsAnHttpError) {
   device test;
   test.prepare();
   test.lab().end(SIGTERM);
-  result done = test.enroll();
+  result done = test.enroll({"--json"});
   EXPECT_EQ(done.exit_code, 1);
+  EXPECT_FALSE(json::parse(done.out).contains("status"));
   EXPECT_NE(done.err.find("HTTP ERROR (47): Error connecting to 127.0.0.1:"), std::string::npos)
       << done.err;
   EXPECT_NE(done.err.find("Connection refused\n"), std::string::npos) << done.err;

@@ -104,6 +104,31 @@ TEST(PkictlUsage, MistakesAreOneLineAndTwo) {
   }
 }
 
+TEST(PkictlUsage, MistakesAreInJsonTooWhereItWasAskedFor) {
+  for (const tool_test::strings &arguments :
+       {tool_test::strings{"--json"}, tool_test::strings{"nothing", "--json"},
+        tool_test::strings{"--json", "provision"},
+        tool_test::strings{"cainfo", "verify", "file", "--json"},
+        tool_test::strings{"error", "--unknown", "--json"},
+        tool_test::strings{"key", "generate", "x", "--json", "--bits", "no"},
+        tool_test::strings{"key", "generate", "a/b", "--json"},
+        tool_test::strings{"error", "abc", "--json"},
+        tool_test::strings{"crl", "find", "file", "--json"}}) {
+    result done = pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+    nlohmann::json error = nlohmann::json::parse(done.out)["error"];
+    EXPECT_EQ("pkictl: " + error["message"].get<std::string>() + "\n", done.err);
+    EXPECT_EQ(error["text"], error["message"]);
+  }
+}
+
+TEST(PkictlUsage, WordBehindTheEndOfOptionsAsksForNoJson) {
+  result done = pkictl({"error", "--", "1", "--json"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_EQ(done.out, "");
+}
+
 TEST(PkictlUsage, UnknownWordsAreNamed) {
   EXPECT_EQ(pkictl({"nothing"}).err, "pkictl: 'nothing' is not known here; see 'pkictl --help'\n");
   EXPECT_EQ(pkictl({"provision", "url", "--dockey", "f"}).err,

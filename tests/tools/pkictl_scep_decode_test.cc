@@ -71,13 +71,14 @@ TEST(PkictlScepDecode, ShowsTheRequestWithTheCasKeyButNotTheSecret) {
   EXPECT_EQ(payload["kind"], "PKCS#10 request");
   EXPECT_EQ(payload["subject"], "CN=device, O=Example");
   EXPECT_EQ(payload["key"], "RSA 1024");
-  EXPECT_EQ(payload["signed_with"], "RSA-MD5");
+  EXPECT_EQ(payload["signature_algorithm"], "RSA-MD5");
   EXPECT_EQ(payload["signature"], "good");
   EXPECT_EQ(payload["attributes"],
             (json::array({{{"name", "qrn-serial-number"}, {"value", "SN-0815"}},
                           {{"name", "qrn-secret"}, {"value", "16 octets, a secret, not shown"}}})));
   result text = decode(enrolled().message("0001-PKCSReq.der"), lab_key());
   EXPECT_EQ(text.out.find(tool_test::device_secret), std::string::npos);
+  EXPECT_NE(text.out.find("\n  signature algorithm RSA-MD5\n"), std::string::npos) << text.out;
 }
 
 TEST(PkictlScepDecode, ShowsAStatusReplyThatHasNoEnvelope) {
@@ -151,6 +152,7 @@ TEST(PkictlScepDecode, ShowsWhatItCanOfAChangedMessageAndFails) {
   json layers = json::parse(done.out);
   EXPECT_EQ(layers["signature"]["signature"], "bad");
   EXPECT_EQ(layers["error"]["code"], 26);
+  EXPECT_EQ("pkictl: " + layers["error"]["message"].get<std::string>() + "\n", done.err);
   EXPECT_EQ(layers["message"]["message_type"], "PKCSReq (19)");
 }
 

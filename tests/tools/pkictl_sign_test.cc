@@ -138,15 +138,15 @@ TEST(PkictlSign, RefusesWhatDevicesRefuse) {
     EXPECT_EQ(done.exit_code, 1) << xml;
     EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
     EXPECT_NE(done.err.find(one.reason), std::string::npos) << done.err;
-    EXPECT_NE(done.err.find("--force"), std::string::npos) << done.err;
+    EXPECT_NE(done.err.find("; --despite-faults signs it anyway\n"), std::string::npos) << done.err;
     EXPECT_EQ(tool_test::read_file(test.out), "");
   }
 }
 
-TEST(PkictlSign, ForceSignsWhatDevicesRefuse) {
+TEST(PkictlSign, InsistenceSignsWhatDevicesRefuse) {
   signing test;
-  result done =
-      test.sign_text("<QRNPkiConfig><IssuerName>CN</IssuerName></QRNPkiConfig>", {"--force"});
+  result done = test.sign_text("<QRNPkiConfig><IssuerName>CN</IssuerName></QRNPkiConfig>",
+                               {"--despite-faults"});
   EXPECT_EQ(done.exit_code, 0);
   EXPECT_NE(done.err.find("DN NO VALUE (54)"), std::string::npos) << done.err;
   result verified =
@@ -154,7 +154,7 @@ TEST(PkictlSign, ForceSignsWhatDevicesRefuse) {
   EXPECT_EQ(verified.exit_code, 1);
 }
 
-TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyByForce) {
+TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyOnInsistence) {
   std::string cert = the_lab().file("issuing-cert.pem");
   for (const auto &[option, what] : std::vector<std::pair<std::string, std::string>>{
            {"--scep-url", "SCEP"}, {"--scep-get-cert-url", "SCEPGetCert"}, {"--ocsp-url", "OCSP"}})
@@ -163,10 +163,11 @@ TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyByForce) {
       strings what_to_sign = {option, url, "--root", cert};
       result done = test.sign(what_to_sign);
       EXPECT_EQ(done.exit_code, 1) << url;
-      EXPECT_EQ(done.err, "pkictl: devices cannot use the " + what + " URL " + url +
-                              "; give one that begins with http://; --force signs it anyway\n");
+      EXPECT_EQ(done.err,
+                "pkictl: devices cannot use the " + what + " URL " + url +
+                    "; give one that begins with http://; --despite-faults signs it anyway\n");
       EXPECT_EQ(tool_test::read_file(test.out), "");
-      what_to_sign.emplace_back("--force");
+      what_to_sign.emplace_back("--despite-faults");
       done = test.sign(what_to_sign);
       EXPECT_EQ(done.exit_code, 0) << done.err;
       EXPECT_TRUE(done.err.starts_with("pkictl: note: devices cannot use the " + what + " URL"))
@@ -177,8 +178,30 @@ TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyByForce) {
 TEST(PkictlSign, AFailureLeavesTheOldFile) {
   signing test;
   test.home.write("signed", "old");
-  EXPECT_EQ(test.sign_text("<Config/>").exit_code, 1);
+  EXPECT_EQ(test.sign_text("<Config/>", {"--force"}).exit_code, 1);
   EXPECT_EQ(tool_test::read_file(test.out), "old");
+}
+
+TEST(PkictlSign, FileThatIsThereIsReplacedOnlyByForce) {
+  signing test;
+  test.home.write("signed", "old");
+  for (const strings &options : {strings{}, strings{"--despite-faults"}}) {
+    result done = test.sign_text("<QRNPkiConfig/>", options);
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_EQ(done.err,
+              "pkictl: " + test.out + " is there already; take another name, or --force it\n");
+    EXPECT_EQ(tool_test::read_file(test.out), "old");
+  }
+  EXPECT_EQ(test.sign_text("<QRNPkiConfig/>", {"--force"}).exit_code, 0);
+  EXPECT_NE(tool_test::read_file(test.out), "old");
+}
+
+TEST(PkictlSign, ForceDoesNotSignWhatDevicesRefuse) {
+  signing test;
+  result done =
+      test.sign_text("<QRNPkiConfig><IssuerName>CN</IssuerName></QRNPkiConfig>", {"--force"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(tool_test::read_file(test.out), "");
 }
 
 TEST(PkictlSign, BuildsADocumentFromOptions) {

@@ -184,6 +184,43 @@ TEST(PkictlStateDump, StreamThatBreaksOffIsTold) {
   }
 }
 
+TEST(PkictlStateDump, FileThatIsNoStreamIsOnlyTold) {
+  folder home;
+  for (const std::string &octets :
+       {std::string("some text, as there is in many files that are no stream\n"),
+        std::string("a first line\nand a second\n"), std::string("\x30\x82\x03\x01\x30\x82", 6),
+        std::string("\x7f"
+                    "ELF\x02\x01\x01\x02\x05",
+                    9),
+        std::string(), std::string("abc")}) {
+    std::string file = home.write("other", octets);
+    for (const strings &more : {strings{}, strings{"--magic", "0"}}) {
+      strings arguments = {"state", "dump", file};
+      arguments.insert(arguments.end(), more.begin(), more.end());
+      result done = tool_test::pkictl(arguments);
+      EXPECT_EQ(done.exit_code, 1) << octets;
+      EXPECT_EQ(done.out, "") << octets;
+      EXPECT_TRUE(done.err.starts_with("pkictl: " + file + " is no whole stream: ")) << done.err;
+      EXPECT_TRUE(is_one_line(done.err)) << done.err;
+    }
+  }
+}
+
+TEST(PkictlStateDump, StreamThatBreaksOffIsShownAsFarAsItGoes) {
+  record_test test;
+  std::string file = test.home.write("cut", tool_test::read_file(test.file).substr(0, 25));
+  EXPECT_TRUE(tool_test::pkictl({"state", "dump", file})
+                  .out.starts_with("magic: `TUN1'\n<1 val=\"\">\n<3 val=\"\">\n<5 val="));
+}
+
+TEST(PkictlStateDump, StreamOfOneFieldNeedsNoStructure) {
+  folder home;
+  std::string file = home.write("field", std::string("MAGC\x05\x02hi\0\0", 10));
+  result done = tool_test::pkictl({"state", "dump", file});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(done.out, "magic: `MAGC'\n<5 val=\"6869\">  \"hi\"\n<0 val=\"\">\n");
+}
+
 TEST(PkictlStateDump, BadNamesAreTold) {
   record_test test;
   for (const char *line : {"NAME 3", "3", "3 ", "256 NAME", "-1 NAME", "3NAME", "3 A\x1b[2J"}) {
@@ -200,6 +237,7 @@ TEST(PkictlStateDump, PrintsNoJson) {
   result done = tool_test::pkictl({"state", "dump", test.file, "--json"});
   EXPECT_EQ(done.exit_code, 2);
   EXPECT_EQ(done.err, "pkictl: state dump prints text only; leave --json out\n");
+  EXPECT_TRUE(contains(done.out, "\"message\": \"state dump prints text only; leave --json out\""));
 }
 
 TEST(PkictlStateDump, OutputThatIsFullIsTold) {

@@ -92,6 +92,8 @@ TEST(PkictlVerifyCert, ExpiredCertificateIsRejectedByTheInternetFlavour) {
   result done = files.verify({"--json"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(error_number(done), has_expired);
+  EXPECT_EQ("pkictl: " + json::parse(done.out)["error"]["message"].get<std::string>() + "\n",
+            done.err);
 }
 
 TEST(PkictlVerifyCert, ExpiredCertificateIsForgivenByTheLocalFlavour) {

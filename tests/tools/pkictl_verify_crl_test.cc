@@ -388,18 +388,59 @@ TEST_F(PkictlVerifyCrl, TreeSaysThatACertificateIsListed) {
 )");
 }
 
-TEST_F(PkictlVerifyCrl, MemoryIsToldOnRequest) {
+TEST_F(PkictlVerifyCrl, CostIsToldOnRequest) {
   crl_lab::issued cert = lab_.issue({.crls = {"entries=1000000"}});
-  result done = verify(cert.file, {"--memory"});
+  result done = verify(cert.file, {"--cost"});
   EXPECT_TRUE(std::regex_search(
-      done.out, std::regex("\nmemory +[0-9]+ KiB at the most, of the whole process\n$")))
+      done.out,
+      std::regex("\ntime +[0-9.]+ s\nmemory +[0-9]+ KiB at the most, of the whole process\n$")))
       << done.out;
-  EXPECT_EQ(verify(cert.file).out.find("memory"), std::string::npos);
+  EXPECT_EQ(verify(cert.file).out.find("KiB"), std::string::npos);
+  EXPECT_FALSE(json::parse(verify(cert.file, {"--json"}).out).contains("cost"));
   auto peak = [&](const std::string &query) {
-    result told = verify(lab_.issue({.crls = {query}}).file, {"--memory", "--json"});
-    return json::parse(told.out)["peak_memory_kib"].get<long>();
+    result told = verify(lab_.issue({.crls = {query}}).file, {"--cost", "--json"});
+    return json::parse(told.out)["cost"]["peak_memory_kib"].get<long>();
   };
   EXPECT_LT(peak("entries=1000000"), peak("entries=10") + 1024);
+}
+
+// ---- --crl ----
+
+TEST_F(PkictlVerifyCrl, CrlOfACallersChoiceDecidesOnACertificateThatNamesNone) {
+  crl_lab::issued cert = lab_.issue({.crls = {}});
+  strings options = {"--crl", lab_.crl_url(), "--json"};
+  json good = json::parse(verify(cert.file, options).out);
+  EXPECT_EQ(good["verdict"], "good");
+  EXPECT_EQ(good["error"], nullptr);
+  lab_.revoke(cert.file);
+  EXPECT_EQ(json::parse(verify(cert.file, {"--json"}).out)["verdict"], "good");
+  result done = verify(cert.file, options);
+  EXPECT_EQ(done.exit_code, 1);
+  json report = json::parse(done.out);
+  EXPECT_EQ(report["verdict"], "rejected");
+  EXPECT_EQ("pkictl: " + report["error"]["message"].get<std::string>() + "\n", done.err);
+  json source = report["certificates"].back()["steps"].back()["checks"][0]["sources"][0];
+  EXPECT_EQ(source["name"], "configured CRLs");
+  EXPECT_EQ(source["crls"][0]["url"], lab_.crl_url());
+}
+
+TEST_F(PkictlVerifyCrl, CrlsOfACallersChoiceAreGoneThroughUntilOneSpeaksForTheIssuer) {
+  crl_lab::issued cert = lab_.issue({.crls = {}});
+  strings others = {"--crl", lab_.crl_url("", "root")};
+  EXPECT_EQ(verify(cert.file, others).exit_code, 1);  // nobody knows
+  others.insert(others.end(), {"--crl", lab_.crl_url()});
+  EXPECT_EQ(verify(cert.file, others).exit_code, 0);
+}
+
+TEST_F(PkictlVerifyCrl, CrlOfACallersChoiceHasToBeAUrl) {
+  crl_lab::issued cert = lab_.issue({.crls = {}});
+  result done = verify(cert.file, {"--crl", "ca.crl", "--json"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_EQ(done.err,
+            "pkictl: --crl \"ca.crl\" is no URL that can be fetched; give one that begins with"
+            " http://, and a file to 'pkictl crl find'\n");
+  EXPECT_EQ("pkictl: " + json::parse(done.out)["error"]["message"].get<std::string>() + "\n",
+            done.err);
 }
 
 }  // namespace

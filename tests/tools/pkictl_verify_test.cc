@@ -70,8 +70,8 @@ TEST(PkictlVerify, WellSignedNonsenseIsOne) {
   folder home;
   std::string xml =
       home.write("doc.xml", "<QRNPkiConfig><IssuerName>CN</IssuerName></QRNPkiConfig>");
-  pkictl({"cainfo", "sign", xml, "--force", "--key", the_lab().file("doc-key.pem"), "--out",
-          home / "doc"});
+  pkictl({"cainfo", "sign", xml, "--despite-faults", "--key", the_lab().file("doc-key.pem"),
+          "--out", home / "doc"});
   result done = verify(home / "doc", "doc-key.pub.pem", {"--json"});
   EXPECT_EQ(done.exit_code, 1);
   json printed = json::parse(done.out);

@@ -19,8 +19,7 @@ using tool_test::the_lab;
 class issue_test : public testing::Test {
  protected:
   result issue(const strings &options) {
-    strings arguments = {"issue",   "--dir", the_lab().file(""),
-                         "--force", "--out", home_ / "cert.pem"};
+    strings arguments = {"issue", "--dir", the_lab().file(""), "--force", "-o", home_ / "cert.pem"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     return run("pkilab", arguments);
   }

@@ -51,4 +51,17 @@ TEST(ToolText, PercentDecodeLeavesWhatIsNoEscape) {
   EXPECT_EQ(tools::percent_decode("%%41%G1%-1%+1%"), "%A%G1%-1%+1%");
 }
 
+TEST(ToolScepMessage, NamesStandInFrontOfTheirNumbers) {
+  auto text = [](const std::string &number) {
+    return tools::scep_name_and_number(number, tools::scep_fail_info_name);
+  };
+  EXPECT_EQ(text("0"), "badAlg (0)");
+  EXPECT_EQ(text("1"), "badMessageCheck (1)");
+  EXPECT_EQ(text("2"), "badRequest (2)");
+  EXPECT_EQ(text("3"), "badTime (3)");
+  EXPECT_EQ(text("4"), "badCertId (4)");
+  for (const char *unknown : {"5", "-1", "", "4x", "99999999999"})
+    EXPECT_EQ(text(unknown), unknown);
+}
+
 }  // namespace

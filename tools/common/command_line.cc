@@ -42,7 +42,7 @@ void complain(const std::string &tool, const std::string &text) {
   std::cerr << tool + ": " + printable(text) + "\n";
 }
 
-bool parse_command_line(CLI::App &app, int argc, char **argv, int *code) {
+bool parse_command_line(CLI::App &app, int argc, char **argv, int *code, std::string *complaint) {
   try {
     app.parse(argc, argv);
     return true;
@@ -57,6 +57,8 @@ bool parse_command_line(CLI::App &app, int argc, char **argv, int *code) {
     if (text.find("--help") == std::string::npos)
       text += "; see '" + command_path(app) + " --help'";
     complain(app.get_name(), text);
+    if (complaint)
+      *complaint = text;
     return false;
   }
 }

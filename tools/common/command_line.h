@@ -21,8 +21,10 @@ void keep_standard_streams();
 void complain(const std::string &tool, const std::string &text);
 
 // Parses the command line. Returns true when a command is to be run; otherwise `*code` is the
-// exit code, and help, version or a one-line error has been written.
-bool parse_command_line(CLI::App &app, int argc, char **argv, int *code);
+// exit code, and help, version or a one-line error has been written; `*complaint`, where the caller
+// wants it, is then the error's text, or empty.
+bool parse_command_line(CLI::App &app, int argc, char **argv, int *code,
+                        std::string *complaint = nullptr);
 
 }  // namespace tools
 

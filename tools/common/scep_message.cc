@@ -128,6 +128,11 @@ std::string scep_fail_info_name(int fail_info) {
   return known ? names[static_cast<size_t>(fail_info)] : "";
 }
 
+std::string scep_name_and_number(const std::string &text, std::string (*name)(int)) {
+  std::string known = name(scep_number(text));
+  return known.empty() ? text : known + " (" + text + ")";
+}
+
 PKCS7_SIGNER_INFO *first_signer(PKCS7 *message) {
   const PKCS7_SIGNED *part = signed_part(message);
   return part ? sk_PKCS7_SIGNER_INFO_value(part->signer_info, 0) : nullptr;

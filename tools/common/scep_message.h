@@ -37,6 +37,9 @@ std::string scep_type_name(int type);
 std::string scep_status_name(int status);
 std::string scep_fail_info_name(int fail_info);
 
+// "PENDING (3)"; the text as it is where its number has no name.
+std::string scep_name_and_number(const std::string &text, std::string (*name)(int));
+
 // "badAlg", ..., "badCertId": names in the order of scep_fail_info.
 const std::vector<std::string> &scep_fail_info_names();
 

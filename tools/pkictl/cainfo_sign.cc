@@ -26,6 +26,7 @@ struct options {
   std::string key;
   std::string out;
   bool force = false;
+  bool despite_faults = false;
   tools::ca_description ca;  // its certificates are named by the files below
   std::string scep_cert;
   std::vector<std::string> roots;
@@ -116,8 +117,8 @@ tools::prepared_document make_document(const options &given) {
 // to be noted.
 std::vector<std::string> check_use(const options &given, const ca_info &ca) {
   ca_info_use use = judge_use(ca);
-  if (!use.faults.empty() && !given.force)
-    throw tools::failure(use.faults[0] + "; --force signs it anyway");
+  if (!use.faults.empty() && !given.despite_faults)
+    throw tools::failure(use.faults[0] + "; --despite-faults signs it anyway");
   std::vector<std::string> notes = use.faults;
   notes.insert(notes.end(), use.gaps.begin(), use.gaps.end());
   return notes;
@@ -131,13 +132,14 @@ std::vector<std::string> check_content(const context &where, const options &give
   if (code == 0)
     return check_use(given, *read.info);
   std::string text = failure_text("devices refuse this document", code);
-  if (!given.force)
-    throw tools::library_failure(code, text + "; --force signs it anyway");
+  if (!given.despite_faults)
+    throw tools::library_failure(code, text + "; --despite-faults signs it anyway");
   return {text};
 }
 
 int sign(const context &where, const options &given) {
   check_usage(given);
+  tools::require_free(given.out, given.force);
   tools::key_ptr key = tools::load_private_key(given.key);
   start_library();
   tools::prepared_document document = make_document(given);
@@ -145,7 +147,7 @@ int sign(const context &where, const options &given) {
     tools::complain("pkictl", expires_note);
   std::vector<std::string> notes = check_content(where, given, document.xml);
   std::string message = tools::sign_document(document.xml, key.get());
-  tools::write_file(given.out, message, 0644);
+  tools::write_named_file(given.out, message, 0644, given.force);
   for (const std::string &note : notes)
     tools::complain("pkictl", "note: " + note);
   if (where.json)
@@ -188,8 +190,10 @@ void add_cainfo_sign_command(CLI::App &cainfo, action *chosen) {
   command->add_option("DOC.xml", given->document,
                       "The document; " DOCUMENT_FOLDER "/ca-info.md has its grammar");
   command->add_option("--key", given->key, "The signer's private key (PEM or DER)")->required();
-  command->add_option("--out", given->out, "The file to write (DER)")->required();
-  command->add_flag("--force", given->force, "Sign even what devices refuse or cannot use");
+  command->add_option("-o,--out", given->out, "The file to write (DER)")->required();
+  command->add_flag("--force", given->force, "Replace a file that is there");
+  command->add_flag("--despite-faults", given->despite_faults,
+                    "Sign even what devices refuse or cannot use");
   add_description_options(command, given.get());
   command->footer(
       std::string("Examples:\n"

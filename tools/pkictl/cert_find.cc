@@ -14,6 +14,7 @@
 #include "tools/common/serial.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/failure_report.h"
 #include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
@@ -31,6 +32,7 @@ struct options {
   std::string key;
   std::string out;
   std::string state;
+  bool force = false;
 };
 
 using scep_req_info_ptr = std::unique_ptr<scep_req_info, tools::free_with<free_scep_req_info>>;
@@ -85,19 +87,23 @@ bool is_what_was_asked_for(const cert_info &query) {
          ASN1_INTEGER_cmp(X509_get0_serialNumber(query.cert), query.serial) == 0;
 }
 
-[[noreturn]] void fail(int code, const std::string &heard) {
+[[noreturn]] void fail(int code, const last_complaint &heard) {
   std::string what = "cannot find the certificate";
   if (code == PKI_SCEP_REQ_REJ)
-    throw tools::library_failure(
-        code, what + ": " + code_text_and_number(code) + ": the CA has none, or refuses; -v says");
+    throw scep_failure(code,
+                       what + ": " + code_text_and_number(code) + ": the CA has none, or refuses" +
+                           (heard.rejection().empty() ? "" : ": " + heard.rejection()),
+                       "rejected", heard.rejection());
   if (code == PKI_INVALID_SCEP_RSP)
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) +
                                            ": what the CA answered is no good answer to this"
                                            " request; -v says why");
-  throw tools::library_failure(code, failure_text(what, code, heard));
+  throw tools::library_failure(code, failure_text(what, code, heard.text()));
 }
 
 int find(const context &where, const options &given) {
+  if (!given.out.empty())
+    tools::require_free(given.out, given.force);
   state_folder state(given.state);
   saved_state kept = state.load();
   const saved_ca &saved = state.ca_in(&kept, given.ca);
@@ -110,11 +116,11 @@ int find(const context &where, const options &given) {
   last_complaint heard;
   int code = scep_qry_cert(query.get(), access.get(), key->key);
   if (code != PKI_OK)
-    fail(code, heard.text());
+    fail(code, heard);
   if (!is_what_was_asked_for(*query))
     throw tools::failure("the CA handed out another certificate than the one asked for");
   if (!given.out.empty())
-    tools::write_file(given.out, tools::cert_pem(query->cert), 0644);
+    tools::write_named_file(given.out, tools::cert_pem(query->cert), 0644, given.force);
   json cert = cert_json(query->cert);
   if (where.json)
     where.out->write_json({{"certificate", cert}});
@@ -142,7 +148,8 @@ void add_cert_command(CLI::App &app, action *chosen) {
   command->add_option("--ca", given->ca, "The CA's label")->capture_default_str();
   command->add_option("--issuer", given->issuer,
                       "Its issuer, most specific part first; the CA by default");
-  command->add_option("--out", given->out, "File that receives it (PEM)");
+  CLI::Option *out = command->add_option("-o,--out", given->out, "File that receives it (PEM)");
+  command->add_flag("--force", given->force, "Replace a file that is there")->needs(out);
   add_state_option(command, &given->state);
   command->footer(std::string("Examples:\n"
                               "  pkictl cert find 10C4 --key device --out found.pem\n\n") +

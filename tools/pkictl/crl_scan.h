@@ -19,6 +19,7 @@ namespace pkictl {
 struct crl_options {
   std::string source;  // a file or a URL
   std::string issuer;  // a file with the signer's certificate, or empty
+  bool cost = false;
 };
 
 void add_crl_options(CLI::App *command, crl_options *given);
@@ -31,6 +32,7 @@ struct scanned_crl {
 // `query` without its signer. Throws tools::failure.
 scanned_crl scan_crl(const crl_options &given, pki_crl_query query);
 
+// With "cost" where that was asked for.
 std::string scan_text(const json &report);
 
 // The reason not to believe the CRL, or "".

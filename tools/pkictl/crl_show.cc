@@ -5,6 +5,7 @@
 #include "tools/common/command_line.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/crl_scan.h"
+#include "tools/pkictl/failure_report.h"
 
 namespace pkictl {
 
@@ -12,11 +13,13 @@ namespace {
 
 int show(const context &where, const crl_options &given) {
   scanned_crl scanned = scan_crl(given, {});
+  std::string reason = disbelief(given, scanned.report);
+  if (!reason.empty())
+    scanned.report["error"] = plain_error_json(reason);
   if (where.json)
     where.out->write_json(scanned.report);
   else
     where.out->write_text("CRL\n" + scan_text(scanned.report));
-  std::string reason = disbelief(given, scanned.report);
   if (reason.empty())
     return tools::exit_done;
   tools::complain("pkictl", reason);

@@ -12,6 +12,7 @@
 #include "tools/common/text.h"
 #include "tools/pkictl/board_problem.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/failure_report.h"
 #include "tools/pkictl/give_up.h"
 #include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
@@ -41,8 +42,6 @@ std::string advice(int code) {
   switch (code) {
     case PKI_FLASH_ERROR:
       return board_problem(board_wants::secret);
-    case PKI_SCEP_REQ_REJ:
-      return "the CA refused the request; -v shows its reason";
     case PKI_INVALID_SCEP_RSP:
       return "what the CA answered is no good answer to this request; -v says why";
     case PKI_KEY_MISMATCH:
@@ -64,7 +63,7 @@ std::string advice(int code) {
 }
 
 std::string pending_text(const options &given, const give_up_watch &watch) {
-  std::string text = "the CA has not issued the certificate yet";
+  std::string text = "still pending: the CA has not issued the certificate yet";
   if (watch.interrupted())
     text += ", and the enrollment was interrupted";
   else if (watch.timed_out())
@@ -76,14 +75,20 @@ std::string pending_text(const options &given, const give_up_watch &watch) {
 }
 
 [[noreturn]] void fail(const options &given, int code, const give_up_watch &watch,
-                       const std::string &heard) {
+                       const last_complaint &heard) {
   if (code == PKI_NO_SUCH_CERT)
-    throw tools::library_failure(code, pending_text(given, watch));
+    throw scep_failure(code, pending_text(given, watch), "pending");
   std::string what = "cannot enroll " + given.key;
+  std::string with_code = what + ": " + code_text_and_number(code) + ": ";
+  std::string reason = heard.rejection();
+  if (code == PKI_SCEP_REQ_REJ)
+    throw scep_failure(code,
+                       with_code + "the CA rejected the request" +
+                           (reason.empty() ? ", without a reason" : ": " + reason),
+                       "rejected", reason);
   std::string told = advice(code);
-  throw tools::library_failure(code, told.empty()
-                                         ? failure_text(what, code, heard)
-                                         : what + ": " + code_text_and_number(code) + ": " + told);
+  throw tools::library_failure(
+      code, told.empty() ? failure_text(what, code, heard.text()) : with_code + told);
 }
 
 void request_certificate(const options &given) {
@@ -96,7 +101,7 @@ void request_certificate(const options &given) {
   int code = pki_get_certificate(given.ca.c_str(), given.key.c_str(), given.cert.c_str(),
                                  given.subject.empty() ? nullptr : given.subject.c_str());
   if (code != PKI_OK)
-    fail(given, code, watch, heard.text());
+    fail(given, code, watch, heard);
 }
 
 // The new certificate stands behind a replaced one of the same label.
@@ -153,8 +158,11 @@ int enroll(const context &where, const options &given) {
   keep_or_say_where_it_is(state, given, issued);
   json cert = cert_json(issued);
   if (where.json)
-    where.out->write_json(
-        {{"key", given.key}, {"label", given.cert}, {"file", state.file()}, {"certificate", cert}});
+    where.out->write_json({{"status", "issued"},
+                           {"key", given.key},
+                           {"label", given.cert},
+                           {"file", state.file()},
+                           {"certificate", cert}});
   else
     where.out->write_text("enrolled " + given.key + " with the CA " + given.ca + "\n" +
                           cert_text(1, given.cert, cert) + "saved " +
@@ -196,13 +204,18 @@ void add_enroll_command(CLI::App &app, action *chosen) {
   command->add_flag("--replace", given->replace, "Replace a certificate of this label");
   add_state_option(command, &given->state);
   command->footer(
-      std::string("Examples:\n"
-                  "  pkictl enroll --ca office --key device --subject \"CN=device, O=Example\"\n"
-                  "  pkictl enroll --key device --subject 'CN=device, O=\"Example, Inc.\"'\n\n"
-                  "The device's serial number and secret go along, encrypted for the CA. The\n"
-                  "reference board library reads them from the files serialnumber and secret in\n"
-                  "the folder $BOARD_INFO_DIR (/etc/board by default). While the CA answers\n"
-                  "PENDING the command waits and polls; Ctrl-C ends it.\n\n") +
+      std::string(
+          "Examples:\n"
+          "  pkictl enroll --ca office --key device --subject \"CN=device, O=Example\"\n"
+          "  pkictl enroll --key device --subject 'CN=device, O=\"Example, Inc.\"'\n\n"
+          "The device's serial number and secret go along, encrypted for the CA. The\n"
+          "reference board library reads them from the files serialnumber and secret in\n"
+          "the folder $BOARD_INFO_DIR (/etc/board by default). While the CA answers\n"
+          "PENDING the command waits and polls; Ctrl-C ends it.\n\n"
+          "Exit code 1 says that no certificate was kept. Whether the CA may still issue it\n"
+          "is in the \"status\" that --json prints: \"pending\" (enroll again to go on) or\n"
+          "\"rejected\" (\"failure_info\" in \"error\" has the CA's reason, if it gave one);\n"
+          "\"issued\" with exit code 0. Other failures have none.\n\n") +
       state_footer + common_footer);
   command->callback([=] { *chosen = [=](const context &where) { return enroll(where, *given); }; });
 }

@@ -16,9 +16,15 @@ class last_complaint {
   // The first line of its last error, else of its last warning, else "".
   std::string text() const { return error_.empty() ? warning_ : error_; }
 
+  // Why a CA rejected a SCEP request: "badCertId (4)", a number that has no name as it is, or "".
+  std::string rejection() const { return rejection_; }
+
  private:
+  void hear(int level, const std::string &line);
+
   std::string error_;
   std::string warning_;
+  std::string rejection_;
   log_tap tap_;  // last: it uses the others
 };
 

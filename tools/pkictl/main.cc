@@ -3,12 +3,14 @@
 #include <syslog.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
+#include <string_view>
 
 #include "tools/common/command_line.h"
 #include "tools/common/failure.h"
 #include "tools/pkictl/command.h"
-#include "tools/pkictl/library.h"
+#include "tools/pkictl/failure_report.h"
 
 namespace {
 
@@ -58,12 +60,6 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
              "\n\nStart with " DOCUMENT_FOLDER "/quick-start.md");
 }
 
-// A script that asked for JSON gets the reason as JSON too.
-void report_failure(const context &where, const pkictl::json &error) {
-  if (where.json)
-    where.out->write_json({{"error", error}});
-}
-
 int run(const action &chosen, const context &given) {
   try {
     pkictl::output out;
@@ -73,20 +69,31 @@ int run(const action &chosen, const context &given) {
       openlog("pkictl", LOG_PERROR, LOG_USER);
     try {
       return chosen(where);
-    } catch (const tools::library_failure &error) {
-      tools::complain("pkictl", error.what());
-      report_failure(where, pkictl::failure_json(error.code(), error.what()));
-    } catch (const tools::failure &error) {
-      tools::complain("pkictl", error.what());
-      report_failure(where, {{"text", error.what()}, {"message", error.what()}});
+    } catch (const tools::usage_failure &error) {
+      return pkictl::report_failure(where, error, tools::exit_usage);
+    } catch (const std::exception &error) {
+      return pkictl::report_failure(where, error, tools::exit_failed);
     }
-    return tools::exit_failed;
-  } catch (const tools::usage_failure &error) {
-    tools::complain("pkictl", error.what());
-    return tools::exit_usage;
   } catch (const std::exception &error) {
     tools::complain("pkictl", error.what());
     return tools::exit_failed;
+  }
+}
+
+// Of a command line that could not be parsed to its end.
+bool asks_for_json(int argc, char **argv) {
+  char **end = std::find_if(argv, argv + argc,
+                            [](const char *word) { return std::string_view(word) == "--"; });
+  return std::any_of(argv, end,
+                     [](const char *word) { return std::string_view(word) == "--json"; });
+}
+
+// stderr has the complaint already.
+void print_usage_error(const std::string &complaint) {
+  try {
+    pkictl::output().write_json({{"error", pkictl::plain_error_json(complaint)}});
+  } catch (const std::exception &error) {
+    tools::complain("pkictl", error.what());
   }
 }
 
@@ -100,7 +107,11 @@ int main(int argc, char **argv) {
   CLI::App app("Provision CAs, enroll with them, and look into what they send", "pkictl");
   int code = tools::exit_done;
   add_commands(app, &where, &chosen);
-  if (!tools::parse_command_line(app, argc, argv, &code))
+  std::string complaint;
+  if (!tools::parse_command_line(app, argc, argv, &code, &complaint)) {
+    if (!complaint.empty() && asks_for_json(argc, argv))
+      print_usage_error(complaint);
     return code;
+  }
   return run(chosen, where);
 }

@@ -13,6 +13,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/ossl.h"
+#include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 
 namespace pkictl {
@@ -83,12 +84,12 @@ class http_source : public octet_source {
     int status = 0;
     int length = -1;
     int fd = -1;
+    last_complaint heard;
     int code =
         send_http_get(host, *path ? path : "/", &status, "*/*", &length, nullptr, 1, nullptr, &fd);
     socket_.set(fd);
     if (code != PKI_OK)
-      throw tools::library_failure(code, "cannot fetch " + url + ": " + code_text_and_number(code) +
-                                             ": check the URL, and that the server runs");
+      throw tools::library_failure(code, failure_text("cannot fetch " + url, code, heard.text()));
     if (status != status_ok)
       throw tools::failure("cannot fetch " + url + ": the server answered " +
                            std::to_string(status) + "; check the URL");

@@ -56,15 +56,16 @@ int scep_decode(const context &where, const options &given) {
   start_library();
   verdict found;
   json layers = decode(given, &found);
+  std::string message = found.what + ": " + code_text_and_number(found.code);
   if (found.code != PKI_OK)
-    layers["error"] = code_json(static_cast<unsigned>(found.code));
+    layers["error"] = failure_json(found.code, message);
   if (where.json)
     where.out->write_json(layers);
   else
     where.out->write_text(scep_text(layers));
   if (found.code == PKI_OK)
     return tools::exit_done;
-  tools::complain("pkictl", found.what + ": " + code_text_and_number(static_cast<int>(found.code)));
+  tools::complain("pkictl", message);
   return tools::exit_failed;
 }
 

@@ -18,12 +18,8 @@ namespace pkictl {
 
 namespace {
 
-// "PENDING (3)", the text as it is where the number means nothing, or null.
 json named(const std::optional<std::string> &text, std::string (*name)(int)) {
-  if (!text)
-    return nullptr;
-  std::string known = name(tools::scep_number(text));
-  return known.empty() ? *text : known + " (" + *text + ")";
+  return text ? json(tools::scep_name_and_number(*text, name)) : json(nullptr);
 }
 
 json hex_or_null(const std::optional<std::string> &octets) {

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/scep_report.h"
 
@@ -44,11 +46,17 @@ std::string envelope_text(const json &envelope) {
   return text;
 }
 
+// "signature algorithm" for "signature_algorithm".
+std::string words_of(std::string member) {
+  std::replace(member.begin(), member.end(), '_', ' ');
+  return member;
+}
+
 std::string payload_text(const json &payload) {
   std::string text = "payload\n";
   for (const auto &[name, value] : payload.items())
     if (!value.is_array())
-      text += text_line(1, name, name_or_note(value));
+      text += text_line(1, words_of(name), name_or_note(value));
   for (const json &attribute : payload.value("attributes", json::array()))
     text += text_line(1, attribute["name"].get<std::string>(), attribute["value"]);
   if (payload.contains("certificates"))

@@ -87,7 +87,7 @@ json request_json(X509_REQ *request) {
   return {{"kind", "PKCS#10 request"},
           {"subject", tools::name_text(X509_REQ_get_subject_name(request))},
           {"key", key_text(key)},
-          {"signed_with", OBJ_nid2sn(X509_REQ_get_signature_nid(request))},
+          {"signature_algorithm", OBJ_nid2sn(X509_REQ_get_signature_nid(request))},
           {"signature", proven ? "good" : "bad"},
           {"attributes", attributes_json(request)}};
 }

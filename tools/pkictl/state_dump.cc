@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
@@ -177,6 +178,30 @@ void require_no_pem(const std::string &path, const secret_octets &octets) {
     throw tools::failure(path + " is PEM, no marshal stream; openssl reads it");
 }
 
+// A stream begins with the empty block that opens a structure or an envelope, or is whole whatever
+// it begins with. Anything else is another file. Returns why it cannot be read.
+int check_stream(const secret_octets &octets, int magic_length) {
+  tools::bio_ptr bio = reader(octets);
+  std::array<unsigned char, longest_magic> magic;
+  int error = read_fully(bio.get(), magic.data(), magic_length);
+  for (int tag = -1; !error && tag != tag_end_of_data;) {
+    bool is_first = tag == -1;
+    unsigned char *data = nullptr;
+    int length = 0;
+    error = read_block(bio.get(), &tag, &length, &data);
+    OPENSSL_clear_free(data, static_cast<size_t>(length));
+    if (!error && is_first && length == 0)
+      return PKI_OK;
+  }
+  return error;
+}
+
+void require_stream(const std::string &path, int code) {
+  if (code != PKI_OK)
+    throw tools::library_failure(
+        code, path + " is no whole stream: " + code_text_and_number(code) + "; is --magic right?");
+}
+
 int dump(const context &where, const options &given) {
   if (where.json)
     throw tools::usage_failure("state dump prints text only; leave --json out");
@@ -189,13 +214,12 @@ int dump(const context &where, const options &given) {
   tag_names names = names_for(given, is_state);
   if (is_state && !given.secrets)
     hide_keys(given, path, &octets);
+  require_stream(path, check_stream(octets, given.magic));
   make_magic_printable(given.magic, &octets);
   int code = PKI_OK;
   where.out->write_text(with_texts(
       output::standard_output_of([&] { code = print_stream(octets, given.magic, names); })));
-  if (code != PKI_OK)
-    throw tools::library_failure(
-        code, path + " is no whole stream: " + code_text_and_number(code) + "; is --magic right?");
+  require_stream(path, code);
   return 0;
 }
 

@@ -17,9 +17,9 @@
 #include "tools/common/keys.h"
 #include "tools/pkictl/ca_info_use.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/cost.h"
 #include "tools/pkictl/files_option.h"
 #include "tools/pkictl/library.h"
-#include "tools/pkictl/memory.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/state.h"
 #include "tools/pkictl/state_store.h"
@@ -40,7 +40,8 @@ struct options {
   bool has_ocsp = false;
   std::string ocsp;
   std::string ocsp_signer;
-  bool memory = false;
+  std::vector<std::string> crls;
+  bool cost = false;
 };
 
 using certs_ptr = std::unique_ptr<STACK_OF(X509), tools::free_with<[](STACK_OF(X509) * certs) {
@@ -112,6 +113,23 @@ void add_responder(const options &given) {
                                believe_signer, 0, 0));
 }
 
+using crl_ptr = std::unique_ptr<crl_info, tools::free_with<free_crl_info>>;
+
+// The same for CRLs: one source, behind the responder.
+void add_crls(const options &given) {
+  if (given.crls.empty())
+    return;
+  empty_list_ptr every_cert(OPENSSL_sk_new_null());
+  empty_list_ptr list(OPENSSL_sk_new_null());
+  require_memory(every_cert && list);
+  std::vector<crl_ptr> crls;
+  for (const std::string &url : given.crls) {
+    crls.emplace_back(create_crl_info(url.c_str(), 0, PKI_ALL_REASONS, 0, nullptr, nullptr));
+    require_memory(crls.back() && OPENSSL_sk_push(list.get(), crls.back().get()) > 0);
+  }
+  require_ok("cannot add the CRLs", pki_add_crl_info(nullptr, every_cert.get(), list.get(), 0, 0));
+}
+
 bool is_reported(const json &certs, int depth, const std::string &sha256) {
   return std::any_of(certs.begin(), certs.end(), [&](const json &cert) {
     return cert["depth"] == depth && cert.value("sha256", "") == sha256;
@@ -176,25 +194,47 @@ void check_usage(const options &given) {
   if (given.has_ocsp && !is_http_url(given.ocsp.c_str()))
     throw tools::usage_failure("--ocsp \"" + given.ocsp +
                                "\" is no URL that can be asked; give one that begins with http://");
+  for (const std::string &url : given.crls)
+    if (!is_http_url(url.c_str()))
+      throw tools::usage_failure("--crl \"" + url +
+                                 "\" is no URL that can be fetched; give one that begins with"
+                                 " http://, and a file to 'pkictl crl find'");
+}
+
+// A script finds the line of stderr where every other failure has it.
+void add_rejection(const std::string &reason, const std::string &message, json *report) {
+  json &error = (*report)["error"];
+  if (error.is_null())
+    error["text"] = reason;
+  error["message"] = message;
 }
 
 int verify(const context &where, const options &given) {
   check_usage(given);
+  cost_meter meter;
   tools::cert_ptr cert = tools::load_certificate(given.cert);
   certs_ptr untrusted = load_all(given.chain);
   start_library();
   certs_ptr trusted = find_trusted(given);
   add_responder(given);
+  add_crls(given);
   json report = verify_cert(given, cert.get(), untrusted.get(), trusted.get());
-  if (given.memory)
-    report["peak_memory_kib"] = peak_memory_json();
+  if (given.cost)
+    report["cost"] = meter.read();
+  bool good = report["verdict"] == "good";
+  std::string message;
+  if (!good) {
+    std::string reason = rejection_reason(report);
+    message = given.cert + " is rejected: " + reason;
+    add_rejection(reason, message, &report);
+  }
   if (where.json)
     where.out->write_json(report);
   else
     where.out->write_text(verify_text(report));
-  if (report["verdict"] == "good")
+  if (good)
     return tools::exit_done;
-  tools::complain("pkictl", given.cert + " is rejected: " + rejection_reason(report));
+  tools::complain("pkictl", message);
   return tools::exit_failed;
 }
 
@@ -233,9 +273,15 @@ void add_verify_command(CLI::App &app, action *chosen) {
                    "The certificate whose signature counts in the answers of --ocsp")
       ->type_name("FILE")
       ->needs(ocsp);
+  command
+      ->add_option("--crl", given->crls,
+                   "A CRL (http) to look every certificate up in, behind --ocsp and before those"
+                   " that the certificate names; may be given again")
+      ->allow_extra_args(false)
+      ->option_text("URL");
   add_state_option(command, &given->state);
+  add_cost_option(command, &given->cost);
   command->footer(verify_footer);
-  command->add_flag("--memory", given->memory, "Tell too how much memory it took at the most");
   command->callback([=] {
     given->has_ocsp = ocsp->count() > 0;
     *chosen = [=](const context &where) {

@@ -3,7 +3,7 @@
 #include <openssl/x509_vfy.h>
 
 #include "tools/common/text.h"
-#include "tools/pkictl/memory.h"
+#include "tools/pkictl/cost.h"
 #include "tools/pkictl/report.h"
 
 namespace pkictl {
@@ -147,7 +147,7 @@ std::string verify_text(const json &report) {
       line(0, text_of(report["verdict"]) + ", " + text_of(report["flavour"]) + " flavour");
   for (const json &cert : report["certificates"])
     text += cert_lines(1, cert);
-  return text + memory_text(0, report.value("peak_memory_kib", json(nullptr)));
+  return text + cost_text(0, report.value("cost", json(nullptr)));
 }
 
 }  // namespace pkictl

@@ -213,7 +213,7 @@ void add_issue_command(CLI::App &app, action *chosen) {
   text("--not-before", &given->not_before, "TIME",
        "Valid from; 2031-05-06 or 2031-05-06T07:08:09Z; yesterday unless it is given");
   text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days");
-  text("--out", &given->out, "FILE", "Receives the certificate as PEM")->required();
+  text("-o,--out", &given->out, "FILE", "Receives the certificate as PEM")->required();
   command->add_flag("--force", given->force, "Replace files that are there");
   command->footer(
       "Examples:\n"
