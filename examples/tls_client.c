@@ -1,6 +1,7 @@
 /*
  * A TLS client that judges its server by libpki's internet flavour: path rules, and the status of
- * every certificate by OCSP and CRLs.
+ * every certificate by the OCSP responders and CRLs that it names. One that names none counts as
+ * good: a host that knows where its status is to be had adds a rule (pki_add_crl_info).
  *
  *   tls_client HOST PORT TRUSTED.pem
  *

@@ -47,7 +47,8 @@ PKI_API int read_line(int fd, char *buffer, size_t *length, int *error);
  *                     (POST) media type (or null) and octets to send.
  * status              receives the HTTP status. Other than 200 is no failure: the result is 0
  *                     with no body, so test it.
- * content_length      receives the announced length, -1 for none, 0 when the status is not 200.
+ * content_length      receives the announced length, also of an answer that fails later; -1 for
+ *                     none, 0 when the status is not 200.
  * content_type        may be null; receives the media type (malloc) up to a blank or ";", or
  *                     null. The caller frees it also after a failure.
  * stream              0: the body is read whole into `*body` (malloc, exactly the announced

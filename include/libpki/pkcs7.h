@@ -81,8 +81,8 @@ PKI_API int pkcs7_encrypt(X509 *recipient, const void *data, int length, const E
 
 /*
  * Opens an EnvelopedData. `*data` (malloc, the caller's) receives the plaintext.
- * Returns 0; 2; 11, 13 (or 2); 22 not an EnvelopedData for this recipient
- * (or 2); 74 an EnvelopedData without content; 63.
+ * Returns 0; 2; 22 not an EnvelopedData for this recipient (or 2); 74 an EnvelopedData without
+ * content; 63.
  */
 PKI_API int pkcs7_decrypt(PKCS7 *p7, EVP_PKEY *key, X509 *cert, unsigned char **data, int *length);
 

@@ -67,10 +67,10 @@ PKI_API int pki_add_ca(const char *label, const char *ca_pointer_url, EVP_PKEY *
  * into `info`. Additional certificates go straight into `store`'s provisioned list; everything
  * read before an error stays where it was put.
  *
- * Returns 0; 63 a null argument or a negative length; 34 not well-formed XML, an
- * entity that is not one of XML's own, or more than 10,000,000 octets; 2 out of memory, or
- * libxml2 could not be loaded (the first document of a process loads it; a line at level 3);
- * 30, 31 nesting deeper than 39 or unbalanced; 32 a required attribute is missing; 33 a
+ * Returns 0; 63 a null argument, a negative length, or an issuer name above 64 KiB; 34 not
+ * well-formed XML, an entity that is not one of XML's own, or more than 10,000,000 octets; 2 out of
+ * memory, or libxml2 could not be loaded (the first document of a process loads it; a line at level
+ * 3); 30, 31 nesting deeper than 39 or unbalanced; 32 a required attribute is missing; 33 a
  * certificate that cannot be decoded; 35 an element without its text; 53 to 55 a bad issuer name;
  * 36 to 41 an expiry that does not parse and is not the last element; 9, 11, 13 BIO failures.
  * An expiry that does not parse and is the last element is logged at level 4 and the document
@@ -108,8 +108,8 @@ PKI_API cert_info *pki_find_cert_info_by_label(const char *label, const key_info
 /*
  * Makes an RSA key pair under `label`. `algorithm` is "RSA" in any letter case, or null for it.
  * `bits` below 1 means 1024. A key that already has this label stays and is found first.
- * Returns 0; 2 out of memory, or OpenSSL makes no key of that size; 63 no label; 64 another
- * algorithm. For the management thread.
+ * Returns 0; 2 out of memory, OpenSSL makes no key of that size, or libpki_init has not run; 63 no
+ * label; 64 another algorithm. For the management thread.
  */
 PKI_API int pki_generate_key_pair(const char *label, const char *algorithm, int bits);
 

@@ -18,7 +18,8 @@ PKI_API char *to_hex_string(const void *bytes, int length);
 
 /*
  * DER-encodes `object` with OpenSSL's `i2d` for its type. `*length` receives what `i2d` said of
- * the size; a size below 1, or memory running out, gives null. The caller frees the result.
+ * the size; a size below 1, memory running out, or a null `i2d` or `length` gives null. The caller
+ * frees the result.
  */
 PKI_API unsigned char *der_encode(const void *object, i2d_fn *i2d, int *length);
 
@@ -30,14 +31,15 @@ PKI_API char *pki_strdup(const char *text);
 
 /*
  * Duplicates a list: a new one with `dup` of each element of `list`, in order. With the dup_*
- * functions of records.h it shares the elements. Null when a dup gives null or memory runs out;
- * what was duplicated until then is given to `release`.
+ * functions of records.h it shares the elements. Null when a dup gives null or memory runs out,
+ * what was duplicated until then being given to `release`, and when a function is null.
  */
 PKI_API STACK *stack_dup(const STACK *list, void *(*dup)(void *), void (*release)(void *));
 
 /*
  * Random octets from OpenSSL, `*length` of them; a negative length is first replaced by 16. Null
- * when memory runs out or no random octets can be had. Length 0 gives a non-null result.
+ * when memory runs out, no random octets can be had or `length` is null. Length 0 gives a non-null
+ * result.
  */
 PKI_API unsigned char *gen_nonce(int *length);
 

@@ -27,6 +27,8 @@ constexpr unsigned init_retry_seconds = 60;
 
 // CA-info document. Slots of the parser's state stack, the initial state included.
 constexpr int ca_info_state_slots = 40;
+// Room for an element's text that is kept for the next one.
+constexpr size_t kept_text_bytes = 64 * 1024;
 // "?serial=", the serial number (47 characters), NUL.
 constexpr size_t ca_pointer_query_bytes = 56;
 

@@ -40,8 +40,8 @@ class oid_line {
 [[nodiscard]] bool openssl_malloc_failure_behind(int queue_end);
 
 // Makes sure that a name has its encoding, which comparing needs and allocates: without it
-// OpenSSL's comparison would say "different" when memory ran out. A name that cannot be encoded
-// equals none, which is no failure. Returns 0 or 2.
+// OpenSSL's comparison would say "different" when memory ran out. That a name cannot be encoded is
+// no failure. Returns 0 or 2.
 [[nodiscard]] int prepare_to_compare(const X509_NAME *name);
 
 // Passes on an operation's result; a failure moves OpenSSL's queue into the log at level 3. For

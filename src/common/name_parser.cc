@@ -123,7 +123,8 @@ int parse_attribute(const char **text, const char *whole, bool joins, X509_NAME 
   asn1_object_ptr attribute(OBJ_txt2obj(key, 0));
   if (!attribute && openssl_malloc_failure_behind(queue_end))
     return PKI_OUT_OF_MEMORY;
-  if (!attribute) {
+  // OpenSSL knows things without an identifier by name too, which no encoding can hold.
+  if (!attribute || OBJ_length(attribute.get()) == 0) {
     syslog(log_error, "Unknown key `%s' in name '%s'", key, whole);
     return PKI_DN_UNKNOWN_KEY;
   }

@@ -26,12 +26,14 @@ using x509_borrowed_list =
 // A copy of `length` octets in memory of the caller's own; null when memory runs out.
 [[nodiscard]] unsigned char *copy_octets(const void *octets, int length);
 
-// Few enough digests and signers for OpenSSL's verification, and digests that it has. To be asked
-// before it runs: its cost and its stack grow with what a stranger writes.
+// Few enough digests and signers for OpenSSL's verification, in a form that it can bear, and
+// digests that it has. To be asked before it runs: its cost and its stack grow with what a stranger
+// writes.
 [[nodiscard]] bool has_bearable_signers(const PKCS7_SIGNED *signed_data);
 
 // What no signature covers says what an honest sender writes: versions, algorithms of `key`
-// without parameters, and each digest in the list of digests.
+// without parameters, and each digest in the list of digests. A signature over attributes is not
+// handed in as one over content. The content is embedded data.
 [[nodiscard]] bool says_what_an_honest_sender_writes(const PKCS7_SIGNED *signed_data,
                                                      const EVP_PKEY *key);
 

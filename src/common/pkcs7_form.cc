@@ -15,10 +15,21 @@ static bool is_usable_digest(const X509_ALGOR *algorithm) {
   return fetched != nullptr;
 }
 
+// Older releases of OpenSSL 3.0 take whatever stands there for an OCTET STRING.
+static bool has_readable_digest(PKCS7_SIGNER_INFO *signer) {
+  const ASN1_TYPE *digest = PKCS7_get_signed_attribute(signer, NID_pkcs9_messageDigest);
+  return !digest || digest->type == V_ASN1_OCTET_STRING;
+}
+
+// Without a digest in the list, older releases of OpenSSL 3.0 may free twice what they read from.
 bool has_bearable_signers(const PKCS7_SIGNED *signed_data) {
-  if (sk_PKCS7_SIGNER_INFO_num(signed_data->signer_info) > pkcs7_max_signers ||
-      sk_X509_ALGOR_num(signed_data->md_algs) > pkcs7_max_signers)
+  int signers = sk_PKCS7_SIGNER_INFO_num(signed_data->signer_info);
+  int digests = sk_X509_ALGOR_num(signed_data->md_algs);
+  if (signers > pkcs7_max_signers || digests < 1 || digests > pkcs7_max_signers)
     return false;
+  for (int i = 0; i < signers; i++)
+    if (!has_readable_digest(sk_PKCS7_SIGNER_INFO_value(signed_data->signer_info, i)))
+      return false;
   for (int i = 0; i < sk_X509_ALGOR_num(signed_data->md_algs); i++)
     if (!is_usable_digest(sk_X509_ALGOR_value(signed_data->md_algs, i)))
       return false;
@@ -69,25 +80,6 @@ bool lists_digest(const PKCS7_SIGNED *signed_data, const X509_ALGOR *digest) {
   return false;
 }
 
-}  // namespace
-
-// RFC 2315 9.1 and 9.2.
-bool says_what_an_honest_sender_writes(const PKCS7_SIGNED *signed_data, const EVP_PKEY *key) {
-  if (!is_version_1(signed_data->version))
-    return false;
-  for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signed_data->signer_info); i++) {
-    const PKCS7_SIGNER_INFO *signer = sk_PKCS7_SIGNER_INFO_value(signed_data->signer_info, i);
-    if (!is_version_1(signer->version) || !has_no_parameters(signer->digest_alg) ||
-        !has_no_parameters(signer->digest_enc_alg) ||
-        !is_signature_of(signer->digest_enc_alg, signer->digest_alg, key) ||
-        !lists_digest(signed_data, signer->digest_alg))
-      return false;
-  }
-  return true;
-}
-
-namespace {
-
 struct element {
   int form;  // what ASN1_get_object returned
   int tag;
@@ -98,9 +90,7 @@ struct element {
   bool is_constructed() const { return form & V_ASN1_CONSTRUCTED; }
   bool is_indefinite() const { return form & 1; }
   bool is_context() const { return tag_class == V_ASN1_CONTEXT_SPECIFIC; }
-  bool is_sequence_or_set() const {
-    return tag_class == V_ASN1_UNIVERSAL && (tag == V_ASN1_SEQUENCE || tag == V_ASN1_SET);
-  }
+  bool is(int universal_tag) const { return tag_class == V_ASN1_UNIVERSAL && tag == universal_tag; }
 };
 
 bool read_element(const unsigned char *at, const unsigned char *end, element *out) {
@@ -111,10 +101,61 @@ bool read_element(const unsigned char *at, const unsigned char *end, element *ou
   return !(out->form & 0x80);
 }
 
+bool is_attribute(const element &one) {
+  element type;
+  element values;
+  return one.is(V_ASN1_SEQUENCE) && read_element(one.contents, one.end, &type) &&
+         type.is(V_ASN1_OBJECT) && read_element(type.end, one.end, &values) &&
+         values.is(V_ASN1_SET) && values.end == one.end;
+}
+
+// What RFC 2315 9.3 digests in the place of the content of a signer who has attributes.
+bool is_set_of_attributes(const unsigned char *at, const unsigned char *end) {
+  openssl_error_mark discard_errors;
+  element set;
+  if (at == end || !read_element(at, end, &set) || !set.is(V_ASN1_SET) || set.end != end)
+    return false;
+  for (at = set.contents; at < end;) {
+    element one;
+    if (!read_element(at, end, &one) || !is_attribute(one))
+      return false;
+    at = one.end;
+  }
+  return set.contents < end;
+}
+
+// A signature over somebody's attributes would be one over content of the same octets.
+bool could_be_another_signature(const PKCS7_SIGNER_INFO *signer, const ASN1_OCTET_STRING *content) {
+  return sk_X509_ATTRIBUTE_num(signer->auth_attr) < 1 && content->length > 0 &&
+         is_set_of_attributes(content->data, content->data + content->length);
+}
+
+}  // namespace
+
+// RFC 2315 9.1 and 9.2.
+bool says_what_an_honest_sender_writes(const PKCS7_SIGNED *signed_data, const EVP_PKEY *key) {
+  if (!is_version_1(signed_data->version))
+    return false;
+  const ASN1_OCTET_STRING *content = signed_data->contents->d.data;
+  for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signed_data->signer_info); i++) {
+    const PKCS7_SIGNER_INFO *signer = sk_PKCS7_SIGNER_INFO_value(signed_data->signer_info, i);
+    if (!is_version_1(signer->version) || !has_no_parameters(signer->digest_alg) ||
+        !has_no_parameters(signer->digest_enc_alg) ||
+        !is_signature_of(signer->digest_enc_alg, signer->digest_alg, key) ||
+        !lists_digest(signed_data, signer->digest_alg) ||
+        could_be_another_signature(signer, content))
+      return false;
+  }
+  return true;
+}
+
+namespace {
+
 // X.690 8.9.1 and 8.11.1: a sequence or set is constructed; so is every tagged part of a
 // SignedData and of a SignerInfo.
 bool must_be_constructed(const element &one, int depth) {
-  return one.is_sequence_or_set() || (one.is_context() && depth <= signer_info_member);
+  return one.is(V_ASN1_SEQUENCE) || one.is(V_ASN1_SET) ||
+         (one.is_context() && depth <= signer_info_member);
 }
 
 // Certificates and CRLs are not covered by the signature, and not relied on.

@@ -283,10 +283,8 @@ int pkcs7_verify(PKCS7 *p7, X509 **signer, PKCS7 **content) {
     return openssl_failure(PKI_OUT_OF_MEMORY);
   if (int error = verify_signatures(p7, candidates.get()))
     return error;
-  if (given && !is_first_signer(p7, candidates.get(), given)) {
-    log_openssl_errors(log_error);
-    return PKI_SIGNER_NOT_FOUND;
-  }
+  if (given && !is_first_signer(p7, candidates.get(), given))
+    return openssl_failure(PKI_SIGNER_NOT_FOUND);
   if (signer && !given)
     *signer = carried_signer(p7);
   if (content)

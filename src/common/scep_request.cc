@@ -66,7 +66,8 @@ bool fill_in(const secret_octets &der, X509_ATTRIBUTE *blank, const ASN1_STRING 
   if (!found)
     return false;
   auto octets = static_cast<size_t>(ASN1_STRING_length(secret));
-  std::memcpy(found + size - octets, ASN1_STRING_get0_data(secret), octets);
+  if (octets > 0)
+    std::memcpy(found + size - octets, ASN1_STRING_get0_data(secret), octets);
   return true;
 }
 

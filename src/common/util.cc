@@ -78,6 +78,8 @@ char *to_hex_string(const void *bytes, int length) {
 }
 
 unsigned char *der_encode(const void *object, i2d_fn *i2d, int *length) {
+  if (!i2d || !length)
+    return nullptr;
   *length = i2d(object, nullptr);
   if (*length < 1)
     return nullptr;
@@ -110,6 +112,8 @@ char *pki_strdup(const char *text) {
 }
 
 STACK *stack_dup(const STACK *list, void *(*dup)(void *), void (*release)(void *)) {
+  if (!dup || !release)
+    return nullptr;
   pki::openssl_error_mark null_says_it_all;
   STACK *copy = OPENSSL_sk_new_null();
   if (!copy)
@@ -126,6 +130,8 @@ STACK *stack_dup(const STACK *list, void *(*dup)(void *), void (*release)(void *
 }
 
 unsigned char *gen_nonce(int *length) {
+  if (!length)
+    return nullptr;
   if (*length < 0)
     *length = pki::default_nonce_bytes;
   pki::malloc_ptr<unsigned char> nonce(

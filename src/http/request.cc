@@ -125,6 +125,7 @@ int exchange_following_redirects(http_request request, const http_outputs &out, 
   for (int requests = 1;; requests++) {
     int error = exchange(request, sock, head);
     *out.status = head->status;
+    *out.content_length = head->content_length;
     if (error || !is_redirect(head->status))
       return error;
     error = follow_redirect(*head, &request, &url);
@@ -141,7 +142,6 @@ int deliver(const http_outputs &out, socket_owner *sock, const http_head &head) 
     *out.content_length = 0;
     return PKI_OK;
   }
-  *out.content_length = head.content_length;
   if (out.stream) {
     *out.sock = sock->release();
     return PKI_OK;

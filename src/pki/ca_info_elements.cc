@@ -3,6 +3,8 @@
 #include <libpki/names.h>
 #include <libpki/util.h>
 
+#include "common/cert_key.h"
+#include "common/limits.h"
 #include "common/locks.h"
 #include "common/log.h"
 #include "common/text.h"
@@ -126,8 +128,22 @@ int take_text(ca_info_context *context, char **text) {
   return PKI_OK;
 }
 
+// OpenSSL wipes all the room that a buffer has. A buffer that once held a long text would cost that
+// for each short one behind it, so it is replaced, unless memory is short.
+bool replace_long_buffer(BIO *text) {
+  openssl_error_mark discard_errors;
+  BUF_MEM *buffer = nullptr;
+  if (BIO_get_mem_ptr(text, &buffer) != 1 || buffer->max <= kept_text_bytes)
+    return false;
+  BUF_MEM *fresh = BUF_MEM_new();
+  if (!fresh)
+    return false;
+  BIO_set_mem_buf(text, fresh, BIO_CLOSE);
+  return true;
+}
+
 void drop_text(ca_info_context *context) {
-  if (context->text)
+  if (context->text && !replace_long_buffer(context->text.get()))
     (void)BIO_reset(context->text.get());
 }
 
@@ -152,20 +168,6 @@ int end_issuer_name(ca_info_context *context) {
   }
   drop_text(context);
   return error;
-}
-
-// OpenSSL takes a certificate whose key it had no memory to decode for one of a kind that it does
-// not know. A second try tells.
-bool lost_its_key(const X509 *cert) {
-  openssl_error_mark discard_errors;
-  if (X509_get0_pubkey(cert))
-    return false;
-  int length;
-  malloc_ptr<unsigned char> der(
-      der_encode(X509_get_X509_PUBKEY(cert), reinterpret_cast<i2d_fn *>(i2d_X509_PUBKEY), &length));
-  const unsigned char *in = der.get();
-  x509_pubkey_ptr again(der ? d2i_X509_PUBKEY(nullptr, &in, length) : nullptr);
-  return !again || X509_PUBKEY_get0(again.get());
 }
 
 // Reads the base64 DER of one certificate out of the accumulated text.

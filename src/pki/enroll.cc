@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "common/cert_key.h"
 #include "common/locks.h"
 #include "common/log.h"
 #include "common/ossl_ptr.h"
@@ -36,13 +37,12 @@ int request_cert(const ca_info &ca, EVP_PKEY *key, const X509_NAME *subject, x50
 }
 
 int check_public_key(EVP_PKEY *key, X509 *cert) {
-  evp_pkey_ptr public_key(X509_get_pubkey(cert));
-  // OpenSSL does not always say that it was memory that it lacked.
-  if (!public_key)
-    public_key.reset(X509_get_pubkey(cert));
+  if (lost_its_key(cert))
+    return PKI_OUT_OF_MEMORY;
+  EVP_PKEY *public_key = X509_get0_pubkey(cert);
   if (!public_key)
     return openssl_failure(PKI_INVALID_PUBLIC_KEY);
-  int error = verify_keys(key, public_key.get());
+  int error = verify_keys(key, public_key);
   if (error == PKI_KEY_MISMATCH) {
     malloc_ptr<char> text(hex_der_encode(cert, reinterpret_cast<i2d_fn *>(i2d_X509)));
     syslog(log_critical, "wrong public key in new certificate: %s", text_or_null(text.get()));

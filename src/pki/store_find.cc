@@ -31,6 +31,32 @@ Record *first_record(const STACK *list, Matches matches) {
   return nullptr;
 }
 
+// OpenSSL finds a name that it cannot encode equal to the empty one.
+bool same_name(const X509_NAME *one, const X509_NAME *other) {
+  return X509_NAME_cmp(one, other) == 0 &&
+         (X509_NAME_entry_count(one) == 0) == (X509_NAME_entry_count(other) == 0);
+}
+
+// Whether a name that is looked for can equal any: one that cannot be encoded does not.
+int check_comparable(const X509_NAME *name, bool *comparable) {
+  if (int error = prepare_to_compare(name))
+    return error;
+  *comparable = true;
+  if (X509_NAME_entry_count(name) == 0)
+    return PKI_OK;
+  x509_name_ptr empty(X509_NAME_new());
+  if (!empty)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  if (int error = prepare_to_compare(empty.get()))
+    return error;
+  *comparable = X509_NAME_cmp(name, empty.get()) != 0;
+  return PKI_OK;
+}
+
+match_result matches_nothing(X509 *, const void *, const void *) {
+  return no_match;
+}
+
 struct cert_search {
   cert_matcher *matches;
   const void *arg1;
@@ -115,16 +141,14 @@ int pki_find_certs_by_f(cert_matcher *matches, const void *arg1, const void *arg
 }
 
 match_result pki_is_match(X509 *cert, const void *issuer, const void *serial) {
-  bool same =
-      ASN1_STRING_cmp(X509_get0_serialNumber(cert), static_cast<const ASN1_INTEGER *>(serial)) ==
-          0 &&
-      X509_NAME_cmp(X509_get_issuer_name(cert), static_cast<const X509_NAME *>(issuer)) == 0;
+  bool same = ASN1_STRING_cmp(X509_get0_serialNumber(cert),
+                              static_cast<const ASN1_INTEGER *>(serial)) == 0 &&
+              same_name(X509_get_issuer_name(cert), static_cast<const X509_NAME *>(issuer));
   return same ? is_match : no_match;
 }
 
 match_result pki_sn_match(X509 *cert, const void *subject, const void *) {
-  bool same =
-      X509_NAME_cmp(X509_get_subject_name(cert), static_cast<const X509_NAME *>(subject)) == 0;
+  bool same = same_name(X509_get_subject_name(cert), static_cast<const X509_NAME *>(subject));
   return same ? is_match : no_match;
 }
 
@@ -142,6 +166,18 @@ match_result pki_kh_match(X509 *cert, const void *digest, const void *hash) {
   return std::memcmp(key_hash, hash, length) == 0 ? is_match : no_match;
 }
 
+namespace {
+
+int find_certs_by_name(cert_matcher *matches, const X509_NAME *name, const void *arg2,
+                       STACK **result) {
+  bool comparable = false;
+  if (int error = check_comparable(name, &comparable))
+    return error;
+  return pki_find_certs_by_f(comparable ? matches : matches_nothing, name, arg2, result);
+}
+
+}  // namespace
+
 }  // namespace pki
 
 using namespace pki;
@@ -155,11 +191,13 @@ ca_info *pki_find_ca_info_by_label(const char *label) {
 }
 
 ca_info *pki_find_ca_info_by_issuer(const X509_NAME *name) {
-  if (!name || prepare_to_compare(name))
+  bool comparable = false;
+  if (!name || check_comparable(name, &comparable) || !comparable)
     return nullptr;
+  openssl_error_mark discard_errors;  // of a host's name that cannot be encoded
   mutex_lock lock(&list_mutex);
   return dup_ca_info(first_record<ca_info>(pki_store->ca_infos, [&](ca_info *info) {
-    return info->issuer_name && X509_NAME_cmp(info->issuer_name, name) == 0;
+    return info->issuer_name && same_name(info->issuer_name, name);
   }));
 }
 
@@ -191,17 +229,13 @@ int pki_find_certs_by_issuer_serial(const X509_NAME *issuer, const ASN1_INTEGER 
                                     STACK **result) {
   if (!issuer || !serial || !result)
     return PKI_INVALID_ARGS;
-  if (int error = prepare_to_compare(issuer))
-    return error;
-  return pki_find_certs_by_f(pki_is_match, issuer, serial, result);
+  return find_certs_by_name(pki_is_match, issuer, serial, result);
 }
 
 int pki_find_certs_by_subject(const X509_NAME *subject, STACK **result) {
   if (!subject || !result)
     return PKI_INVALID_ARGS;
-  if (int error = prepare_to_compare(subject))
-    return error;
-  return pki_find_certs_by_f(pki_sn_match, subject, nullptr, result);
+  return find_certs_by_name(pki_sn_match, subject, nullptr, result);
 }
 
 int pki_find_certs_by_key_hash(const EVP_MD *digest, const unsigned char *hash, int hash_length,

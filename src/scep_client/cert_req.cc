@@ -123,7 +123,7 @@ int keep_own_cert(enrollment *e) {
 int make_poll_target(enrollment *e) {
   e->ias.reset(SCEP_ISSUER_AND_SUBJECT_new());
   if (!e->ias)
-    return PKI_OUT_OF_MEMORY;
+    return openssl_failure(PKI_OUT_OF_MEMORY);
   e->ias->issuer = X509_NAME_dup(X509_get_subject_name(e->info.ca_cert));
   e->ias->subject = X509_NAME_dup(X509_get_subject_name(e->own_cert.get()));
   return e->ias->issuer && e->ias->subject ? PKI_OK : openssl_failure(PKI_OUT_OF_MEMORY);

@@ -56,8 +56,8 @@ std::mutex &mutex() {
 
 struct state {
   trap wrlock, rdlock, rwlock_init, x509_up_ref, x509_get0_pubkey, responder_id, produced_at,
-      single_status, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber, poll_error, poll_timeout,
-      socket, send_error, send_short, verify_cert;
+      single_status, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber, serial_octet, poll_error,
+      poll_timeout, socket, send_error, send_short, verify_cert, resolver;
   std::map<std::string, std::vector<std::string>> names;
   int wrlocks = 0, rdlocks = 0, host_settings = 0;
 };
@@ -160,6 +160,9 @@ void fail_rand_bytes(int after) {
 void fail_serialnumber(int error) {
   arm(&state::serialnumber, error, 0);
 }
+void fill_serialnumber(char octet) {
+  arm(&state::serial_octet, octet, 0);
+}
 void fail_poll(int error, int after) {
   arm(&state::poll_error, error, after);
 }
@@ -190,6 +193,10 @@ void load_instead(const char *name) {
 void resolve(const std::string &host, const std::vector<std::string> &addresses) {
   std::lock_guard lock(mutex());
   current().names[host] = addresses;
+}
+
+void fail_resolver(int error) {
+  arm(&state::resolver, error, 0);
 }
 
 int last_poll_timeout() {
@@ -332,6 +339,11 @@ int board_info_serialnumber(char *buffer, int size) {
   int error;
   if (fires(&state::serialnumber, &error))
     return error;
+  int octet;
+  if (fires(&state::serial_octet, &octet)) {
+    memset(buffer, octet, static_cast<size_t>(size));
+    return 0;
+  }
   return NEXT(board_info_serialnumber)(buffer, size);
 }
 
@@ -382,6 +394,11 @@ ssize_t send(int fd, const void *data, size_t length, int flags) {
 }
 
 int getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **result) {
+  int error;
+  if (fires(&state::resolver, &error)) {
+    errno = error;
+    return EAI_SYSTEM;
+  }
   {
     fake_allocator::pause no_failures;
     std::lock_guard lock(mutex());

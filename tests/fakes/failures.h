@@ -25,6 +25,7 @@ void fail_x509_crl_up_ref(int after = 0);         // X509_CRL_up_ref returns 0
 void fail_evp_pkey_up_ref(int after = 0);         // EVP_PKEY_up_ref returns 0
 void fail_rand_bytes(int after = 0);              // RAND_bytes returns 0
 void fail_serialnumber(int error);                // board_info_serialnumber returns `error`
+void fill_serialnumber(char octet);               // it fills its buffer with `octet`, no NUL; 0
 void fail_poll(int error, int after = 0);         // poll returns -1 with errno `error`
 void time_out_poll(int after = 0);                // poll returns 0 at once
 // Polls of this thread that find nothing to read time out at once when `silent()` says that nothing
@@ -40,6 +41,8 @@ void load_instead(const char *name);
 // Answers name resolution of `host` with numeric addresses, in order, instead of the resolver;
 // an empty list gives EAI_NONAME.
 void resolve(const std::string &host, const std::vector<std::string> &addresses);
+// The next resolution gives EAI_SYSTEM with errno `error`.
+void fail_resolver(int error);
 
 // The time-out, in milliseconds, of the last poll of the calling thread.
 int last_poll_timeout();

@@ -204,6 +204,17 @@ TEST(NameParserKeys, Keeps99Characters) {
   EXPECT_EQ(parsed(oid + ".1.1.1=x"), oid + ":printable=x");
 }
 
+TEST(NameParserKeys, Keeps99CharactersBehindTheOidPrefix) {
+  std::string oid = "1.2";
+  while (oid.size() < 99)
+    oid += ".1";
+  for (const char *prefix : {"OID.", "oid."}) {
+    EXPECT_EQ(parsed(prefix + oid + "=x"), oid + ":printable=x");
+    EXPECT_EQ(parsed(prefix + oid + "1=x"), oid + ":printable=x");
+    EXPECT_EQ(parsed(prefix + oid + ".1.1.1 =x"), oid + ":printable=x");
+  }
+}
+
 TEST(NameParserKeys, VeryLongKeyIsCut) {
   std::string oid = "1.2";
   while (oid.size() < 99)

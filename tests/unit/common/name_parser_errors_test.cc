@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <libpki/names.h>
 #include <openssl/err.h>
+#include <openssl/objects.h>
 
 #include <string>
 #include <vector>
@@ -64,6 +65,22 @@ TEST_F(NameParserErrors, EmptyKeyIsUnknown) {
 TEST_F(NameParserErrors, NamesAreCaseSensitive) {
   EXPECT_EQ(code_of("cn=1"), 53);
   expect_log({{3, "Unknown key `cn' in name 'cn=1'"}});
+}
+
+// OpenSSL names some algorithms that nobody gave an identifier: no name could be encoded with them.
+TEST_F(NameParserErrors, KeyWithoutAnIdentifierIsUnknown) {
+  for (const std::string key : {"RC4-40", "rc4-40", "MD5-SHA1", "DES-EDE3", "OID.RC4-40"}) {
+    std::string bare = key.starts_with("OID.") ? key.substr(4) : key;
+    ASSERT_EQ(OBJ_length(OBJ_nid2obj(OBJ_txt2nid(bare.c_str()))), 0u) << bare;
+    EXPECT_EQ(code_of(key + "=x"), 53) << key;
+    expect_log({{3, "Unknown key `" + bare + "' in name '" + key + "=x'"}});
+  }
+}
+
+TEST_F(NameParserErrors, KeyWithoutAnIdentifierIsUnknownBehindOthersToo) {
+  EXPECT_EQ(code_of("CN=a, RC4-40=x, C=US"), 53);
+  expect_log({{3, "Unknown key `RC4-40' in name 'CN=a, RC4-40=x, C=US'"}});
+  EXPECT_EQ(ERR_peek_error(), 0ul);
 }
 
 TEST_F(NameParserErrors, MalformedNumberIsUnknown) {

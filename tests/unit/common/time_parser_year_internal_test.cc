@@ -2,6 +2,7 @@
 // of the month wants the text to end there.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -159,6 +160,17 @@ TEST(TimeParserYear, NoSecondsIs41) {
     EXPECT_EQ(got.time.tm_mday, 5) << text;
     EXPECT_EQ(got.time.tm_mon, 10) << text;
   }
+}
+
+// So many hours lead past the last year that a tm holds, and nothing is worked out then.
+TEST(TimeParserYear, DayOfWeekAndYearAreUnknownWhereTheTimeIsTooLate) {
+  const std::string great(30, '9');
+  result got = parse(" " + great + " " + great + ":2:3");
+  EXPECT_EQ(got.code, 0);
+  EXPECT_EQ(got.time.tm_wday, -1);
+  EXPECT_EQ(got.time.tm_yday, -1);
+  EXPECT_EQ(got.time.tm_hour, INT_MAX);
+  EXPECT_EQ(got.time.tm_min, 2);
 }
 
 TEST(TimeParserYear, GreatNumbersAreSurvived) {

@@ -185,6 +185,15 @@ TEST_F(UtilDer, HexOfNothingIsNullWithoutAWord) {
   EXPECT_EQ(ERR_peek_error(), 0ul);
 }
 
+TEST_F(UtilDer, WithoutAnEncoderOrALengthThereIsNothing) {
+  script play{4, 4};
+  int length = 7;
+  EXPECT_EQ(der_encode(&play, nullptr, &length), nullptr);
+  EXPECT_EQ(length, 7);
+  EXPECT_EQ(der_encode(&play, i2d_script, nullptr), nullptr);
+  EXPECT_EQ(hex_der_encode(&play, nullptr), nullptr);
+}
+
 TEST_F(UtilDer, HexIsNullWheneverMemoryRunsOut) {
   if (!fake_allocator::available())
     GTEST_SKIP() << "this build's allocator cannot be told to fail";

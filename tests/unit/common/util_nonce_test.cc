@@ -100,6 +100,10 @@ TEST_F(UtilNonce, NoOctetsNeedTheGeneratorToo) {
   free(bytes);
 }
 
+TEST_F(UtilNonce, WithoutALengthThereIsNone) {
+  EXPECT_EQ(gen_nonce(nullptr), nullptr);
+}
+
 TEST_F(UtilNonce, OutOfMemoryIsNull) {
   if (!fake_allocator::available())
     GTEST_SKIP() << "this build's allocator cannot be told to fail";

@@ -221,4 +221,10 @@ TEST_F(UtilStackDup, FailedPushReleasesEachElementOnceAndNoNull) {
   EXPECT_TRUE(captured_log().empty()) << log_dump();
 }
 
+TEST_F(UtilStackDup, WithoutAFunctionThereIsNoCopy) {
+  EXPECT_EQ(stack_dup(list, nullptr, release_element), nullptr);
+  EXPECT_EQ(stack_dup(list, dup_element, nullptr), nullptr);
+  EXPECT_EQ(elements[0].dups, 0);
+}
+
 }  // namespace

@@ -1,10 +1,69 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <libpki/util.h>
 #include <openssl/err.h>
 
+#include <map>
+#include <string>
+#include <vector>
+
 #include "fakes/allocator.h"
 #include "fakes/log_capture.h"
 #include "support/certs.h"
+
+namespace {
+
+// What was signed, and what a signature was checked against.
+struct signature_use {
+  std::string digest, octets;
+  bool operator==(const signature_use &) const = default;
+};
+
+struct {
+  bool on = false;
+  std::map<const EVP_MD_CTX *, std::string> digested;
+  std::vector<signature_use> made, checked;
+} watch;
+
+template <class Function>
+Function *real_call(const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+// What went into the context since its start.
+signature_use use_of(const EVP_MD_CTX *context) {
+  std::string octets = watch.digested[context];
+  watch.digested.erase(context);
+  return {EVP_MD_get0_name(EVP_MD_CTX_get0_md(context)), octets};
+}
+
+}  // namespace
+
+extern "C" {
+
+int EVP_DigestUpdate(EVP_MD_CTX *context, const void *data, size_t length) {
+  if (watch.on)
+    watch.digested[context].append(static_cast<const char *>(data), length);
+  static auto *const real = real_call<decltype(EVP_DigestUpdate)>("EVP_DigestUpdate");
+  return real(context, data, length);
+}
+
+int EVP_SignFinal(EVP_MD_CTX *context, unsigned char *signature, unsigned int *length,
+                  EVP_PKEY *key) {
+  if (watch.on)
+    watch.made.push_back(use_of(context));
+  static auto *const real = real_call<decltype(EVP_SignFinal)>("EVP_SignFinal");
+  return real(context, signature, length, key);
+}
+
+int EVP_VerifyFinal(EVP_MD_CTX *context, const unsigned char *signature, unsigned int length,
+                    EVP_PKEY *key) {
+  if (watch.on)
+    watch.checked.push_back(use_of(context));
+  static auto *const real = real_call<decltype(EVP_VerifyFinal)>("EVP_VerifyFinal");
+  return real(context, signature, length, key);
+}
+}
 
 namespace {
 
@@ -23,6 +82,17 @@ class UtilVerifyKeys : public testing::Test {
 TEST_F(UtilVerifyKeys, APairIsZero) {
   EXPECT_EQ(verify_keys(pair.get(), support::public_part(pair).get()), 0);
   EXPECT_TRUE(captured_log().empty()) << log_dump();
+}
+
+TEST_F(UtilVerifyKeys, OneSha1SignatureOver51OctetsIsMadeAndChecked) {
+  watch.on = true;
+  int code = verify_keys(pair.get(), support::public_part(pair).get());
+  watch.on = false;
+  EXPECT_EQ(code, 0);
+  ASSERT_EQ(watch.made.size(), 1u);
+  EXPECT_EQ(watch.made[0].digest, "SHA1");
+  EXPECT_EQ(watch.made[0].octets.size(), 51u);
+  EXPECT_EQ(watch.checked, watch.made);
 }
 
 TEST_F(UtilVerifyKeys, TheSameObjectIsAPair) {

@@ -82,11 +82,13 @@ class HttpAllocation : public http_test::fixture {
     EXPECT_EQ(sock_, -1);
   }
 
- private:
-  char host_[64];
+ protected:
   int code_ = -1;
   int status_ = 0;
   int length_ = 0;
+
+ private:
+  char host_[64];
   int sock_ = -1;
   char *type_ = nullptr;
   void *body_ = nullptr;
@@ -119,6 +121,28 @@ TEST_F(HttpAllocation, OfARepeatedType) {
       {support::raw("HTTP/1.0 200 OK\r\nContent-Type: a/b\r\n"
                     "Content-Type: c/d\r\nContent-Length: 4\r\n\r\nbody")});
   sweep(server.host(), "/", mode::buffered_get, {server.port()});
+}
+
+// Only the copy of the type and the body are allocated behind the status line.
+TEST_F(HttpAllocation, OfWhatStandsBehindTheLengthLeavesTheLength) {
+  support::test_server server(
+      {support::raw("HTTP/1.0 200 OK\r\nContent-Length: 4\r\nContent-Type: a/b\r\n\r\nbody")});
+  const std::string host = server.host();
+  for (mode how : {mode::buffered_get, mode::streaming_get}) {
+    int behind_the_status = 0;
+    fake_allocator::sweep([&] { attempt(host, "/", how); },
+                          [&](size_t n) {
+                            if (status_ == 200) {
+                              behind_the_status++;
+                              EXPECT_EQ(code_, 2) << n;
+                              EXPECT_EQ(length_, 4) << n;
+                            } else {
+                              EXPECT_EQ(length_, -1) << n;
+                            }
+                            undo();
+                          });
+    EXPECT_EQ(behind_the_status, how == mode::buffered_get ? 2 : 1);
+  }
 }
 
 TEST_F(HttpAllocation, OfARedirectedGet) {

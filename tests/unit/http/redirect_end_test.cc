@@ -160,6 +160,7 @@ TEST_F(HttpRedirectEnd, ToAPortWhereNobodyListens) {
   support::test_server server({support::redirect(302, "http://" + host + "/b")});
   call.get(server.host(), "/a");
   EXPECT_EQ(call.code, 47);
+  EXPECT_EQ(call.status, 302);
   EXPECT_EQ(call.body, nullptr);
   EXPECT_EQ(call.content_type, nullptr);
   EXPECT_LOG({7, "Redirecting to url 'http://" + host + "/b'"},
@@ -184,6 +185,28 @@ TEST_F(HttpRedirectEnd, TypeAndLengthAreForgottenEvenIfTheNextAnswerFails) {
   EXPECT_EQ(call.code, 48);
   EXPECT_EQ(call.content_length, -1);
   EXPECT_EQ(call.content_type, nullptr);
+}
+
+TEST_F(HttpRedirectEnd, StatusIsTheRedirectsUntilTheNextAnswerHasOne) {
+  const std::string nobody = "127.0.0.1:" + std::to_string(support::unused_port());
+  support::test_server silent({support::raw("")});
+  support::test_server half({support::raw("HTTP/1.0 200")});
+  support::test_server answering({support::raw("HTTP/1.0 200 OK\r\n")});
+  const struct {
+    std::string host;
+    int code, status;
+  } hops[] = {
+      {nobody, 47, 0},      {"127.0.0.1:65536", 47, 0},  {silent.host(), 48, 0},
+      {half.host(), 48, 0}, {answering.host(), 48, 200},
+  };
+  for (const auto &hop : hops)
+    for (int status : {301, 302, 303, 307}) {
+      SCOPED_TRACE(hop.host + " " + std::to_string(status));
+      support::test_server server({support::redirect(status, "http://" + hop.host + "/b")});
+      call.get(server.host(), "/a");
+      EXPECT_EQ(call.code, hop.code);
+      EXPECT_EQ(call.status, hop.status ? hop.status : status);
+    }
 }
 
 TEST_F(HttpRedirectEnd, ToAPortOutOfRange) {

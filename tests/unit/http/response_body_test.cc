@@ -123,7 +123,9 @@ TEST_F(HttpBody, AboveSixtyFourMebibytesIsOutOfMemory) {
     SCOPED_TRACE(length);
     get(std::string("Content-Length: ") + length + "\r\n", "abc");
     EXPECT_EQ(call.code, 2);
+    EXPECT_EQ(call.status, 200);
     EXPECT_EQ(call.body, nullptr);
+    EXPECT_LOG();
   }
 }
 

@@ -119,6 +119,40 @@ TEST_F(HttpHeaders, NegativeLengthCountsAsNotAnnounced) {
   EXPECT_LOG({3, "Won't buffer http response with indeterminate length"});
 }
 
+TEST_F(HttpHeaders, LengthThatWasReadStaysWhenALaterLineFails) {
+  const std::string too_long = std::string(700, 'x') + "\r\n";
+  const struct {
+    std::string lines;
+    int length;
+  } heads[] = {
+      {"Content-Length: 12\r\n", 12},
+      {"Content-Length: 0\r\n", 0},
+      {"Content-Length: 12\r\nContent-Length: 13\r\n", 13},
+      {"Content-Length: 99999999999999999999\r\n", INT_MAX},
+      {"Content-Length: -12\r\n", -1},
+      {"Content-Length: 12\r\nContent-Length: -13\r\n", -1},
+      {"Server: x\r\n", -1},
+  };
+  for (const auto &head : heads) {
+    SCOPED_TRACE(head.lines);
+    get(head.lines + too_long);
+    EXPECT_EQ(call.code, 48);
+    EXPECT_EQ(call.status, 200);
+    EXPECT_EQ(call.content_length, head.length);
+    get_stream(head.lines + too_long);
+    EXPECT_EQ(call.code, 48);
+    EXPECT_EQ(call.content_length, head.length);
+    EXPECT_EQ(call.sock, -1);
+  }
+}
+
+TEST_F(HttpHeaders, LengthThatWasReadStaysWhenTheConnectionEnds) {
+  support::test_server server({support::raw("HTTP/1.0 200 OK\r\nContent-Length: 12\r\nServ")});
+  call.get(server.host(), "/");
+  EXPECT_EQ(call.code, 48);
+  EXPECT_EQ(call.content_length, 12);
+}
+
 TEST_F(HttpHeaders, NulInsideALineIsHarmless) {
   get(std::string("Content-Type: a\0b\r\nContent-Length: 4\0 9\r\n", 41));
   EXPECT_EQ(call.code, 0);

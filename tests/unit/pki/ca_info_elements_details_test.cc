@@ -39,6 +39,24 @@ class CaInfoDetails : public support::ca_info_test {
       count += OPENSSL_sk_num(list);
     return count;
   }
+  // A certificate with a key of a kind that nobody knows.
+  static std::string der_with_unknown_key() {
+    std::string octets = support::der(support::simple_cert("i", "unknown key", 5));
+    const std::string rsa("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01", 9);
+    size_t at = octets.find(rsa);
+    EXPECT_NE(at, std::string::npos);
+    octets[at + 8] = 0x7f;
+    return octets;
+  }
+  // The expiry as far as it was read: day and month.
+  void expect_expiry(int day, int month) {
+    struct tm expected = {};
+    expected.tm_mday = day;
+    expected.tm_mon = month;
+    EXPECT_EQ(memcmp(&ca->expires, &expected, sizeof expected), 0)
+        << ca->expires.tm_mday << "." << ca->expires.tm_mon << "." << ca->expires.tm_year << " "
+        << ca->expires.tm_hour << ":" << ca->expires.tm_min;
+  }
   int parse_root_cert(const std::string &text) {
     return parse_body(element("TrustedRoots", element("X509Certificate", text)));
   }
@@ -52,6 +70,25 @@ TEST_F(CaInfoDetails, WholeDocumentFillsEveryField) {
   const struct tm zero = {};
   EXPECT_EQ(memcmp(&ca->expires, &zero, sizeof zero), 0);
   EXPECT_EQ(captured_log(), std::vector<log_entry>());
+}
+
+// OpenSSL wipes a whole buffer for each text, however short it is.
+TEST_F(CaInfoDetails, ShortTextsBehindALongOneAreCheap) {
+  std::string names;
+  for (int i = 0; i < 120'000; i++)
+    names += "<IssuerName>CN=" + std::to_string(i) + "</IssuerName>";
+  auto seconds_to_parse = [&](const std::string &line_ends) {
+    std::string text = support::base64_lines(support::der(cert)) + line_ends;
+    timespec begin, end;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+    EXPECT_EQ(parse_body(element("TrustedRoots", element("X509Certificate", text)) + names), 0);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+    EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=119999");
+    return static_cast<double>(end.tv_sec - begin.tv_sec) +
+           static_cast<double>(end.tv_nsec - begin.tv_nsec) / 1e9;
+  };
+  double behind_a_short_one = seconds_to_parse("");
+  EXPECT_LT(seconds_to_parse(std::string(5'000'000, '\n')), 4 * behind_a_short_one + 1);
 }
 
 TEST_F(CaInfoDetails, MethodsHaveTheirMechanismNumbers) {
@@ -258,6 +295,30 @@ TEST_F(CaInfoDetails, TruncatedCertificateIsRefused) {
   EXPECT_EQ(OPENSSL_sk_num(ca->trusted_roots), 0);
 }
 
+TEST_F(CaInfoDetails, CertificateWhoseKeyIsOfAnUnknownKindIsStored) {
+  const std::string der = der_with_unknown_key();
+  const std::string unknown = element("X509Certificate", "\n" + support::base64_lines(der));
+  ASSERT_EQ(
+      parse_body(element("CertReqMethod", element("SCEP", unknown, "url=\"http://a/\"")) +
+                 element("CertLookupMethod", element("SCEPGetCert", unknown, "url=\"http://a/\"")) +
+                 element("TrustedRoots", unknown) + element("AdditionalCerts", unknown)),
+      0)
+      << log_dump();
+  const std::vector<std::string> stored_once{der};
+  EXPECT_EQ(support::ders(ca->trusted_roots), stored_once);
+  EXPECT_EQ(support::ders(pki_store->provisioned_certs), stored_once);
+  ASSERT_NE(scep_method()->ca_cert, nullptr);
+  ASSERT_NE(scep_query()->ca_cert, nullptr);
+  EXPECT_EQ(X509_get0_pubkey(support::at<X509>(ca->trusted_roots, 0)), nullptr);
+  support::clear_openssl_errors();
+  EXPECT_EQ(captured_log(), std::vector<log_entry>());
+}
+
+TEST_F(CaInfoDetails, CertificateWhoseKeyIsOfAnUnknownKindLeavesNoErrorBehind) {
+  ASSERT_EQ(parse_root_cert("\n" + support::base64_lines(der_with_unknown_key())), 0);
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
 TEST_F(CaInfoDetails, CertificatesOfMethodsMustDecodeToo) {
   const std::string bad = element("X509Certificate", "\nAAAA\n");
   EXPECT_EQ(parse_body(element("CertReqMethod", element("SCEP", bad, "url=\"http://a/\""))),
@@ -316,8 +377,44 @@ TEST_F(CaInfoDetails, ExpiryBeforeClosingTagsAndInstructionsIsTheLastElement) {
   EXPECT_EQ(parse("<QRNPkiConfig>" + element("IssuerName", "CN=a") + element("Expires", "never") +
                   "\n <?app go?> <!-- c --> </QRNPkiConfig>\n<!-- c --><?app go?>\n"),
             0);
-  EXPECT_EQ(captured_log().size(), 1u) << log_dump();
-  EXPECT_EQ(captured_log()[0].level, 4) << log_dump();
+  EXPECT_EQ(captured_log(),
+            (std::vector<log_entry>{
+                {4, "Parsing ca-info document: expiry not understood: TIME DAY NOT FOUND"}}));
+}
+
+TEST_F(CaInfoDetails, ExpiryThatIsPassedOverIsKeptAsFarAsItWasRead) {
+  const struct {
+    const char *text, *reason;
+    int day, month;
+  } cases[] = {
+      {"never", "TIME DAY NOT FOUND", 0, 0},
+      {"Sun, 06 Nov 2044 08:49:37 GMT", "TIME INVALID MONTH", 6, 0},
+      {"1 Jan", "TIME YEAR NOT FOUND", 1, 0},
+      {"Mon, 17 Mar", "TIME YEAR NOT FOUND", 17, 2},
+  };
+  for (const auto &it : cases) {
+    SCOPED_TRACE(it.text);
+    ca.reset(alloc_ca_info());
+    clear_log();
+    EXPECT_EQ(parse_body(element("IssuerName", "CN=a") + element("Expires", it.text)), 0);
+    EXPECT_EQ(
+        captured_log(),
+        (std::vector<log_entry>{
+            {4, std::string("Parsing ca-info document: expiry not understood: ") + it.reason}}));
+    expect_expiry(it.day, it.month);
+  }
+}
+
+TEST_F(CaInfoDetails, IssuerNameAboveSixtyFourKibibytesIsRefused) {
+  const std::string fits = "CN=a" + std::string((64 << 10) - 4, ' ');
+  EXPECT_EQ(parse_body(element("IssuerName", fits)), 0) << log_dump();
+  EXPECT_EQ(support::oneline(ca->issuer_name), "/CN=a");
+  ca.reset(alloc_ca_info());
+  EXPECT_EQ(parse_body(element("IssuerName", fits + " ")), PKI_INVALID_ARGS);
+  EXPECT_EQ(ca->issuer_name, nullptr);
+  EXPECT_EQ(parse_body(element("IssuerName", "CN=" + std::string(1 << 20, 'x'))), PKI_INVALID_ARGS);
+  EXPECT_EQ(ca->issuer_name, nullptr);
+  EXPECT_EQ(captured_log(), std::vector<log_entry>());
 }
 
 TEST_F(CaInfoDetails, RefusedExpiryLeavesWhatFollowsUnread) {

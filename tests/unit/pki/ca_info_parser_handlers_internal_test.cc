@@ -1,6 +1,8 @@
 // The tokeniser's three callbacks, on a context that a test sets up.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <libpki/error.h>
+#include <openssl/err.h>
 
 #include <cstring>
 #include <string>
@@ -195,6 +197,116 @@ TEST_F(CaInfoHandlers, TextThatDoesNotFitIntoMemoryIsOutOfMemory) {
   fake_allocator::stop_failing();
   EXPECT_EQ(context.error, PKI_OUT_OF_MEMORY);
   EXPECT_TRUE(logged_containing(3, "OpenSSL error: ")) << log_dump();
+}
+
+// ---- a BIO that refuses ----
+
+enum class bio_call { none, create, write, memory };
+
+bio_call refused = bio_call::none;
+int queued_reason = 0;  // in OpenSSL's queue when it is refused; 0: none
+
+bool refuses(bio_call call) {
+  if (refused != call)
+    return false;
+  if (queued_reason)
+    support::raise_openssl_error(queued_reason);
+  return true;
+}
+
+template <class Function>
+Function *real(const char *name) {
+  fake_allocator::pause no_failures;
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// In front of OpenSSL's.
+extern "C" BIO *BIO_new(const BIO_METHOD *method) {
+  static auto *const next = real<BIO *(const BIO_METHOD *)>("BIO_new");
+  return refuses(bio_call::create) ? nullptr : next(method);
+}
+
+extern "C" int BIO_write(BIO *bio, const void *octets, int length) {
+  static auto *const next = real<int(BIO *, const void *, int)>("BIO_write");
+  return refuses(bio_call::write) ? -1 : next(bio, octets, length);
+}
+
+extern "C" long BIO_ctrl(BIO *bio, int command, long number, void *pointer) {
+  static auto *const next = real<long(BIO *, int, long, void *)>("BIO_ctrl");
+  if (command == BIO_CTRL_INFO && refuses(bio_call::memory))
+    return 0;
+  return next(bio, command, number, pointer);
+}
+
+namespace {
+
+struct CaInfoRefusedBio : CaInfoHandlers {
+  void TearDown() override {
+    refused = bio_call::none;
+    queued_reason = 0;
+    EXPECT_EQ(ERR_peek_error(), 0u);
+    CaInfoHandlers::TearDown();
+  }
+  // In a fresh context that has read `text`, `operation` finds `call` refused: `code`, or 2 when
+  // OpenSSL says that memory ran out. What OpenSSL has to say goes into the log.
+  template <class Operation>
+  void expect_code_or_2(bio_call call, int state, const char *text, int code, Operation operation) {
+    for (int reason : {0, 101, ERR_R_MALLOC_FAILURE}) {
+      SCOPED_TRACE(reason);
+      pki::init_ca_info_context(&context, pki_store, ca.get());
+      context.states[context.top = 1] = state;
+      if (*text)
+        this->text(text);
+      clear_log();
+      refused = call;
+      queued_reason = reason;
+      operation();
+      refused = bio_call::none;
+      EXPECT_EQ(context.error, reason == ERR_R_MALLOC_FAILURE ? PKI_OUT_OF_MEMORY : code);
+      ASSERT_EQ(captured_log().size(), reason ? 1u : 0u) << log_dump();
+      if (reason) {
+        EXPECT_TRUE(logged_containing(3, "OpenSSL error: error:")) << log_dump();
+      }
+    }
+  }
+};
+
+TEST_F(CaInfoRefusedBio, TextWithoutABufferIs11) {
+  expect_code_or_2(bio_call::create, pki::state_issuer_name, "", PKI_BIO_CREAT_FAILED,
+                   [this] { text("CN=a"); });
+  EXPECT_EQ(context.text, nullptr);
+}
+
+TEST_F(CaInfoRefusedBio, TextThatTheBufferDoesNotTakeIs9) {
+  expect_code_or_2(bio_call::write, pki::state_issuer_name, "CN=", PKI_BIO_WRITE_ERROR,
+                   [this] { text("a"); });
+}
+
+TEST_F(CaInfoRefusedBio, EndOfATextThatTheBufferDoesNotTakeIs9) {
+  expect_code_or_2(bio_call::write, pki::state_issuer_name, "CN=a", PKI_BIO_WRITE_ERROR,
+                   [this] { end("IssuerName"); });
+  expect_code_or_2(bio_call::write, pki::state_expires, "1 Jan", PKI_BIO_WRITE_ERROR,
+                   [this] { end("Expires"); });
+  EXPECT_EQ(ca->issuer_name, nullptr);
+  EXPECT_EQ(ca->expires.tm_mday, 0);
+}
+
+TEST_F(CaInfoRefusedBio, TextThatTheBufferDoesNotGiveIs13) {
+  expect_code_or_2(bio_call::memory, pki::state_issuer_name, "CN=a", PKI_BIO_BUF_GET_FAILED,
+                   [this] { end("IssuerName"); });
+  expect_code_or_2(bio_call::memory, pki::state_expires, "1 Jan", PKI_BIO_BUF_GET_FAILED,
+                   [this] { end("Expires"); });
+  EXPECT_EQ(ca->issuer_name, nullptr);
+  EXPECT_EQ(ca->expires.tm_mday, 0);
+}
+
+TEST_F(CaInfoRefusedBio, CertificateWithoutABase64FilterIs11) {
+  expect_code_or_2(bio_call::create, pki::state_trusted_root_cert, "AAAA\n", PKI_BIO_CREAT_FAILED,
+                   [this] { end("X509Certificate"); });
+  EXPECT_EQ(OPENSSL_sk_num(ca->trusted_roots), 0);
+  EXPECT_EQ(collected(), "") << "the text is dropped all the same";
 }
 
 }  // namespace

@@ -147,4 +147,75 @@ TEST(XmlLibrary, ThatRunsOutOfMemoryWhileItIsLoadedFailsThatDocumentOnly) {
   EXPECT_IN_FRESH_PROCESS(first_documents_without_memory);
 }
 
+// What a host that reads XML itself sets for its thread, and what it hears. Its prototypes are
+// written out: a test program has no need of libxml2's headers.
+using xml_error_handler = void (*)(void *context, void *error);
+
+int heard = 0;
+
+void hear(void *, void *) {
+  heard++;
+}
+
+template <class Function>
+Function *xml_function(const char *name) {
+  void *library = dlopen(PKI_XML_SONAME, RTLD_NOW);
+  return library ? reinterpret_cast<Function *>(dlsym(library, name)) : nullptr;
+}
+
+class XmlErrorHandler : public support::ca_info_test {
+ protected:
+  void SetUp() override {
+    support::ca_info_test::SetUp();
+    ASSERT_TRUE(set && handler && context);
+    heard = 0;
+  }
+  void TearDown() override {
+    set(nullptr, nullptr);
+    support::ca_info_test::TearDown();
+  }
+  // The host's handler and context are there again after a document that ends in `code`.
+  void expect_kept(const std::string &document, int code) {
+    SCOPED_TRACE(code);
+    for (int *mine : {&host, static_cast<int *>(nullptr)})
+      for (xml_error_handler own : {&hear, static_cast<xml_error_handler>(nullptr)}) {
+        set(mine, own);
+        EXPECT_EQ(parse(document), code);
+        EXPECT_EQ(*handler(), own);
+        EXPECT_EQ(*context(), mine);
+      }
+    EXPECT_EQ(heard, 0) << "the document's errors are not the host's";
+  }
+
+  int host = 0;
+  void (*set)(void *, xml_error_handler) =
+      xml_function<void(void *, xml_error_handler)>("xmlSetStructuredErrorFunc");
+  xml_error_handler *(*handler)() = xml_function<xml_error_handler *()>("__xmlStructuredError");
+  void **(*context)() = xml_function<void **()>("__xmlStructuredErrorContext");
+};
+
+TEST_F(XmlErrorHandler, OfTheHostIsPutBackAfterADocument) {
+  expect_kept("<QRNPkiConfig/>", PKI_OK);
+}
+
+TEST_F(XmlErrorHandler, OfTheHostIsPutBackAfterAFailure) {
+  expect_kept("<QRNPkiConfig>", PKI_XML_CA_PTR_PARSE_ERROR);
+  expect_kept("<QRNPkiConfig>&unknown;</QRNPkiConfig>", PKI_XML_CA_PTR_PARSE_ERROR);
+  expect_kept("<QRNPkiConfig><IssuerName/></QRNPkiConfig>", PKI_XML_INTERNAL_ERROR_NO_BUF);
+}
+
+TEST_F(XmlErrorHandler, OfTheHostIsPutBackWhereverMemoryRanOut) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  ASSERT_EQ(parse("<QRNPkiConfig/>"), PKI_OK);
+  const std::string document = "<QRNPkiConfig/>";
+  set(&host, hear);
+  size_t failures = fake_allocator::sweep([&] { (void)parse(document); },
+                                          [&](size_t n) {
+                                            EXPECT_EQ(*handler(), &hear) << n;
+                                            EXPECT_EQ(*context(), &host) << n;
+                                          });
+  EXPECT_GT(failures, 3u);
+}
+
 }  // namespace

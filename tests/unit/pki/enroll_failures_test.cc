@@ -173,10 +173,17 @@ TEST_F(EnrollFailures, CertificateWhoseKeyCannotBeReadIs75) {
   scep_reply reply;
   reply.issued = cert_with_unreadable_key();
   EXPECT_EQ(enroll_with(reply), PKI_INVALID_PUBLIC_KEY);
-  EXPECT_TRUE(logged_containing(3, "OpenSSL error: ")) << log_dump();
   EXPECT_EQ(own_lines(), lines());
   EXPECT_EQ(ERR_peek_error(), 0u);
   expect_nothing_filed();
+}
+
+TEST_F(EnrollFailures, ReasonForAKeyThatCannotBeReadIsLoggedOnce) {
+  scep_reply reply;
+  reply.issued = cert_with_unreadable_key();
+  ASSERT_EQ(enroll_with(reply), PKI_INVALID_PUBLIC_KEY);
+  ASSERT_EQ(captured_log().size(), 1u) << log_dump();
+  EXPECT_TRUE(logged_containing(3, "OpenSSL error: error:")) << log_dump();
 }
 
 TEST_F(EnrollFailures, NullCertLabelIs2AndNothingIsFiled) {

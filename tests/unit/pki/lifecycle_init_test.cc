@@ -16,6 +16,9 @@
 #include "fakes/clock.h"
 #include "fakes/failures.h"
 #include "fakes/log_capture.h"
+#include "support/ca_info_doc.h"
+#include "support/certs.h"
+#include "support/test_server.h"
 #include "unit/pki/lifecycle_process.h"
 
 namespace {
@@ -41,6 +44,44 @@ void store_is_empty_before_init() {
 
 TEST(LibpkiInitDeathTest, StoreHasNoListsBefore) {
   EXPECT_IN_FRESH_PROCESS(store_is_empty_before_init);
+}
+
+// A document with an additional certificate, and one without.
+void no_ca_is_added_before_init() {
+  support::key doc_key = support::test_key(0);
+  for (const std::string &document : {support::sample().document, support::ca_info_doc("")}) {
+    support::test_server server({support::ok(support::sign_document(document, doc_key))});
+    fake_failures::fill_serialnumber('s');  // no board is set up here
+    EXPECT_EQ(pki_add_ca("label", server.url().c_str(), doc_key.get()), PKI_OUT_OF_MEMORY);
+    EXPECT_EQ(server.requests().size(), 1u);
+  }
+  EXPECT_EQ(store_lists(), std::vector<STACK *>(5, nullptr));
+}
+
+TEST(LibpkiInitDeathTest, NoCaIsAddedBefore) {
+  EXPECT_IN_FRESH_PROCESS(no_ca_is_added_before_init);
+}
+
+void no_key_is_made_before_init() {
+  EXPECT_EQ(pki_generate_key_pair("key", "RSA", 1024), PKI_OUT_OF_MEMORY);
+  EXPECT_EQ(pki_generate_key_pair("key", "DSA", 1024), PKI_UNKNOWN_KEY_ALG);
+  EXPECT_EQ(pki_generate_key_pair(nullptr, "RSA", 1024), PKI_INVALID_ARGS);
+  EXPECT_EQ(store_lists(), std::vector<STACK *>(5, nullptr));
+}
+
+TEST(LibpkiInitDeathTest, NoKeyIsMadeBefore) {
+  EXPECT_IN_FRESH_PROCESS(no_key_is_made_before_init);
+}
+
+void nothing_is_enrolled_or_removed_before_init() {
+  EXPECT_EQ(pki_get_certificate("ca", "key", "cert", nullptr), PKI_NO_SUCH_CA);
+  EXPECT_EQ(pki_remove_ca("ca"), PKI_NO_SUCH_CA);
+  EXPECT_EQ(pki_remove_key("key"), PKI_NO_SUCH_CA);
+  EXPECT_EQ(pki_remove_certificate("key", "cert"), PKI_NO_SUCH_KEY);
+}
+
+TEST(LibpkiInitDeathTest, NothingIsEnrolledOrRemovedBefore) {
+  EXPECT_IN_FRESH_PROCESS(nothing_is_enrolled_or_removed_before_init);
 }
 
 void first_call_makes_five_empty_lists() {

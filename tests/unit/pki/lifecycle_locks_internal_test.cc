@@ -28,7 +28,18 @@ struct world {
   cert_list one{fresh};
   unsigned char hash[EVP_MAX_MD_SIZE];
 
+  // A key with a certificate, the one that is in the store.
+  void add_key() const {
+    key_info *key = alloc_key_info();
+    key->label = pki_strdup("key");
+    cert_info *info = alloc_cert_info();
+    info->label = pki_strdup("cert");
+    info->cert = X509_dup(held.get());
+    OPENSSL_sk_push(key->certs, info);
+    OPENSSL_sk_push(pki_store->key_store, key);
+  }
   world() {
+    add_key();
     pki_add_ca_info(ca.get());
     pki_add_untrusted_cert(held.get(), 0);
     unsigned length = 0;
@@ -128,6 +139,8 @@ const std::vector<operation> &operations() {
        }},
       {"FindRules", false, find_rules},
       {"FindGlobalRules", false, find_global_rules},
+      {"RemoveKey", false, [](world &) { return pki_remove_key("key"); }},
+      {"RemoveCertificate", false, [](world &) { return pki_remove_certificate("key", "cert"); }},
   };
   return all;
 }

@@ -97,6 +97,13 @@ TEST_F(ProvisionDownload, SerialNumberMayHaveFortySevenCharacters) {
   EXPECT_EQ(request_line(server), "GET /?serial=" + std::string(47, 's') + " HTTP/1.0");
 }
 
+TEST_F(ProvisionDownload, SerialNumberThatTheBoardDoesNotEndIsEndedInItsPlace) {
+  fake_failures::fill_serialnumber('s');
+  test_server server({support::ok(message)});
+  ASSERT_EQ(add(server.url("/")), PKI_OK);
+  EXPECT_EQ(request_line(server), "GET /?serial=" + std::string(47, 's') + " HTTP/1.0");
+}
+
 TEST_F(ProvisionDownload, LongPathIsAskedForWhole) {
   std::string path = "/" + std::string(5000, 'p');
   test_server server({support::ok(message)});

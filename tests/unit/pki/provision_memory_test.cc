@@ -100,6 +100,25 @@ TEST_F(ProvisionMemory, OneFailedAllocationIsACodeAndNoHalfCa) {
   sweep(false);
 }
 
+// The last allocation that fails is the one of the URL's parts.
+TEST_F(ProvisionMemory, UrlThatMemoryRunsOutForIsNotCalledInvalid) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  support::key doc_key = support::test_key(0);
+  int code = -1;
+  size_t failures =
+      fake_allocator::sweep([&] { code = pki_add_ca("label", "no url", doc_key.get()); },
+                            [&](size_t n) {
+                              EXPECT_EQ(code, PKI_OUT_OF_MEMORY) << n;
+                              EXPECT_FALSE(logged_containing(3, "ca-pointer url")) << log_dump();
+                              support::clear_openssl_errors();
+                              clear_log();
+                            });
+  EXPECT_GT(failures, 3u);
+  EXPECT_EQ(code, PKI_INVALID_URL);
+  EXPECT_TRUE(was_logged(3, "invalid ca-pointer url: no url")) << log_dump();
+}
+
 TEST_F(ProvisionMemory, MemoryThatStaysShortIsACodeAndNoHalfCa) {
   sweep(true);
 }

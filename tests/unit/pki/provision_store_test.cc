@@ -191,8 +191,21 @@ TEST_F(ProvisionStore, ExpiryAsTheLastElementIsTaken) {
       add_body(element("IssuerName", "CN=a") + element("Expires", "Sun, 06 Nov 2044 08:49:37 GMT")),
       PKI_OK);
   EXPECT_EQ(support::oneline(stored()->issuer_name), "/CN=a");
-  ASSERT_EQ(captured_log().size(), 1u) << log_dump();
-  EXPECT_EQ(captured_log()[0].level, 4);
+  EXPECT_EQ(captured_log(),
+            (std::vector<log_entry>{
+                {4, "Parsing ca-info document: expiry not understood: TIME INVALID MONTH"}}));
+  EXPECT_EQ(stored()->expires.tm_mday, 6);
+  EXPECT_EQ(stored()->expires.tm_year, 0);
+}
+
+TEST_F(ProvisionStore, ExpiryOfADayAndAMonthIsKept) {
+  ASSERT_EQ(add_body(element("IssuerName", "CN=a") + element("Expires", "2 Feb")), PKI_OK);
+  EXPECT_EQ(captured_log(),
+            (std::vector<log_entry>{
+                {4, "Parsing ca-info document: expiry not understood: TIME YEAR NOT FOUND"}}));
+  EXPECT_EQ(stored()->expires.tm_mday, 2);
+  EXPECT_EQ(stored()->expires.tm_mon, 1);
+  EXPECT_EQ(stored()->expires.tm_year, 0);
 }
 
 TEST_F(ProvisionStore, AdditionalCertificatesStayWhenTheDocumentFailsLater) {

@@ -1,10 +1,12 @@
 // Certificates that go into a list, a CA's trusted roots or the store's untrusted certificates.
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
+#include <openssl/err.h>
 
 #include <cerrno>
 
 #include "fakes/failures.h"
+#include "fakes/log_capture.h"
 #include "unit/pki/lifecycle_process.h"
 #include "unit/pki/store_helpers.h"
 
@@ -75,12 +77,37 @@ TEST_F(StoreAddCert, AnotherIssuerOrSerialIsAnotherCertificate) {
   EXPECT_EQ(elements(list.get()), (pointers{held.get(), other_issuer.get(), other_serial.get()}));
 }
 
+TEST_F(StoreAddCert, LetterCaseAndBlanksOfTheIssuerMakeNoOtherCertificate) {
+  cert held = simple_cert("The Issuer", "subject", 1);
+  cert_list list{held};
+  EXPECT_EQ(pki_add_cert(list, simple_cert(" the  ISSUER", "subject", 1).get()), 0);
+  EXPECT_EQ(elements(list.get()), pointers{held.get()});
+}
+
 TEST_F(StoreAddCert, CertificateThatCannotBeReferencedIsRefused) {
   cert added = simple_cert("issuer", "subject", 1);
   cert_list list;
   fake_failures::fail_x509_up_ref();
   EXPECT_EQ(pki_add_cert(list, added.get()), 49);
   EXPECT_EQ(OPENSSL_sk_num(list), 0);
+}
+
+// What OpenSSL queued comes out in the log, and nothing else.
+void expect_reasons_in_the_log() {
+  std::vector<log_entry> log = captured_log();
+  ASSERT_EQ(log.size(), 1u) << log_dump();
+  EXPECT_EQ(log[0].level, 3);
+  EXPECT_EQ(log[0].text.find("OpenSSL error: "), 0u) << log[0].text;
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
+TEST_F(StoreAddCert, ReferenceThatCannotBeTakenMovesOpenSslsErrorsIntoTheLog) {
+  cert added = simple_cert("issuer", "subject", 1);
+  cert_list list;
+  support::raise_openssl_error(77);
+  fake_failures::fail_x509_up_ref();
+  EXPECT_EQ(pki_add_cert(list, added.get()), 49);
+  expect_reasons_in_the_log();
 }
 
 TEST_F(StoreAddCert, NullArgumentsAreRefused) {
@@ -148,6 +175,16 @@ TEST_F(StoreAddUntrustedCert, ListsAreIndependent) {
   EXPECT_EQ(elements(pki_store->collected_certs), pointers{added.get()});
 }
 
+TEST_F(StoreAddUntrustedCert, LetterCaseAndBlanksOfTheIssuerMakeNoOtherCertificate) {
+  cert held = simple_cert("The Issuer", "subject", 1);
+  for (unsigned char keep : {0, 1}) {
+    EXPECT_EQ(pki_add_untrusted_cert(held.get(), keep), 0);
+    EXPECT_EQ(pki_add_untrusted_cert(simple_cert("the  issuer ", "subject", 1).get(), keep), 0);
+  }
+  EXPECT_EQ(elements(pki_store->provisioned_certs), pointers{held.get()});
+  EXPECT_EQ(elements(pki_store->collected_certs), pointers{held.get()});
+}
+
 TEST_F(StoreAddUntrustedCert, StoreHoldsItsOwnReference) {
   cert added = simple_cert("issuer", "subject", 1);
   auto destroyed = watch(added);
@@ -181,6 +218,17 @@ TEST_F(StoreAddUntrustedCert, CertificateThatCannotBeReferencedIsRefused) {
   EXPECT_EQ(pki_add_untrusted_cert(added.get(), 0), 49);
   EXPECT_EQ(OPENSSL_sk_num(pki_store->collected_certs), 0);
   EXPECT_EQ(pki_add_untrusted_cert(added.get(), 0), 0);
+}
+
+TEST_F(StoreAddUntrustedCert, ReferenceThatCannotBeTakenMovesOpenSslsErrorsIntoTheLog) {
+  cert added = simple_cert("issuer", "subject", 1);
+  for (unsigned char keep : {0, 1}) {
+    clear_log();
+    support::raise_openssl_error(77);
+    fake_failures::fail_x509_up_ref();
+    EXPECT_EQ(pki_add_untrusted_cert(added.get(), keep), 49);
+    expect_reasons_in_the_log();
+  }
 }
 
 TEST_F(StoreAddUntrustedCert, TakesTheStoreLockForWritingOnce) {
@@ -253,6 +301,14 @@ TEST_F(StoreAddUntrustedCerts, StopAtTheFirstFailureAndKeepWhatWasAdded) {
   fake_failures::fail_x509_up_ref(1);
   EXPECT_EQ(pki_add_untrusted_certs(list, 1), 49);
   EXPECT_EQ(elements(pki_store->provisioned_certs), pointers{first.get()});
+}
+
+TEST_F(StoreAddUntrustedCerts, ReferenceThatCannotBeTakenMovesOpenSslsErrorsIntoTheLog) {
+  cert_list list{simple_cert("issuer", "a", 1), simple_cert("issuer", "b", 2)};
+  support::raise_openssl_error(77);
+  fake_failures::fail_x509_up_ref(1);
+  EXPECT_EQ(pki_add_untrusted_certs(list, 0), 49);
+  expect_reasons_in_the_log();
 }
 
 void null_element_stops_the_adding() {

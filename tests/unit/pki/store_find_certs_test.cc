@@ -147,6 +147,18 @@ TEST_F(StoreFindBySubject, IssuerDoesNotCount) {
   EXPECT_EQ(OPENSSL_sk_num(found), 0);
 }
 
+// RFC 5280 7.1: letter case, and how many blanks part two words, are no part of a name.
+TEST_F(StoreFindBySubject, LetterCaseAndBlanksDoNotMatter) {
+  cert kept = simple_cert("issuer", "The  Wanted", 1), met = simple_cert("issuer", "THE WANTED", 2),
+       other = simple_cert("issuer", "TheWanted", 3);
+  keep(kept);
+  collect(met);
+  collect(other);
+  cert_list found;
+  EXPECT_EQ(find_by_subject("  the wanted ", found.null_handle()), 0);
+  EXPECT_EQ(elements(found.get()), (pointers{kept.get(), met.get()}));
+}
+
 TEST_F(StoreFindBySubject, TakesTheStoreLockForWritingOnce) {
   keep(simple_cert("issuer", "wanted", 1));
   support::name subject = common_name("wanted");
@@ -173,6 +185,15 @@ TEST_F(StoreFindByIssuerSerial, BothMustBeEqual) {
     collect(each);
   cert_list found;
   EXPECT_EQ(find_by_issuer_serial("issuer", 300, found.null_handle()), 0);
+  EXPECT_EQ(elements(found.get()), pointers{wanted.get()});
+}
+
+TEST_F(StoreFindByIssuerSerial, LetterCaseAndBlanksOfTheIssuerDoNotMatter) {
+  cert wanted = simple_cert("The  Issuer", "a", 300), other = simple_cert("TheIssuer", "a", 300);
+  collect(wanted);
+  collect(other);
+  cert_list found;
+  EXPECT_EQ(find_by_issuer_serial(" THE issuer", 300, found.null_handle()), 0);
   EXPECT_EQ(elements(found.get()), pointers{wanted.get()});
 }
 

@@ -102,6 +102,21 @@ TEST_P(StoreFindFailure, LockThatCannotBeTakenLeavesAGivenListAlone) {
   EXPECT_EQ(elements(found.get()), pointers{mine_.get()});
 }
 
+TEST_P(StoreFindFailure, LockThatCannotBeTakenLogsNothingAndLeavesOpenSslsQueueAlone) {
+  STACK *result = nullptr;
+  for (STACK *given : {static_cast<STACK *>(nullptr), OPENSSL_sk_new_null()}) {
+    result = given;
+    support::raise_openssl_error(own_reason);
+    fake_failures::fail_wrlock(EDEADLK);
+    EXPECT_EQ(find(&result), 80);
+    EXPECT_EQ(result, given);
+    EXPECT_EQ(log_dump(), "");
+    EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), own_reason);
+    EXPECT_EQ(ERR_get_error(), 0u);
+    OPENSSL_sk_free(given);
+  }
+}
+
 TEST_P(StoreFindFailure, ReferenceThatCannotBeTakenTakesANewListBack) {
   for (int matches_before : {0, 1, 2}) {
     STACK *result = nullptr;

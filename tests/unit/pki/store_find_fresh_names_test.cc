@@ -147,22 +147,148 @@ INSTANTIATE_TEST_SUITE_P(Names, StoreFindFreshName,
                          testing::Values(kind{"Plain", plain_name}, kind{"Joined", joined_name}),
                          [](const auto &each) { return each.param.label; });
 
-// Octets that are no UTF-8 do not encode: such a name equals none, which is no failure.
-TEST(StoreFindOddName, NameThatDoesNotEncodeFindsNothing) {
-  support::init_library();
-  support::empty_store();
+// Octets that are no UTF-8 do not encode for a comparison: such a name equals none, which is no
+// failure. OpenSSL tries it at a name's first use only, and takes the name for the empty one later.
+class StoreFindOddName : public support::store_test {
+ protected:
+  void TearDown() override {
+    support::clear_openssl_errors();
+    support::store_test::TearDown();
+  }
+
+  static X509_NAME *parse(const char *text) {
+    X509_NAME *made = nullptr;
+    EXPECT_EQ(parse_rfc1779_str(text, &made), 0) << text;
+    return made;
+  }
+  static name parsed(const char *text) { return name(parse(text), X509_NAME_free); }
+  // One that nobody has tried to encode yet.
+  static X509_NAME *build() {
+    X509_NAME *made = X509_NAME_new();
+    X509_NAME_add_entry_by_txt(made, "CN", V_ASN1_UTF8STRING,
+                               reinterpret_cast<const unsigned char *>("\xE9"), 1, -1, 0);
+    return made;
+  }
+  static name built() { return name(build(), X509_NAME_free); }
+  static name empty() { return name(X509_NAME_new(), X509_NAME_free); }
+
+  static cert named(const name &issuer, const name &subject) {
+    support::cert_options options;
+    options.issuer = issuer;
+    options.subject = subject;
+    return support::make_cert(options);
+  }
+  // Puts a CA of that issuer into the store. Returns the name, which the CA owns.
+  static name add_ca_of(X509_NAME *issuer) {
+    support::ca made = support::make_ca_info("ca");
+    made->issuer_name = issuer;
+    EXPECT_EQ(pki_add_ca_info(made.get()), 0);
+    return name(made->issuer_name, [made](X509_NAME *) {});
+  }
+
+  // Twice, and nothing is left in OpenSSL's queue.
+  static void expect_no_cert(const std::function<int(STACK **)> &search) {
+    for (int time : {1, 2}) {
+      cert_list found;
+      EXPECT_EQ(search(found.null_handle()), 0) << time;
+      EXPECT_EQ(OPENSSL_sk_num(found), 0) << time;
+      EXPECT_EQ(ERR_peek_error(), 0u) << time;
+    }
+  }
+  static void expect_no_cert_of_subject(const name &subject) {
+    expect_no_cert(
+        [&](STACK **result) { return pki_find_certs_by_subject(subject.get(), result); });
+  }
+  static void expect_no_ca(const name &issuer) {
+    for (int time : {1, 2}) {
+      ca_info *found = pki_find_ca_info_by_issuer(issuer.get());
+      EXPECT_EQ(found, nullptr) << time;
+      free_ca_info(found);
+    }
+    EXPECT_EQ(ERR_peek_error(), 0ul);
+  }
+  // As a comparison or an encoding of before leaves them.
+  static void use_once(const name &odd) {
+    X509_NAME_cmp(odd.get(), plain_name().get());
+    i2d_X509_NAME(odd.get(), nullptr);
+    support::clear_openssl_errors();
+  }
+};
+
+TEST_F(StoreFindOddName, FindsNothing) {
   ASSERT_EQ(pki_add_untrusted_cert(support::simple_cert("a", "b", 1).get(), 1), 0);
-  X509_NAME *odd = nullptr;
-  ASSERT_EQ(parse_rfc1779_str("CN=\xE9", &odd), 0);
-  support::clear_openssl_errors();
+  for (const name &odd : {parsed("CN=\xE9"), built()}) {
+    support::clear_openssl_errors();
+    expect_no_cert_of_subject(odd);
+    expect_no_ca(odd);
+    EXPECT_EQ(ERR_peek_error(), 0u);
+  }
+}
+
+TEST_F(StoreFindOddName, IsNotTheEmptySubject) {
+  cert nameless = named(plain_name(), empty());
+  ASSERT_EQ(pki_add_untrusted_cert(nameless.get(), 1), 0);
+  ASSERT_EQ(pki_add_untrusted_cert(nameless.get(), 0), 0);
+  for (const name &odd : {parsed("CN=\xE9"), built()}) {
+    expect_no_cert_of_subject(odd);
+    use_once(odd);
+    expect_no_cert_of_subject(odd);
+  }
   cert_list found;
-  EXPECT_EQ(pki_find_certs_by_subject(odd, found.null_handle()), 0);
-  EXPECT_EQ(OPENSSL_sk_num(found), 0);
-  EXPECT_EQ(pki_find_ca_info_by_issuer(odd), nullptr);
-  EXPECT_EQ(ERR_peek_error(), 0u);
-  support::clear_openssl_errors();
-  support::empty_store();
-  X509_NAME_free(odd);
+  EXPECT_EQ(pki_find_certs_by_subject(empty().get(), found.null_handle()), 0);
+  EXPECT_EQ(elements(found.get()), (pointers{nameless.get(), nameless.get()}));
+}
+
+TEST_F(StoreFindOddName, IsNotTheEmptyIssuer) {
+  cert nameless = named(empty(), plain_name());
+  ASSERT_EQ(pki_add_untrusted_cert(nameless.get(), 1), 0);
+  for (const name &odd : {parsed("CN=\xE9"), built()})
+    expect_no_cert([&](STACK **result) {
+      return pki_find_certs_by_issuer_serial(odd.get(), X509_get0_serialNumber(nameless.get()),
+                                             result);
+    });
+}
+
+TEST_F(StoreFindOddName, CaOfSuchAnIssuerIsNotTheEmptyNames) {
+  name first = add_ca_of(parse("CN=\xE9")), second = add_ca_of(build());
+  expect_no_ca(empty());
+  use_once(first);
+  use_once(second);
+  expect_no_ca(empty());
+}
+
+TEST_F(StoreFindOddName, CaOfTheEmptyIssuerIsNotSuchANames) {
+  add_ca_of(parse(""));
+  for (const name &odd : {parsed("CN=\xE9"), built()}) {
+    expect_no_ca(odd);
+    use_once(odd);
+    expect_no_ca(odd);
+  }
+}
+
+TEST_F(StoreFindOddName, IsNotAnotherSuchName) {
+  name first = add_ca_of(parse("CN=\xE9")), second = add_ca_of(build());
+  for (const name &other : {parsed("CN=\xE8"), parsed("CN=\xE9"), built()}) {
+    expect_no_ca(other);
+    use_once(other);
+    expect_no_ca(other);
+    use_once(first);
+    use_once(second);
+    expect_no_ca(other);
+  }
+  expect_no_ca(built());
+}
+
+TEST_F(StoreFindOddName, CaBehindOneOfSuchAnIssuerIsFound) {
+  add_ca_of(parse("CN=\xE9"));
+  add_ca_of(build());
+  support::ca wanted = support::make_ca_info("wanted", "issuer");
+  ASSERT_EQ(pki_add_ca_info(wanted.get()), 0);
+  for (int time : {1, 2}) {
+    ca_info *found = pki_find_ca_info_by_issuer(support::common_name("issuer").get());
+    EXPECT_EQ(found, wanted.get()) << time;
+    free_ca_info(found);
+  }
 }
 
 }  // namespace

@@ -86,6 +86,15 @@ TEST_F(StoreFindCaByIssuer, CaWithoutIssuerIsPassedOver) {
   free_ca_info(found);
 }
 
+TEST_F(StoreFindCaByIssuer, LetterCaseAndBlanksDoNotMatter) {
+  support::ca other = make_ca_info("a", "TheIssuer"), wanted = make_ca_info("b", "The  Issuer");
+  add_to_store(other);
+  add_to_store(wanted);
+  ca_info *found = pki_find_ca_info_by_issuer(common_name(" the ISSUER ").get());
+  EXPECT_EQ(found, wanted.get());
+  free_ca_info(found);
+}
+
 TEST_F(StoreFindCaByIssuer, AnotherNameOrNullFindsNothing) {
   add_to_store(make_ca_info("bare"));
   add_to_store(make_ca_info("ca", "issuer"));

@@ -37,6 +37,13 @@ TEST_F(StoreDeleteCert, IssuerAndSerialNameTheCertificate) {
   EXPECT_EQ(OPENSSL_sk_num(list), 0);
 }
 
+TEST_F(StoreDeleteCert, LetterCaseAndBlanksOfTheIssuerDoNotMatter) {
+  cert other = simple_cert("TheIssuer", "a", 1);
+  cert_list list{other, simple_cert("The  Issuer", "a", 1)};
+  EXPECT_EQ(pki_delete_cert(list, simple_cert("the issuer ", "a", 1).get()), 0);
+  EXPECT_EQ(elements(list.get()), pointers{other.get()});
+}
+
 TEST_F(StoreDeleteCert, OnlyTheFirstOfSeveralGoes) {
   cert first = simple_cert("issuer", "a", 1), second = simple_cert("issuer", "b", 1);
   cert_list list{first, second};

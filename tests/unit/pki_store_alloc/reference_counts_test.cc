@@ -9,6 +9,7 @@
 
 #include "fakes/allocator.h"
 #include "fakes/log_capture.h"
+#include "unit/pki_store_alloc/own_error.h"
 
 namespace {
 
@@ -130,6 +131,19 @@ TYPED_TEST(ReferenceCounts, AllocatorGivesNullWheneverMemoryRunsOut) {
       [&](size_t n) { EXPECT_EQ(made, nullptr) << "allocation " << n; });
   EXPECT_GE(failures, 1u);
   EXPECT_EQ(log_dump(), "");
+}
+
+// The null says it all: OpenSSL's queue is the caller's.
+TYPED_TEST(ReferenceCounts, AllocatorLeavesOpenSslsQueueAloneWhenMemoryRunsOut) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "the allocator cannot be made to fail in this build";
+  for (bool stay_failed : {false, true}) {
+    support::own_error queued;
+    fake_allocator::sweep([] { TypeParam::free(TypeParam::fresh()); },
+                          [&](size_t n) { EXPECT_TRUE(queued.is_alone()) << "allocation " << n; },
+                          stay_failed);
+    EXPECT_TRUE(queued.is_alone());
+  }
 }
 
 TYPED_TEST(ReferenceCounts, AllocatorGivesNullWhenMemoryStaysShort) {

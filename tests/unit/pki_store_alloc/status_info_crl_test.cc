@@ -9,6 +9,7 @@
 #include "fakes/failures.h"
 #include "support/certs.h"
 #include "unit/pki_store_alloc/destruction.h"
+#include "unit/pki_store_alloc/own_error.h"
 
 namespace {
 
@@ -150,6 +151,29 @@ TEST_F(CreateCrlInfo, GivesNullWhenTheSignerCannotBeReferenced) {
   EXPECT_EQ(*destroyed, 0);
   signer.reset();
   EXPECT_EQ(*destroyed, 1);
+}
+
+// The null says it all: OpenSSL's queue is the caller's.
+TEST_F(CreateCrlInfo, LeavesOpenSslsQueueAloneWhenMemoryRunsOut) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "the allocator cannot be made to fail in this build";
+  support::name issuer = support::make_name({{"C", "US"}, {"O", "Example"}, {"CN", "issuer"}});
+  for (bool stay_failed : {false, true}) {
+    support::own_error queued;
+    fake_allocator::sweep(
+        [&] {
+          free_crl_info(create_crl_info("http://crl.example/", 0, 511, 0, issuer.get(), nullptr));
+        },
+        [&](size_t n) { EXPECT_TRUE(queued.is_alone()) << "allocation " << n; }, stay_failed);
+  }
+}
+
+TEST_F(CreateCrlInfo, LeavesOpenSslsQueueAloneWhenTheSignerCannotBeReferenced) {
+  support::cert signer = support::make_ca("signer");
+  support::own_error queued;
+  fake_failures::fail_x509_up_ref();
+  EXPECT_EQ(create_crl_info("http://crl.example/", 0, 511, 0, nullptr, signer.get()), nullptr);
+  EXPECT_TRUE(queued.is_alone());
 }
 
 TEST_F(CreateCrlInfo, GivesNullWheneverMemoryRunsOut) {
