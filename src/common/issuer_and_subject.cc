@@ -94,7 +94,7 @@ SCEP_ISSUER_AND_SUBJECT *d2i_SCEP_ISSUER_AND_SUBJECT(SCEP_ISSUER_AND_SUBJECT **v
   int tag_class;
   int form = ASN1_get_object(&at, &length, &tag, &tag_class, len);
   if (form != V_ASN1_CONSTRUCTED || tag != V_ASN1_SEQUENCE || tag_class != V_ASN1_UNIVERSAL)
-    return decode_error(step_header, at - *in);
+    return decode_error(step_header, 0);
   const unsigned char *end = at + length;
   if (!decode_name(&pair->issuer, &at, end))
     return decode_error(step_issuer, at - *in);

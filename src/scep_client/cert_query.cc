@@ -51,6 +51,7 @@ int scep_qry_cert(cert_info *query, scep_req_info *info, EVP_PKEY *private_key) 
   if (!query || !query->issuer || !query->serial || !info || !info->url || !info->ca_cert ||
       !private_key)
     return PKI_INVALID_ARGS;
+  openssl_error_mark discard_errors;  // what OpenSSL could do without does not outlive the call
   pkcs7_ptr request;
   if (int error = make_query(*query, *info, private_key, &request))
     return error;

@@ -172,6 +172,7 @@ int scep_cert_req(EVP_PKEY *private_key, const X509_NAME *subject, const scep_re
   *cert = nullptr;
   if (!private_key || !info || !info->url || !info->ca_cert)
     return PKI_INVALID_ARGS;
+  openssl_error_mark discard_errors;  // what OpenSSL could do without does not outlive the call
   enrollment e = {private_key, *info, {}, nullptr, nullptr, nullptr};
   if (int error = make_first_request(&e, subject))
     return error;

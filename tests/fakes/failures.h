@@ -26,6 +26,7 @@ void fail_evp_pkey_up_ref(int after = 0);         // EVP_PKEY_up_ref returns 0
 void fail_rand_bytes(int after = 0);              // RAND_bytes returns 0
 void fail_serialnumber(int error);                // board_info_serialnumber returns `error`
 void fill_serialnumber(char octet);               // it fills its buffer with `octet`, no NUL; 0
+void change_secret_length(int length);            // board_key_secret returns 0 and says `length`
 void fail_poll(int error, int after = 0);         // poll returns -1 with errno `error`
 void time_out_poll(int after = 0);                // poll returns 0 at once
 // Polls of this thread that find nothing to read time out at once when `silent()` says that nothing

@@ -79,6 +79,10 @@ void add_attribute(STACK_OF(X509_ATTRIBUTE) * all, const scep_attribute &wanted)
       X509_ATTRIBUTE_create_by_NID(nullptr, pki_nid_list[wanted.row], wanted.asn1_type,
                                    reinterpret_cast<const unsigned char *>(wanted.octets.data()),
                                    static_cast<int>(wanted.octets.size()));
+  for (const std::string &value : wanted.more)
+    need(X509_ATTRIBUTE_set1_data(made, wanted.asn1_type, value.data(),
+                                  static_cast<int>(value.size())) == 1,
+         "attribute's value");
   need(made && sk_X509_ATTRIBUTE_push(all, made) > 0, "attribute");
 }
 

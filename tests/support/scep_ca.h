@@ -30,11 +30,13 @@ struct scep_request {
   time_t at = 0;                                     // when it came
 };
 
-// One attribute of a reply: a string of that universal type. Empty `octets` are a value too.
+// One attribute of a reply: a string of that universal type. Empty `octets` are a value too; `more`
+// are further values of the same type.
 struct scep_attribute {
   int row;  // of pki_nid_list
   std::string octets;
   int asn1_type = V_ASN1_PRINTABLESTRING;
+  std::vector<std::string> more = {};
 };
 
 // What the CA does with a request. What is set below `issued` departs from an honest reply.

@@ -60,6 +60,32 @@ struct VerifyBytesStrangers : testing::Test {
 
 const support::name nobody = support::make_name({});
 
+PKCS7_SIGNER_INFO *first_signer(const pkcs7 &message) {
+  return sk_PKCS7_SIGNER_INFO_value(message->d.sign->signer_info, 0);
+}
+
+// What the first signature covers in a message with attributes: their DER, as a SET.
+std::string signed_attributes(const pkcs7 &message) {
+  unsigned char *out = nullptr;
+  int length = ASN1_item_i2d(reinterpret_cast<ASN1_VALUE *>(first_signer(message)->auth_attr), &out,
+                             ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY));
+  std::string octets(reinterpret_cast<char *>(out), length > 0 ? static_cast<size_t>(length) : 0);
+  OPENSSL_free(out);
+  return octets;
+}
+
+// The same message, signature and all, with its attributes as the content and none beside it.
+pkcs7 with_attributes_as_content(const pkcs7 &message) {
+  const std::string content = signed_attributes(message);
+  PKCS7_SIGNER_INFO *info = first_signer(message);
+  sk_X509_ATTRIBUTE_pop_free(info->auth_attr, X509_ATTRIBUTE_free);
+  info->auth_attr = nullptr;
+  ASN1_OCTET_STRING_set(message->d.sign->contents->d.data,
+                        reinterpret_cast<const unsigned char *>(content.data()),
+                        static_cast<int>(content.size()));
+  return support::read_message(support::der(message));
+}
+
 TEST_F(VerifyBytesStrangers, OurSignatureUnderTheStandInNameIsAccepted) {
   EXPECT_EQ(open(support::make_message({.signers = {{ours, nullptr, 1}}})), PKI_OK);
 }
@@ -195,6 +221,49 @@ TEST_F(VerifyBytesStrangers, ReplacedContentIsRefused) {
   ASN1_OCTET_STRING_set(message->d.sign->contents->d.data,
                         reinterpret_cast<const unsigned char *>("another"), 7);
   EXPECT_EQ(open(message), PKI_SIG_VERIFY_FAILED);
+}
+
+TEST_F(VerifyBytesStrangers, SignedAttributesPresentedAsContentAreRefused) {
+  unsigned char *der = nullptr;
+  int length = 0;
+  ASSERT_EQ(sign_bytes("content", 7, ours.get(), &der, &length), PKI_OK);
+  const std::string honest(reinterpret_cast<char *>(der), static_cast<size_t>(length));
+  free(der);
+  ASSERT_EQ(open_der(honest), PKI_OK);
+  const std::string attributes = signed_attributes(support::read_message(honest));
+  ASSERT_EQ(attributes.at(0), '1');
+  EXPECT_EQ(open(with_attributes_as_content(support::read_message(honest)), attributes),
+            PKI_SIG_VERIFY_FAILED);
+}
+
+TEST_F(VerifyBytesStrangers, SignedAttributesOfAnotherSignersMakingAreRefusedAsContentToo) {
+  // Without a signing time, and with another digest than the library's own messages have.
+  pkcs7 honest = support::make_message({.signers = {{ours, nullptr, 1}}});
+  const std::string attributes = signed_attributes(honest);
+  EXPECT_EQ(open(with_attributes_as_content(honest), attributes), PKI_SIG_VERIFY_FAILED);
+}
+
+TEST_F(VerifyBytesStrangers, ContentThatMerelyBeginsLikeASetIsAcceptedWithoutAttributes) {
+  const std::string attributes =
+      signed_attributes(support::make_message({.signers = {{ours, nullptr, 1}}}));
+  const std::string cut = attributes.substr(0, attributes.size() - 1);
+  for (const std::string &content :
+       {std::string("1"), std::string("1 text"), std::string("\x31\x03\x02\x01\x05"),
+        std::string("\x31\x05\x30\x03\x02\x01\x05"), std::string("\x31\x80\x30\x80"), cut}) {
+    SCOPED_TRACE(content);
+    EXPECT_EQ(open(support::make_message(
+                       {.content = content, .signers = {{ours, nullptr, 1}}, .attributes = false}),
+                   content),
+              PKI_OK);
+  }
+}
+
+TEST_F(VerifyBytesStrangers, SetOfAttributesAsContentIsAcceptedWhereAttributesAreSigned) {
+  const std::string content =
+      signed_attributes(support::make_message({.signers = {{ours, nullptr, 1}}}));
+  EXPECT_EQ(
+      open(support::make_message({.content = content, .signers = {{ours, nullptr, 1}}}), content),
+      PKI_OK);
 }
 
 TEST_F(VerifyBytesStrangers, OtherOuterTypesAreRefused) {

@@ -52,6 +52,58 @@ void set_unknown_digest(const pkcs7 &message) {
   X509_ALGOR_set0(sk_X509_ALGOR_value(message->d.sign->md_algs, 0), oid, V_ASN1_NULL, nullptr);
 }
 
+ASN1_TYPE *digest_value(const pkcs7 &message) {
+  return PKCS7_get_signed_attribute(sk_PKCS7_SIGNER_INFO_value(message->d.sign->signer_info, 0),
+                                    NID_pkcs9_messageDigest);
+}
+
+// Signs the attributes as they are now.
+pkcs7 signed_anew(const pkcs7 &message, const support::key &key) {
+  PKCS7_SIGNER_INFO *info = sk_PKCS7_SIGNER_INFO_value(message->d.sign->signer_info, 0);
+  EVP_PKEY_up_ref(key.get());
+  info->pkey = key.get();
+  EXPECT_EQ(PKCS7_SIGNER_INFO_sign(info), 1);
+  return support::read_message(support::der(message));
+}
+
+// Gives the messageDigest another type. A string keeps the digest's octets.
+pkcs7 with_digest_of_type(const pkcs7 &message, const support::key &key, int type) {
+  ASN1_TYPE *value = digest_value(message);
+  const ASN1_STRING *digest = value->value.octet_string;
+  const std::string octets(reinterpret_cast<const char *>(ASN1_STRING_get0_data(digest)),
+                           static_cast<size_t>(ASN1_STRING_length(digest)));
+  switch (type) {
+    case V_ASN1_BOOLEAN:
+      ASN1_TYPE_set(value, type, value);
+      break;
+    case V_ASN1_NULL:
+      ASN1_TYPE_set(value, type, nullptr);
+      break;
+    case V_ASN1_OBJECT:
+      ASN1_TYPE_set(value, type, OBJ_nid2obj(NID_sha256));
+      break;
+    default: {
+      const std::string content =
+          type == V_ASN1_SEQUENCE ? std::string("\x30\x1e\x04\x1c") + octets.substr(4) : octets;
+      ASN1_STRING *made = ASN1_STRING_type_new(type);
+      ASN1_STRING_set(made, content.data(), static_cast<int>(content.size()));
+      ASN1_TYPE_set(value, type, made);
+    }
+  }
+  return signed_anew(message, key);
+}
+
+constexpr int types_without_octets[] = {V_ASN1_BOOLEAN, V_ASN1_NULL, V_ASN1_OBJECT,
+                                        V_ASN1_SEQUENCE};
+// OpenSSL holds these as it holds an OCTET STRING.
+constexpr int other_string_types[] = {V_ASN1_UTF8STRING, V_ASN1_PRINTABLESTRING, V_ASN1_IA5STRING,
+                                      V_ASN1_BIT_STRING};
+
+void clear_digests(const pkcs7 &message) {
+  while (X509_ALGOR *one = sk_X509_ALGOR_pop(message->d.sign->md_algs))
+    X509_ALGOR_free(one);
+}
+
 // What a slow machine is given; see PKI_TEST_PATIENCE in tests/CMakeLists.txt.
 int patience() {
   const char *factor = std::getenv("TEST_PATIENCE");
@@ -113,6 +165,32 @@ TEST_F(VerifyBytesLimits, UnknownDigestIsRefused) {
   EXPECT_EQ(open(message), PKI_SIG_VERIFY_FAILED);
 }
 
+TEST_F(VerifyBytesLimits, AttributesThatAreSignedAnewAreAsGoodAsBefore) {
+  EXPECT_EQ(open(signed_anew(message, key)), PKI_OK) << log_dump();
+}
+
+TEST_F(VerifyBytesLimits, MessageDigestThatHoldsNoOctetsIsRefused) {
+  for (int type : types_without_octets) {
+    SCOPED_TRACE(ASN1_tag2str(type));
+    EXPECT_EQ(open(with_digest_of_type(signed_by({us}), key, type)), PKI_SIG_VERIFY_FAILED);
+  }
+}
+
+TEST_F(VerifyBytesLimits, RightMessageDigestInAnotherStringTypeIsRefused) {
+  for (int type : other_string_types) {
+    SCOPED_TRACE(ASN1_tag2str(type));
+    EXPECT_EQ(open(with_digest_of_type(signed_by({us}), key, type)), PKI_SIG_VERIFY_FAILED);
+  }
+}
+
+TEST_F(VerifyBytesLimits, EmptyListOfDigestsIsRefused) {
+  for (const char *octets : {"content", ""}) {
+    pkcs7 hollow = support::make_message({.content = octets, .signers = {us}});
+    clear_digests(hollow);
+    EXPECT_EQ(open(hollow), PKI_SIG_VERIFY_FAILED) << octets;
+  }
+}
+
 struct Pkcs7VerifyLimits : quiet_limits {
   int verify(const pkcs7 &signed_message) {
     X509 *given = cert.get();
@@ -143,6 +221,50 @@ TEST_F(Pkcs7VerifyLimits, SixtyThousandDigestsAreAFailedVerification) {
 TEST_F(Pkcs7VerifyLimits, UnknownDigestIsAFailedVerification) {
   set_unknown_digest(message);
   EXPECT_EQ(verify(message), PKI_P7_VERIFY_FAILED);
+}
+
+TEST_F(Pkcs7VerifyLimits, MessageDigestThatHoldsNoOctetsIsAFailedVerification) {
+  for (int type : types_without_octets) {
+    SCOPED_TRACE(ASN1_tag2str(type));
+    EXPECT_EQ(verify(with_digest_of_type(signed_by({us}, {cert}), key, type)),
+              PKI_P7_VERIFY_FAILED);
+  }
+}
+
+TEST_F(Pkcs7VerifyLimits, RightMessageDigestInAnotherStringTypeIsAFailedVerification) {
+  for (int type : other_string_types) {
+    SCOPED_TRACE(ASN1_tag2str(type));
+    EXPECT_EQ(verify(with_digest_of_type(signed_by({us}, {cert}), key, type)),
+              PKI_P7_VERIFY_FAILED);
+  }
+}
+
+TEST_F(Pkcs7VerifyLimits, EmptyListOfDigestsIsAFailedVerification) {
+  for (const char *octets : {"content", ""}) {
+    pkcs7 hollow = support::make_message({.content = octets, .signers = {us}, .carried = {cert}});
+    clear_digests(hollow);
+    EXPECT_EQ(verify(hollow), PKI_P7_VERIFY_FAILED) << octets;
+  }
+}
+
+TEST_F(Pkcs7VerifyLimits, EmptyListOfDigestsBesideAnEnvelopeIsAFailedVerification) {
+  pkcs7 envelope = support::make_envelope("inner", cert);
+  pkcs7 hollow = support::make_message({.content = support::contents_octets(envelope),
+                                        .signers = {us},
+                                        .carried = {cert},
+                                        .inner = envelope});
+  ASSERT_EQ(verify(hollow), PKI_OK) << log_dump();
+  clear_digests(hollow);
+  EXPECT_EQ(verify(hollow), PKI_P7_VERIFY_FAILED);
+}
+
+TEST_F(Pkcs7VerifyLimits, SeveralDigestsOverEmptyDataVerify) {
+  pkcs7 empty = support::make_message({.content = "", .signers = {us}, .carried = {cert}});
+  for (int digests = 1; digests <= most; digests++) {
+    EXPECT_EQ(verify(empty), PKI_OK) << digests << "\n" << log_dump();
+    add_digests(empty, 1);
+  }
+  EXPECT_EQ(verify(empty), PKI_P7_VERIFY_FAILED);
 }
 
 }  // namespace

@@ -210,6 +210,23 @@ TEST_F(Pkcs7Sign, ContentThatCannotBeDigestedIsPassedOnAndStaysTheCallers) {
   EXPECT_EQ(out, nullptr);
 }
 
+TEST_F(Pkcs7Sign, MissingAttributeIsOutOfMemoryInEachPlace) {
+  for (size_t place : {0u, 1u, 2u}) {
+    SCOPED_TRACE(place);
+    add_attribute(NID_pkcs9_challengePassword, "A");
+    add_attribute(NID_pkcs9_unstructuredName, "B");
+    attributes.insert(attributes.begin() + static_cast<std::ptrdiff_t>(place), nullptr);
+    auto *out = reinterpret_cast<PKCS7 *>(this);
+    pkcs7 content = support::make_data("inner");
+    EXPECT_EQ(sign(content, &out), PKI_OUT_OF_MEMORY);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(ASN1_STRING_length(content->d.data), 5) << "the content stays the caller's";
+    for (X509_ATTRIBUTE *each : attributes)
+      X509_ATTRIBUTE_free(each);
+    attributes.clear();
+  }
+}
+
 TEST_F(Pkcs7Sign, NullAndNegativeArgumentsAreRefused) {
   pkcs7 content = support::make_data("inner");
   PKCS7 *out = nullptr;

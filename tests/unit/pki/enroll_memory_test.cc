@@ -1,5 +1,6 @@
 // pki_get_certificate when memory runs short anywhere in an enrollment.
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <map>
 #include <set>
@@ -37,6 +38,9 @@ class EnrollMemory : public support::enroll_test {
       completed = !fake_allocator::has_failed();
       fake_allocator::stop_failing();
       check(code, n, ca);
+      if (code != PKI_OK) {
+        EXPECT_EQ(ERR_peek_error(), 0u) << n << ": code " << code;
+      }
       ca.forget();
     }
     EXPECT_TRUE(completed);

@@ -1,5 +1,6 @@
 // scep_qry_cert, and the self-signed certificates of requesters, when memory runs short.
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <unistd.h>
 
 #include <map>
@@ -57,6 +58,7 @@ TEST_F(ScepQueryMemory, FailedAllocationIsACodeAndTheOldCertificateStays) {
     } else {
       EXPECT_EQ(query->cert, before) << n;
     }
+    EXPECT_EQ(ERR_peek_error(), 0u) << n << ": code " << code;
     support::clear_openssl_errors();
     clear_log();
   }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -204,6 +205,37 @@ TEST_F(ScepCertReq, SerialNumberOf48CharactersIsTooLong) {
   other_board board;
   board.with("serialnumber", std::string(48, 'S')).with("secret", "x");
   expect_board_failure(EMSGSIZE);
+}
+
+TEST_F(ScepCertReq, SecretOfALengthThatCannotBeIsABoardFailureWithoutANumber) {
+  for (int length : {-1, 257, INT_MAX, INT_MIN}) {
+    SCOPED_TRACE(length);
+    clear_log();
+    fake_failures::change_secret_length(length);
+    expect_board_failure(0);
+  }
+}
+
+TEST_F(ScepCertReq, SecretOfNoOctetsAndOf256IsTaken) {
+  for (int length : {0, 1, 255, 256}) {
+    SCOPED_TRACE(length);
+    fake_failures::change_secret_length(length);
+    pkcs10 asked = payload(request());
+    ASSERT_NE(asked, nullptr);
+    int secret = X509_REQ_get_attr_by_NID(asked.get(), pki_nid_list[PKI_OID_SECRET], -1);
+    ASSERT_GE(secret, 0);
+    EXPECT_EQ(attribute(asked, secret, V_ASN1_OCTET_STRING),
+              std::string(static_cast<size_t>(length), 'x'));
+  }
+}
+
+TEST_F(ScepCertReq, SerialNumberWithoutANulEndsWithItsBuffer) {
+  fake_failures::fill_serialnumber('S');
+  pkcs10 asked = payload(request());
+  ASSERT_NE(asked, nullptr);
+  int serial = X509_REQ_get_attr_by_NID(asked.get(), pki_nid_list[PKI_OID_SERIAL_NUMBER], -1);
+  ASSERT_GE(serial, 0);
+  EXPECT_EQ(attribute(asked, serial, V_ASN1_PRINTABLESTRING), std::string(47, 'S'));
 }
 
 TEST_F(ScepCertReq, MissingArgumentsAreRefusedBeforeTheBoardIsRead) {

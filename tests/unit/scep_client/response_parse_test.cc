@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <climits>
 #include <string>
 
 #include "unit/scep_client/scep_fixture.h"
@@ -233,11 +234,15 @@ TEST_F(ScepResponse, StatusThatIsNoStringIsRefused) {
 }
 
 TEST_F(ScepResponse, SecondValueOfAnAttributeIsNotLookedAt) {
+  // A SET is sorted: the smaller values are the first ones.
   scep_reply reply;
+  reply.type = "";
   reply.status = SCEP_STATUS_PENDING;
-  reply.more = {{PKI_OID_SCEP_PKI_STATUS, "5"}};
-  int code = parse(answer_of(reply));
-  EXPECT_TRUE(code == PKI_INVALID_SCEP_RSP || status == 3 || status == 5) << log_dump();
+  reply.status_text = "";
+  reply.more = {{PKI_OID_SCEP_MESSAGE_TYPE, "3", V_ASN1_PRINTABLESTRING, {"4", "5"}},
+                {PKI_OID_SCEP_PKI_STATUS, "3", V_ASN1_PRINTABLESTRING, {"5"}}};
+  ASSERT_EQ(parse(answer_of(reply)), PKI_OK) << log_dump();
+  EXPECT_EQ(status, SCEP_STATUS_PENDING);
 }
 
 TEST_F(ScepResponse, StatusOf100KilobytesIsANumberLikeAnyOther) {
@@ -331,8 +336,28 @@ TEST_F(ScepResponse, MissingArgumentsAreRefused) {
             PKI_INVALID_ARGS);
   EXPECT_EQ(parse_scep_rsp(der, length, key.get(), ca, own_cert, asked, &read, &status, nullptr),
             PKI_INVALID_ARGS);
+  EXPECT_EQ(parse_scep_rsp(der, length, nullptr, ca, own_cert, asked, &read, &status, &opened),
+            PKI_INVALID_ARGS);
+  EXPECT_EQ(parse_scep_rsp(der, length, key.get(), ca, nullptr, asked, &read, &status, &opened),
+            PKI_INVALID_ARGS);
   EXPECT_EQ(read, nullptr);
   EXPECT_EQ(opened, nullptr);
+}
+
+TEST_F(ScepResponse, NegativeLengthIsRefusedWithoutALine) {
+  std::string octets = answer_of({});
+  const auto *der = reinterpret_cast<const unsigned char *>(octets.data());
+  clear_log();
+  for (int length : {-1, INT_MIN}) {
+    PKCS7 *read = request.get(), *opened = request.get();  // must be overwritten
+    EXPECT_EQ(parse_scep_rsp(der, length, key.get(), ca_cert.get(), own_cert, request.get(), &read,
+                             &status, &opened),
+              PKI_INVALID_ARGS);
+    EXPECT_EQ(read, nullptr);
+    EXPECT_EQ(opened, nullptr);
+  }
+  EXPECT_EQ(status, -77);
+  EXPECT_EQ(captured_log(), log_lines());
 }
 
 // Whatever is done to an answer: an error, or the very same certificates.

@@ -138,18 +138,6 @@ TEST_F(ScepWire, RedirectIsFollowed) {
   EXPECT_EQ(target.requests().at(0).rfind("GET /moved HTTP/1.0\r\n", 0), 0u);
 }
 
-TEST_F(ScepWire, MissingArgumentsAreRefused) {
-  void *octets = nullptr;
-  int length = 0;
-  test_server server({support::ok("fine")});
-  std::string url = server.url();
-  EXPECT_EQ(send_scep_msg(nullptr, url.c_str(), &octets, &length), PKI_INVALID_ARGS);
-  EXPECT_EQ(send_scep_msg(message.get(), nullptr, &octets, &length), PKI_INVALID_ARGS);
-  EXPECT_EQ(send_scep_msg(message.get(), url.c_str(), nullptr, &length), PKI_INVALID_ARGS);
-  EXPECT_EQ(send_scep_msg(message.get(), url.c_str(), &octets, nullptr), PKI_INVALID_ARGS);
-  EXPECT_TRUE(server.requests().empty());
-}
-
 TEST_F(ScepWire, MessageThatCannotBeEncodedIsOutOfMemory) {
   pkcs7 hollow(PKCS7_new(), PKCS7_free);
   test_server server({support::ok("fine")});

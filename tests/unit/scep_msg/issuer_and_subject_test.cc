@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "fakes/allocator.h"
 #include "messages.h"
 
 namespace {
@@ -120,6 +121,32 @@ TEST_F(IssuerAndSubject, ChangedNamesAreEncodedAsTheyAre) {
   EXPECT_EQ(der(pair), tlv(0x30, der(issuer) + der(issuer)));
 }
 
+TEST_F(IssuerAndSubject, NullOutputReceivesNewMemory) {
+  ias pair = make_ias(issuer, subject);
+  unsigned char *out = nullptr;
+  const int length = i2d_SCEP_ISSUER_AND_SUBJECT(pair.get(), &out);
+  ASSERT_EQ(length, static_cast<int>(whole.size()));
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), whole.size()), whole)
+      << "the front of the memory, not its end";
+  OPENSSL_free(out);
+}
+
+TEST_F(IssuerAndSubject, NewMemoryThatIsNotToBeHadIsAnError) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  ias pair = make_ias(issuer, subject);
+  ASSERT_EQ(der(pair), whole);
+  unsigned char *out = nullptr;
+  fake_allocator::fail_at(1);
+  const int length = i2d_SCEP_ISSUER_AND_SUBJECT(pair.get(), &out);
+  ASSERT_TRUE(fake_allocator::has_failed());
+  fake_allocator::stop_failing();
+  EXPECT_EQ(length, -1);
+  EXPECT_EQ(out, nullptr);
+  support::clear_openssl_errors();
+}
+
 // ---- decoding ----
 
 TEST_F(IssuerAndSubject, DecodesToEqualNames) {
@@ -175,23 +202,27 @@ TEST_F(IssuerAndSubject, SuccessLeavesTheErrorQueueEmpty) {
 
 // ---- decoding failures ----
 
-// Exactly one entry in the queue of ours: returns its line, and empties the queue.
-int failure_line(const std::string &what) {
+struct queue_entry {
+  int line = -1;
+  std::string data;
+};
+
+// Exactly one entry in the queue of ours: returns it, and empties the queue.
+queue_entry only_entry(const std::string &what) {
   int ours = 0;
-  int found = -1;
+  queue_entry found;
   const char *file = nullptr;
   const char *data = nullptr;
   int line = 0;
   int flags = 0;
   while (unsigned long error = ERR_get_error_all(&file, &line, nullptr, &data, &flags)) {
-    if (!strstr(file, "common/issuer_and_subject"))
+    if (strcmp(file, "common/issuer_and_subject") != 0)
       continue;
     ours++;
-    found = line;
+    found = {line, data ? data : ""};
     EXPECT_EQ(ERR_GET_LIB(error), ERR_LIB_ASN1) << what;
     EXPECT_EQ(ERR_GET_REASON(error), ERR_R_NESTED_ASN1_ERROR) << what;
     EXPECT_TRUE(flags & ERR_TXT_STRING) << what;
-    EXPECT_NE(std::string(data ? data : ""), "") << "position of the offending octets: " << what;
   }
   EXPECT_EQ(ours, 1) << what;
   return found;
@@ -211,18 +242,52 @@ TEST_F(IssuerAndSubjectFailures, EachPlaceQueuesOneEntryOfItsOwn) {
   std::set<int> lines;
   for (const auto &[place, octets] : bad) {
     EXPECT_EQ(decode(octets), nullptr) << place;
-    lines.insert(failure_line(place));
+    lines.insert(only_entry(place).line);
   }
   EXPECT_EQ(lines.size(), bad.size());
 }
 
-TEST_F(IssuerAndSubjectFailures, EntrysFileIsTheSourcesName) {
-  decode(bad["header"]);
-  const char *file = nullptr;
-  bool seen = false;
-  while (ERR_get_error_all(&file, nullptr, nullptr, nullptr, nullptr))
-    seen = seen || strcmp(file, "common/issuer_and_subject") == 0;
-  EXPECT_TRUE(seen);
+TEST_F(IssuerAndSubjectFailures, RecordThatIsNotToBeHadQueuesAnEntryOfItsOwnToo) {
+  if (!fake_allocator::available())
+    GTEST_SKIP() << "this build's allocator cannot be replaced";
+  std::set<int> others;
+  for (const auto &[place, octets] : bad) {
+    decode(octets);
+    others.insert(only_entry(place).line);
+  }
+  const auto *in = reinterpret_cast<const unsigned char *>(whole.data());
+  fake_allocator::fail_at(1);
+  SCEP_ISSUER_AND_SUBJECT *made =
+      d2i_SCEP_ISSUER_AND_SUBJECT(nullptr, &in, static_cast<long>(whole.size()));
+  ASSERT_TRUE(fake_allocator::has_failed());
+  fake_allocator::stop_failing();
+  EXPECT_EQ(made, nullptr);
+  EXPECT_EQ(in, reinterpret_cast<const unsigned char *>(whole.data()));
+  const queue_entry entry = only_entry("record");
+  EXPECT_EQ(others.count(entry.line), 0u);
+  EXPECT_EQ(entry.data, "address offset=0");
+}
+
+TEST_F(IssuerAndSubjectFailures, EntryNamesTheOffsetOfTheNameThatIsNone) {
+  decode(bad["issuer"]);
+  EXPECT_EQ(only_entry("issuer").data, "address offset=2");
+  decode(bad["subject"]);
+  EXPECT_EQ(only_entry("subject").data, "address offset=" + std::to_string(2 + der(issuer).size()));
+}
+
+TEST_F(IssuerAndSubjectFailures, EntryNamesTheOffsetOfWhatFollowsTheNames) {
+  const std::string names = der(issuer) + der(subject);
+  decode(tlv(0x30, names + std::string("\x05\0", 2)));
+  EXPECT_EQ(only_entry("end").data, "address offset=" + std::to_string(2 + names.size()));
+}
+
+TEST_F(IssuerAndSubjectFailures, EntryNamesTheStartWhereThereIsNoHeader) {
+  decode("");
+  EXPECT_EQ(only_entry("nothing").data, "address offset=0");
+  decode(whole.substr(0, 1));
+  EXPECT_EQ(only_entry("half a header").data, "address offset=0");
+  decode(tlv(0x31, whole.substr(2)));
+  EXPECT_EQ(only_entry("another header").data, "address offset=0");
 }
 
 TEST_F(IssuerAndSubjectFailures, InputIsNotAdvanced) {

@@ -115,6 +115,18 @@ TEST_F(GenScepCertReq, AttributesStayTheCallers) {
   EXPECT_EQ(encode<X509_ATTRIBUTE>(attributes[0], i2d_X509_ATTRIBUTE), before);
 }
 
+TEST_F(GenScepCertReq, StringThatNeverGotAnyOctetsIsAnEmptyOne) {
+  // OpenSSL's new strings have no data at all.
+  attributes.push_back(X509_ATTRIBUTE_create(pki_nid_list[PKI_OID_SERIAL_NUMBER],
+                                             V_ASN1_PRINTABLESTRING, ASN1_PRINTABLESTRING_new()));
+  attributes.push_back(X509_ATTRIBUTE_create(pki_nid_list[PKI_OID_SECRET], V_ASN1_OCTET_STRING,
+                                             ASN1_OCTET_STRING_new()));
+  ASSERT_EQ(X509_ATTRIBUTE_get0_type(attributes[0], 0)->value.printablestring->data, nullptr);
+  x509_req request = request_in(make());
+  EXPECT_EQ(request_attributes(request), (std::vector<std::string>{"3:", "4:"}));
+  EXPECT_EQ(X509_REQ_verify(request.get(), device_key.get()), 1);
+}
+
 TEST_F(GenScepCertReq, NoAttributesAreNeeded) {
   EXPECT_EQ(request_attributes(request_in(make())), std::vector<std::string>());
 }
@@ -358,6 +370,14 @@ TEST_F(GenScepCertReq, CountsThatDoNotFitAreRefused) {
                               nullptr, nullptr, &out),
             PKI_INVALID_ARGS);
   EXPECT_EQ(out, nullptr);
+}
+
+TEST_F(GenScepCertReq, MissingAttributeIsOutOfMemoryInEachPlace) {
+  add_attribute(PKI_OID_SERIAL_NUMBER, "serial");
+  attributes.push_back(nullptr);
+  expect_refused(PKI_OUT_OF_MEMORY);
+  std::swap(attributes[0], attributes[1]);
+  expect_refused(PKI_OUT_OF_MEMORY);
 }
 
 }  // namespace
