@@ -131,9 +131,12 @@ def try_pages(trial):
     wait_for("openssl s_server", lambda: answers(port))
 
     trial.expect(ROOT / "README.md", None, 0, trial.compile(ROOT / "README.md"), document, key)
-    for name in ("provisioning", "enrollment"):
-        page = docs / f"{name}.md"
-        trial.expect(page, 0, 0, trial.compile(page), document, key)
+    trial.must_run(trial.tool("pkilab"), "issue", "--dir", "lab", "--ca", "additional", "--new-key",
+                   "deep-key.pem", "--subject", "CN=deep, O=Example", "--out", "deep.pem")
+    page = docs / "provisioning.md"
+    trial.expect(page, 0, 0, trial.compile(page), document, key, "deep.pem")
+    page = docs / "enrollment.md"
+    trial.expect(page, 0, 0, trial.compile(page), document, key)
     page = docs / "marshalling.md"
     trial.expect(page, 0, 0, trial.compile(page))
 

@@ -71,12 +71,17 @@ expect_among() {
 listed() {
   local child
   while read -r child; do
-    expect "$child" -- "$@" "$child"
+    complete_line "$@" "$child"
+    if [[ " ${COMPREPLY[*]} " != *" $child "* ]]; then
+      echo "'$*': '$child' is missing in '${COMPREPLY[*]}'" >&2
+      failed=1
+    fi
   done < <("$TOOLS/$1" "${@:2}" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
 }
 if [[ -n ${TOOLS:-} ]]; then
   listed pkictl
   listed pkictl cainfo
+  listed pkictl ca
   listed pkilab
 fi
 
@@ -92,6 +97,8 @@ expect_labels() {
   expect_only tls -- pkictl enroll --key spare --cert ''
   expect_only office -- pkictl enroll --ca ''
   expect_only office -- pkictl provision --label of
+  expect_only office -- pkictl ca remove ''
+  expect_only office -- pkictl ca remove --state "$1" of
   expect_only -- pkictl enroll --ca x
   expect_only -- pkictl key generate ''
   expect_only -- pkictl key export --state "$1/none" ''
@@ -164,6 +171,8 @@ expect_among verify -- pkictl ''
 expect verify -- pkictl ver
 expect verify -- pkictl --json ver
 expect sign -- pkictl cainfo si
+expect cainfo ca -- pkictl ca
+expect remove -- pkictl ca rem
 expect serve -- pkilab se
 expect -- pkictl nonsense-
 

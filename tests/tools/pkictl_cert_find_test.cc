@@ -28,8 +28,22 @@ TEST(PkictlCertFind, FindsWhatWasIssuedAndSavesIt) {
   std::string issued = test.cert_file();
   result done = find(test, serial_of(issued), {"--out", test.file("found.pem"), "--json"});
   ASSERT_EQ(done.exit_code, 0) << done.err;
-  EXPECT_EQ(json::parse(done.out)["certificate"]["subject"], "CN=device, O=Example");
+  json printed = json::parse(done.out);
+  EXPECT_EQ(printed["certificate"]["subject"], "CN=device, O=Example");
+  EXPECT_EQ(printed["file"], test.file("found.pem"));
+  EXPECT_FALSE(printed.contains("pem"));
   EXPECT_EQ(tool_test::read_file(test.file("found.pem")), tool_test::read_file(issued));
+  EXPECT_EQ(tool_test::mode_of(test.file("found.pem")), 0644u);
+}
+
+TEST(PkictlCertFind, JsonHasThePemWhereNoFileReceivesIt) {
+  device test;
+  test.prepare();
+  ASSERT_EQ(test.enroll().exit_code, 0);
+  std::string issued = test.cert_file();
+  json printed = json::parse(find(test, serial_of(issued), {"--json"}).out);
+  EXPECT_EQ(printed["pem"], tool_test::read_file(issued));
+  EXPECT_FALSE(printed.contains("file"));
 }
 
 TEST(PkictlCertFind, FileThatIsThereIsReplacedOnlyByForce) {
@@ -51,9 +65,15 @@ TEST(PkictlCertFind, PrintsItForAPerson) {
   device test;
   test.prepare();
   ASSERT_EQ(test.enroll().exit_code, 0);
+  std::string pem = tool_test::read_file(test.cert_file());
   result done = find(test, serial_of(test.cert_file()));
   EXPECT_TRUE(done.out.starts_with("found\n  certificate       CN=device, O=Example\n"))
       << done.out;
+  EXPECT_TRUE(done.out.ends_with("\n" + pem)) << done.out;
+  done = find(test, serial_of(test.cert_file()), {"-o", test.file("found.pem")});
+  EXPECT_TRUE(done.out.starts_with("found\n")) << done.out;
+  EXPECT_TRUE(done.out.ends_with("\nsaved " + test.file("found.pem") + "\n")) << done.out;
+  EXPECT_EQ(done.out.find("BEGIN"), std::string::npos) << done.out;
 }
 
 TEST(PkictlCertFind, LabKeepsCertificatesWhenItIsStartedAgain) {

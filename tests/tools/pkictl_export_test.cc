@@ -78,6 +78,15 @@ TEST(PkictlKeyExport, KeyHasToBeThere) {
   EXPECT_EQ(done.out, "");
 }
 
+TEST(PkictlKeyExport, HelpNamesTheModesOfFiles) {
+  EXPECT_NE(tool_test::pkictl({"key", "export", "--help"}).out.find("(PEM, mode 0600)"),
+            std::string::npos);
+  for (const char *command : {"export", "find"})
+    EXPECT_NE(tool_test::pkictl({"cert", command, "--help"}).out.find("(PEM, mode 0644)"),
+              std::string::npos)
+        << command;
+}
+
 TEST(PkictlKeyExport, WrongUsageIsTwo) {
   export_test test;
   for (const strings &arguments :
@@ -121,7 +130,7 @@ TEST(PkictlCertExport, GivesTheCertificateThatWasIssued) {
   EXPECT_EQ(printed["label"], "cert");
   EXPECT_EQ(printed["certificate"]["subject"], "CN=device, O=Example");
   EXPECT_EQ(printed["pem"], tools::cert_pem(cert));
-  EXPECT_EQ(mode_of(test.cert_file()), 0600u);
+  EXPECT_EQ(mode_of(test.cert_file()), 0644u);
 }
 
 TEST(PkictlCertExport, CertificateHasToBeThere) {

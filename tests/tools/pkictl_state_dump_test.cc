@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "state_fixture.h"
 #include "tools/common/keys.h"
 #include "tools/common/text.h"
@@ -107,6 +109,7 @@ TEST(PkictlStateDump, DamagedStateIsShownOnlyWithItsSecrets) {
 
 TEST(PkictlStateDump, StateHasToBeThere) {
   state_test test;
+  std::filesystem::create_directory(test.dir);
   result done = test.pkictl({"state", "dump"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: there is no file " + test.file + "\n");

@@ -220,10 +220,24 @@ TEST(PkictlVerifyCertInput, MissingStateFolderIsNamed) {
                  "there is no folder " + files.path("absent"));
 }
 
-TEST(PkictlVerifyCertInput, MissingStateFolderIsEmptyWhereSomethingIsTrusted) {
+TEST(PkictlVerifyCertInput, MissingStateFolderIsNamedWhereSomethingIsTrustedToo) {
   verify_files files;
-  result done = files.verify({"--state", files.path("absent")});
-  EXPECT_EQ(done.exit_code, 0) << done.err;
+  expect_refused(files.verify({"--state", files.path("absent")}),
+                 "there is no folder " + files.path("absent") +
+                     "; name the one that 'pkictl provision' was given");
+  EXPECT_EQ(files.questions(), 0u);
+}
+
+TEST(PkictlVerifyCertInput, StateThatIsAFileIsNoEmptyState) {
+  verify_files files;
+  expect_refused(files.verify({"--state", files.path("root.pem")}),
+                 files.path("root.pem") + " is no folder");
+}
+
+TEST(PkictlVerifyCertInput, FolderWithoutAStateIsAnEmptyOne) {
+  verify_files files;
+  std::filesystem::create_directory(files.path("no-cas"));
+  EXPECT_EQ(files.verify({"--state", files.path("no-cas")}).exit_code, 0);
 }
 
 TEST(PkictlVerifyCertInput, CertificateBehindAFilesOptionIsTheOneToJudge) {

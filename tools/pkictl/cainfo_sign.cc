@@ -190,7 +190,7 @@ void add_cainfo_sign_command(CLI::App &cainfo, action *chosen) {
   command->add_option("DOC.xml", given->document,
                       "The document; " DOCUMENT_FOLDER "/ca-info.md has its grammar");
   command->add_option("--key", given->key, "The signer's private key (PEM or DER)")->required();
-  command->add_option("-o,--out", given->out, "The file to write (DER)")->required();
+  command->add_option("-o,--out", given->out, "The file to write (DER, mode 0644)")->required();
   command->add_flag("--force", given->force, "Replace a file that is there");
   command->add_flag("--despite-faults", given->despite_faults,
                     "Sign even what devices refuse or cannot use");

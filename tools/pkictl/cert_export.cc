@@ -18,7 +18,7 @@ struct options {
 };
 
 int export_cert(const context &where, const options &given) {
-  state_folder state(given.to.state);
+  state_folder state = state_folder::to_read(given.to.state, "enroll");
   saved_state kept = state.load();
   X509 *cert = state.cert_in(&kept, given.key, given.cert);
   write_export(where, given.to, tools::cert_pem(cert),

@@ -12,8 +12,8 @@
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
 #include "tools/common/serial.h"
-#include "tools/common/text.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/exported.h"
 #include "tools/pkictl/failure_report.h"
 #include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
@@ -30,9 +30,7 @@ struct options {
   std::string issuer;
   std::string ca = "ca";
   std::string key;
-  std::string out;
-  std::string state;
-  bool force = false;
+  export_options to;
 };
 
 using scep_req_info_ptr = std::unique_ptr<scep_req_info, tools::free_with<free_scep_req_info>>;
@@ -102,9 +100,9 @@ bool is_what_was_asked_for(const cert_info &query) {
 }
 
 int find(const context &where, const options &given) {
-  if (!given.out.empty())
-    tools::require_free(given.out, given.force);
-  state_folder state(given.state);
+  if (!given.to.out.empty())
+    tools::require_free(given.to.out, given.to.force);
+  state_folder state = state_folder::to_read(given.to.state, "provision");
   saved_state kept = state.load();
   const saved_ca &saved = state.ca_in(&kept, given.ca);
   const saved_key &pair = state.key_in(&kept, given.key);
@@ -119,14 +117,9 @@ int find(const context &where, const options &given) {
     fail(code, heard);
   if (!is_what_was_asked_for(*query))
     throw tools::failure("the CA handed out another certificate than the one asked for");
-  if (!given.out.empty())
-    tools::write_named_file(given.out, tools::cert_pem(query->cert), 0644, given.force);
   json cert = cert_json(query->cert);
-  if (where.json)
-    where.out->write_json({{"certificate", cert}});
-  else
-    where.out->write_text("found\n" + cert_text(1, "certificate", cert) +
-                          (given.out.empty() ? "" : "saved " + tools::printable(given.out) + "\n"));
+  write_export(where, given.to, tools::cert_pem(query->cert), {{"certificate", cert}},
+               "found\n" + cert_text(1, "certificate", cert));
   return 0;
 }
 
@@ -148,12 +141,9 @@ void add_cert_command(CLI::App &app, action *chosen) {
   command->add_option("--ca", given->ca, "The CA's label")->capture_default_str();
   command->add_option("--issuer", given->issuer,
                       "Its issuer, most specific part first; the CA by default");
-  CLI::Option *out = command->add_option("-o,--out", given->out, "File that receives it (PEM)");
-  command->add_flag("--force", given->force, "Replace a file that is there")->needs(out);
-  add_state_option(command, &given->state);
-  command->footer(std::string("Examples:\n"
-                              "  pkictl cert find 10C4 --key device --out found.pem\n\n") +
-                  state_footer + common_footer);
+  add_export_options(command, &given->to,
+                     "Examples:\n"
+                     "  pkictl cert find 10C4 --key device --out found.pem\n\n");
   command->callback([=] { *chosen = [=](const context &where) { return find(where, *given); }; });
   add_cert_export_command(*cert, chosen);
 }

@@ -32,6 +32,7 @@ void add_provision_command(CLI::App &app, action *chosen);
 void add_cainfo_sign_command(CLI::App &cainfo, action *chosen);
 void add_cainfo_verify_command(CLI::App &cainfo, action *chosen);
 void add_cainfo_show_command(CLI::App &cainfo, action *chosen);
+void add_ca_command(CLI::App &app, action *chosen);
 void add_key_command(CLI::App &app, action *chosen);
 void add_key_export_command(CLI::App &key, action *chosen);
 void add_enroll_command(CLI::App &app, action *chosen);

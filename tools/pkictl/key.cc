@@ -93,10 +93,7 @@ int generate(const context &where, const options &given) {
 }
 
 int list(const context &where, const options &given) {
-  if (state_folder::is_missing(given.state))
-    throw tools::failure("there is no folder " + given.state +
-                         "; name the one that 'pkictl key generate' was given");
-  saved_state kept = state_folder(given.state).load();
+  saved_state kept = state_folder::to_read(given.state, "key generate").load();
   json keys = json::array();
   for (const auto &[label, key] : kept.keys)
     keys.push_back(key_json(label, key));

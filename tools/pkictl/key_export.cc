@@ -19,7 +19,7 @@ struct options {
 };
 
 int export_key(const context &where, const options &given) {
-  state_folder state(given.to.state);
+  state_folder state = state_folder::to_read(given.to.state, "key generate");
   saved_state kept = state.load();
   EVP_PKEY *pair = state.key_in(&kept, given.label).pair.get();
   std::string pem = given.is_public ? tools::public_pem(pair) : tools::private_pem(pair);
@@ -35,6 +35,7 @@ void add_key_export_command(CLI::App &key, action *chosen) {
   CLI::App *command = key.add_subcommand("export", "Print a private key as PEM, unencrypted");
   command->add_option("LABEL", given->label, "The key's label")->required();
   command->add_flag("--public", given->is_public, "Only its public half");
+  given->to.mode = 0600;
   add_export_options(command, &given->to);
   command->callback(
       [=] { *chosen = [=](const context &where) { return export_key(where, *given); }; });

@@ -26,7 +26,9 @@ constexpr const char *main_footer =
     "                              Keys (unencrypted), certificates and CAs, mode 0600; --state\n"
     "                              names another folder\n\n"
     "Environment:\n"
-    "  XDG_STATE_HOME              In the place of ~/.local/state\n"
+    "  XDG_STATE_HOME              In the place of ~/.local/state; ignored unless it is an "
+    "absolute\n"
+    "                              path\n"
     "  BOARD_INFO_DIR              Folder of the files serialnumber and secret, which the\n"
     "                              reference board library reads; /etc/board by default\n\n";
 
@@ -44,6 +46,7 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
   pkictl::add_cainfo_verify_command(*cainfo, chosen);
   pkictl::add_cainfo_show_command(*cainfo, chosen);
   pkictl::add_provision_command(app, chosen);
+  pkictl::add_ca_command(app, chosen);
   pkictl::add_key_command(app, chosen);
   pkictl::add_enroll_command(app, chosen);
   pkictl::add_cert_command(app, chosen);

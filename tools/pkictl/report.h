@@ -25,6 +25,8 @@ std::string cert_text(int depth, const std::string &name, const json &cert);
 
 // Several lines, each ended. Texts that came from outside are made printable.
 std::string ca_text(const json &ca);
+// In a list of CAs, without their certificates.
+std::string ca_summary(const json &ca);
 
 }  // namespace pkictl
 

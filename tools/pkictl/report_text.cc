@@ -30,30 +30,59 @@ std::string cert_text(int depth, const std::string &name, const json &cert) {
 
 namespace {
 
+std::string mechanism_name(const json &method) {
+  return method["mechanism"].is_string() ? method["mechanism"].get<std::string>()
+                                         : "mechanism " + method["mechanism"].dump();
+}
+
 std::string method_lines(const json &method) {
-  std::string name = method["mechanism"].is_string() ? method["mechanism"].get<std::string>()
-                                                     : "mechanism " + method["mechanism"].dump();
-  std::string text = text_line(2, name, method.value("url", json("")));
+  std::string text = text_line(2, mechanism_name(method), method.value("url", json("")));
   text += text_line(3, "digest", method.value("digest", json(nullptr)));
   text += text_line(3, "cipher", method.value("cipher", json(nullptr)));
   return text + cert_text(3, "certificate", method.value("ca_cert", json(nullptr)));
 }
 
+json count_or_none(const json &list) {
+  return list.empty() ? json("none") : json(list.size());
+}
+
+// A line each, under the same title.
+std::string method_summary(const std::string &title, const json &methods) {
+  std::string text = methods.empty() ? text_line(1, title, "none") : "";
+  for (const json &method : methods) {
+    json url = method.value("url", json(nullptr));
+    text += text_line(
+        1, title, mechanism_name(method) + (url.is_string() ? " " + url.get<std::string>() : ""));
+  }
+  return text;
+}
+
 std::string method_list(const std::string &title, const json &methods) {
-  std::string text = text_line(1, title, methods.empty() ? json("none") : json(methods.size()));
+  std::string text = text_line(1, title, count_or_none(methods));
   for (const json &method : methods)
     text += method_lines(method);
   return text;
 }
 
 std::string cert_list(const std::string &title, const json &certs) {
-  std::string text = text_line(1, title, certs.empty() ? json("none") : json(certs.size()));
+  std::string text = text_line(1, title, count_or_none(certs));
   for (const json &cert : certs)
     text += cert_text(2, "-", cert);
   return text;
 }
 
 }  // namespace
+
+std::string ca_summary(const json &ca) {
+  std::string text = ca["label"].get<std::string>() + "\n";
+  text += text_line(1, "document", ca["url"]);
+  text += text_line(1, "issuer", ca["issuer"].is_null() ? json("none") : ca["issuer"]);
+  text += text_line(1, "expires", ca["expires"]);
+  text += text_line(1, "trusted roots", count_or_none(ca["trusted_roots"]));
+  text += text_line(1, "additional", count_or_none(ca["additional_certs"]));
+  text += method_summary("enrollment", ca["cert_req_methods"]);
+  return text + method_summary("status", ca["cert_status_methods"]);
+}
 
 std::string ca_text(const json &ca) {
   std::string text = "CA\n";

@@ -1,7 +1,10 @@
 #include "tools/pkictl/state.h"
 
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -23,6 +26,16 @@ std::string default_folder() {
   if (home && home[0] == '/')
     return std::string(home) + "/.local/state/pkictl";
   return "";
+}
+
+bool is_absent(const std::string &path) {
+  struct stat info;
+  return stat(path.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+bool is_other_than_folder(const std::string &path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
 }
 
 // As a shell takes it for one word.
@@ -47,7 +60,8 @@ typename Entries::mapped_type *find(Entries *entries, const std::string &label) 
 
 const char *const state_footer =
     "Keys (unencrypted), certificates and CAs are kept in the file \"state\" (mode 0600) in the\n"
-    "folder --state, by default $XDG_STATE_HOME/pkictl or ~/.local/state/pkictl.\n\n";
+    "folder --state, by default $XDG_STATE_HOME/pkictl (where that is an absolute path) or\n"
+    "~/.local/state/pkictl.\n\n";
 
 void check_label(const std::string &what, const std::string &label) {
   if (!is_label(label))
@@ -67,14 +81,22 @@ state_folder::state_folder(const std::string &given)
     throw tools::failure("there is no home folder to keep the state in; give --state DIR");
   while (folder_.size() > 1 && folder_.ends_with('/'))
     folder_.pop_back();
+  if (is_other_than_folder(folder_))
+    throw tools::failure(folder_ + " is no folder; " +
+                         (is_named_ ? "give --state the folder that the file \"state\" is in"
+                                    : "move it away, or give --state DIR"));
+}
+
+state_folder state_folder::to_read(const std::string &given, const std::string &maker) {
+  state_folder state(given);
+  if (state.is_named_ && is_absent(state.folder_))
+    throw tools::failure("there is no folder " + state.folder_ + "; name the one that 'pkictl " +
+                         maker + "' was given");
+  return state;
 }
 
 bool state_folder::is_known(const std::string &given) {
   return !given.empty() || !default_folder().empty();
-}
-
-bool state_folder::is_missing(const std::string &given) {
-  return !given.empty() && !tools::file_exists(given);
 }
 
 std::string state_folder::command(const std::string &words) const {

@@ -24,12 +24,13 @@ class state_folder {
   // Can the folder be told? Not without --state where there is no home.
   static bool is_known(const std::string &given);
 
-  // Was a folder named that is not there?
-  static bool is_missing(const std::string &given);
-
   // The folder for --state; for "" pkictl in $XDG_STATE_HOME or in ~/.local/state. It is made when
-  // something is saved.
+  // something is saved. What is there and is no folder is a failure.
   explicit state_folder(const std::string &given);
+
+  // The same for whoever only reads, to whom a folder that was named and is not there is a failure:
+  // it sends to the one that `maker` ("provision") was given.
+  static state_folder to_read(const std::string &given, const std::string &maker);
 
   const std::string &folder() const { return folder_; }
   std::string file() const;

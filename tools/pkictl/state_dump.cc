@@ -205,7 +205,8 @@ void require_stream(const std::string &path, int code) {
 int dump(const context &where, const options &given) {
   if (where.json)
     throw tools::usage_failure("state dump prints text only; leave --json out");
-  std::string path = given.file.empty() ? state_folder(given.state).file() : given.file;
+  std::string path =
+      given.file.empty() ? state_folder::to_read(given.state, "key generate").file() : given.file;
   secret_octets octets;
   if (!read_state_file(path, &octets))
     throw tools::failure("there is no file " + path);

@@ -3,6 +3,7 @@
 #include <libpki/store.h>
 #include <libpki/util.h>
 
+#include "tools/common/ca_info_xml.h"
 #include "tools/common/failure.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/signed_file.h"
@@ -36,7 +37,7 @@ void push_cert(key_info *key, cert_info_ptr record) {
 
 }  // namespace
 
-tools::ca_info_ptr enter_ca(const std::string &label, const saved_ca &saved) {
+read_ca_document read_ca(const std::string &label, const saved_ca &saved) {
   std::string document = "the document of the CA " + label;
   std::string xml;
   require_ok(document + " has no good signature",
@@ -48,7 +49,14 @@ tools::ca_info_ptr enter_ca(const std::string &label, const saved_ca &saved) {
   info->ca_pointer_url = pki_strdup(saved.url.c_str());
   require_memory(info->label && info->ca_pointer_url && EVP_PKEY_up_ref(saved.doc_key.get()) == 1);
   info->doc_key = saved.doc_key.get();
-  require_ok("cannot enter the CA " + label, pki_add_ca_info(info));
+  return {std::move(read.info), std::move(read.additional_certs), tools::expires_text(xml)};
+}
+
+tools::ca_info_ptr enter_ca(const std::string &label, const saved_ca &saved) {
+  read_ca_document read = read_ca(label, saved);
+  require_ok("cannot enter the additional certificates of the CA " + label,
+             pki_add_untrusted_certs(read.additional_certs.get(), 1));
+  require_ok("cannot enter the CA " + label, pki_add_ca_info(read.info.get()));
   return std::move(read.info);
 }
 

@@ -75,12 +75,9 @@ certs_ptr load_all(const std::vector<std::string> &files) {
 
 // Enters the CAs of the state folder, where there is one, and collects their roots.
 void add_saved_roots(const options &given, STACK_OF(X509) * trusted) {
-  if (given.trust.empty() && state_folder::is_missing(given.state))
-    throw tools::failure("there is no folder " + given.state +
-                         "; name the one that 'pkictl provision' was given");
   if (!state_folder::is_known(given.state))
     return;
-  saved_state kept = state_folder(given.state).load();
+  saved_state kept = state_folder::to_read(given.state, "provision").load();
   for (const auto &[label, saved] : kept.cas) {
     tools::ca_info_ptr ca = enter_ca(label, saved);
     for (int i = 0; i < OPENSSL_sk_num(ca->trusted_roots); i++)
@@ -96,6 +93,13 @@ certs_ptr find_trusted(const options &given) {
         "nothing is trusted: give --trust FILE, or provision a CA that names"
         " trusted roots");
   return trusted;
+}
+
+// Behind those of --chain, which the person chose.
+void add_saved_untrusted(STACK_OF(X509) * untrusted) {
+  const STACK *saved = pki_store->provisioned_certs;
+  for (int i = 0; i < OPENSSL_sk_num(saved); i++)
+    push(untrusted, static_cast<X509 *>(OPENSSL_sk_value(saved, i)));
 }
 
 // A status rule for every certificate, asked before the certificate's own sources.
@@ -216,6 +220,7 @@ int verify(const context &where, const options &given) {
   certs_ptr untrusted = load_all(given.chain);
   start_library();
   certs_ptr trusted = find_trusted(given);
+  add_saved_untrusted(untrusted.get());
   add_responder(given);
   add_crls(given);
   json report = verify_cert(given, cert.get(), untrusted.get(), trusted.get());
@@ -242,8 +247,10 @@ constexpr const char *verify_footer =
     "Examples:\n"
     "  pkictl verify server.pem --chain inter.pem --trust root.pem\n"
     "  pkictl verify device.pem --ocsp http://127.0.0.1:8080/ocsp\n\n"
-    "Trusted are the roots of the CAs in the folder --state, by default $XDG_STATE_HOME/pkictl or\n"
-    "~/.local/state/pkictl, and the certificates of --trust. The status rules of those CAs apply.\n"
+    "Trusted are the roots of the CAs in the folder --state, by default $XDG_STATE_HOME/pkictl\n"
+    "(where that is an absolute path) or ~/.local/state/pkictl, and the certificates of --trust.\n"
+    "The additional certificates of those CAs complete chains, as those of --chain do, and their\n"
+    "status rules apply.\n"
     "The tree shows the chain from its top down, each rule, and each source of a status: what it\n"
     "answered, how long that took, and until when it holds.\n\n"
     "-v shows the library's log lines on stderr; --json prints JSON.\n"

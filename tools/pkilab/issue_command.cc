@@ -187,7 +187,7 @@ void add_issue_command(CLI::App &app, action *chosen) {
   text("--dir", &given->folder, "DIR", "Folder of the lab, which is made if need be")->required();
   text("--csr", &given->request, "FILE", "PKCS#10 request, PEM or DER");
   text("--key", &given->key, "FILE", "Private or public key, or a certificate that has it");
-  text("--new-key", &given->new_key, "FILE", "Make a key, and write it to this file");
+  text("--new-key", &given->new_key, "FILE", "Make a key, and write it to this file (mode 0600)");
   text("--subject", &given->subject, "NAME",
        "As in \"CN=server, O=Example\"; of the request unless it is given");
   text("--ca", &given->ca, "CA", "Which CA issues it")
@@ -213,7 +213,7 @@ void add_issue_command(CLI::App &app, action *chosen) {
   text("--not-before", &given->not_before, "TIME",
        "Valid from; 2031-05-06 or 2031-05-06T07:08:09Z; yesterday unless it is given");
   text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days");
-  text("-o,--out", &given->out, "FILE", "Receives the certificate as PEM")->required();
+  text("-o,--out", &given->out, "FILE", "Receives the certificate as PEM (mode 0644)")->required();
   command->add_flag("--force", given->force, "Replace files that are there");
   command->footer(
       "Examples:\n"
