@@ -13,7 +13,8 @@ PKI_BEGIN_DECLS
  * Reads a distinguished name in the string form of RFC 1779, most specific part first:
  * "CN=device, O=Example, C=US". Separators are ",", ";" and "+" (which joins an attribute to the
  * RDN before it); a value in double quotes is taken literally; there is no backslash escape.
- * Keys are OpenSSL's short and long names and dotted numbers, the latter also behind "OID.".
+ * Keys are OpenSSL's short and long names and dotted numbers, the latter also behind "OID.". The
+ * letter case of a key counts, as it does in OpenSSL's names: "CN", not "cn".
  * emailAddress and domainComponent become IA5String, countryName and serialNumber
  * PrintableString, all others PrintableString where their characters allow and else UTF8String.
  *

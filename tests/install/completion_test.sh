@@ -76,7 +76,7 @@ listed() {
       echo "'$*': '$child' is missing in '${COMPREPLY[*]}'" >&2
       failed=1
     fi
-  done < <("$TOOLS/$1" "${@:2}" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
+  done < <("$TOOLS/$1" "${@:2}" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z][a-z-]*\) .*/\1/p')
 }
 if [[ -n ${TOOLS:-} ]]; then
   listed pkictl

@@ -123,6 +123,26 @@ TEST(PkictlCertFind, IssuerHasToBeAName) {
   EXPECT_NE(done.err.find("(54)"), std::string::npos) << done.err;
 }
 
+TEST(PkictlCertFind, KeyOfAnIssuerThatNobodyKnowsIsNamed) {
+  device test;
+  test.prepare();
+  result done = find(test, "01", {"--issuer", "cn=x"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find("DN UNKNOWN KEY (53): Unknown key `cn' in name 'cn=x'; the letter case of"
+                          " a key counts; write the issuer name as in CN=Example CA"),
+            std::string::npos)
+      << done.err;
+}
+
+TEST(PkictlCertFind, AnswerOfNoUseIsToldWithTheLibrarysReason) {
+  device test({"--scep-misbehave", "no-message"});
+  test.prepare();
+  result done = find(test, "01", {"--json"});
+  EXPECT_TRUE(done.err.ends_with(" this request: failed to decode scep response\n")) << done.err;
+  std::string message = json::parse(done.out)["error"]["message"];
+  EXPECT_EQ("pkictl: " + message + "\n", done.err);
+}
+
 TEST(PkictlCertFind, CaHasToOfferIt) {
   device test;
   test.prepare();
@@ -153,6 +173,7 @@ TEST_P(bad_look_up_test, IsRefused) {
   result done = find(test, serial_of(good.cert_file()), {"--out", test.file("found.pem")});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_NE(done.err.find(GetParam().text), std::string::npos) << done.err;
+  EXPECT_EQ(done.err.find("-v "), std::string::npos) << done.err;
   EXPECT_FALSE(tool_test::exists(test.file("found.pem")));
 }
 

@@ -243,13 +243,23 @@ TEST_F(PkictlCrlShow, ServersThatCannotBeUsed) {
   std::string nobody = "127.0.0.1:" + std::to_string(support::unused_port());
   expect_refused("http://" + nobody + "/",
                  ": HTTP ERROR (47): Error connecting to " + nobody + ": Connection refused\n");
-  expect_refused("https://127.0.0.1/", "give a URL that begins with http://");
-  expect_refused(lab().crl_url("http-status=404"), "the server answered 404");
+  expect_refused(lab().crl_url("http-status=404"), "the server answered 404; check the URL\n");
   expect_refused(lab().crl_url("no-crl"), "is no CRL");
   support::test_server cut(
       {support::raw("HTTP/1.0 200 OK\r\nContent-Length: 1000\r\n\r\n" +
                     tool_test::read_file(lab().save_der("empty")).substr(0, 90))});
   expect_refused(cut.url("/crl"), "ends after 90 octets, in the middle of a CRL");
+}
+
+TEST_F(PkictlCrlShow, UrlThatIsNotHttpIsWrongUsage) {
+  for (const char *url : {"https://127.0.0.1/", "file:///tmp/ca.crl"}) {
+    result done = pkictl({"crl", "show", url});
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_EQ(done.err, "pkictl: SOURCE \"" + std::string(url) +
+                            "\" is no URL that can be asked; give one that begins with"
+                            " http://\n");
+  }
+  EXPECT_EQ(pkictl({"crl", "find", "https://127.0.0.1/", "--serial", "01"}).exit_code, 2);
 }
 
 TEST_F(PkictlCrlShow, FailureIsInJsonToo) {

@@ -225,6 +225,60 @@ TEST(PkictlEnroll, BadSubjectsAreRefusedBeforeTheCaIsAsked) {
   EXPECT_TRUE(test.messages().empty());
 }
 
+TEST(PkictlEnroll, KeyOfASubjectThatNobodyKnowsIsNamed) {
+  device test;
+  test.prepare();
+  result done =
+      test.pkictl({"enroll", "--ca", "office", "--key", "device", "--subject", "CN=x, o=lower"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(done.err.starts_with(
+      "pkictl: cannot enroll device: DN UNKNOWN KEY (53): Unknown key `o' in name 'CN=x, o=lower';"
+      " the letter case of a key counts; write the subject as in CN=device, O=Example, C=US;"))
+      << done.err;
+}
+
+// ---- answers of no use ----
+
+struct useless_answer {
+  const char *misdeed;
+  const char *reason;
+};
+
+class useless_answer_test : public testing::TestWithParam<useless_answer> {};
+
+TEST_P(useless_answer_test, IsToldWithTheLibrarysReason) {
+  device test({"--scep-misbehave", GetParam().misdeed});
+  test.prepare();
+  result done = test.enroll({"--json"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+  EXPECT_TRUE(
+      done.err.ends_with("INVALID SCEP RSP (59): what the CA answered is no good answer to"
+                         " this request: " +
+                         std::string(GetParam().reason) + "\n"))
+      << done.err;
+  std::string message = json::parse(done.out)["error"]["message"];
+  EXPECT_EQ("pkictl: " + message + "\n", done.err);
+  EXPECT_LT(message.size(), 250u);  // without the message in hexadecimal
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Enrollment, useless_answer_test,
+    testing::Values(useless_answer{"no-status", "no status-code found in response to cert-request"},
+                    useless_answer{"no-message", "failed to decode scep response"}),
+    [](const auto &named) {
+      std::string name = named.param.misdeed;
+      return name.substr(0, 2) + name.substr(3);
+    });
+
+TEST(PkictlEnroll, HttpStatusOfTheCaIsToldWithItsUrl) {
+  device test({"--scep-misbehave", "http-404"});
+  test.prepare();
+  EXPECT_EQ(test.enroll().err,
+            "pkictl: cannot enroll device: HTTP ERROR (47): " + test.lab().url() +
+                "/scep: the server answered 404; check the URL\n");
+}
+
 TEST(PkictlEnroll, LabelsCannotLeaveTheFolder) {
   device test;
   test.prepare();

@@ -49,9 +49,19 @@ TEST(PkictlError, UnknownNumberFails) {
   EXPECT_EQ(done.err, "pkictl: unknown status 88: the library's codes are 0 to 87\n");
 }
 
-TEST(PkictlError, TextOrNothingIsWrongUsage) {
-  EXPECT_EQ(pkictl({"error", "abc"}).exit_code, 2);
-  EXPECT_EQ(pkictl({"error", "-1"}).exit_code, 2);
+TEST(PkictlError, UnknownNameFailsLikeAnUnknownNumber) {
+  result done = pkictl({"error", "abc"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.out, "");
+  EXPECT_EQ(done.err,
+            "pkictl: there is no code 'abc'; give a number, or a name as in PKI_HTTP_ERROR\n");
+}
+
+TEST(PkictlError, NegativeNumberIsNoCode) {
+  EXPECT_EQ(pkictl({"error", "-1"}).exit_code, 1);
+}
+
+TEST(PkictlError, NothingIsWrongUsage) {
   EXPECT_EQ(pkictl({"error"}).exit_code, 2);
 }
 
@@ -112,7 +122,7 @@ TEST(PkictlUsage, MistakesAreInJsonTooWhereItWasAskedFor) {
         tool_test::strings{"error", "--unknown", "--json"},
         tool_test::strings{"key", "generate", "x", "--json", "--bits", "no"},
         tool_test::strings{"key", "generate", "a/b", "--json"},
-        tool_test::strings{"error", "abc", "--json"},
+        tool_test::strings{"provision", "https://127.0.0.1/", "--doc-key", "file", "--json"},
         tool_test::strings{"crl", "find", "file", "--json"}}) {
     result done = pkictl(arguments);
     EXPECT_EQ(done.exit_code, 2);

@@ -115,6 +115,22 @@ TEST(PkictlVerifyCert, MissingIssuerIsRejected) {
   EXPECT_EQ(error_number(done), unable_to_get_local_issuer);
 }
 
+TEST(PkictlVerifyCert, RootThatNobodyTrustsIsToBeTrustedFirst) {
+  verify_files files;
+  std::string other = files.save("other.pem", files.issue("other", 9, nullptr, {}, true));
+  result done = files.pkictl({"verify", files.path("root.pem"), "--trust", other});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(
+      done.err.ends_with("certificate 0: self-signed certificate (18): CN=root is not"
+                         " trusted; give it with --trust\n"))
+      << done.err;
+  done = files.pkictl({"verify", files.path("leaf.pem"), "--chain", files.path("inter.pem"),
+                       "--chain", files.path("root.pem"), "--trust", other});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(done.err.ends_with(" (19): CN=root is not trusted; give it with --trust\n"))
+      << done.err;
+}
+
 TEST(PkictlVerifyCert, WhatOpensslRefusesIsTheReasonGiven) {
   verify_files files;
   files.save("leaf.pem",
@@ -205,7 +221,10 @@ TEST(PkictlVerifyCertInput, SeveralCertificatesInTheFirstFileAreRefused) {
   verify_files files;
   std::string file = files.path("two.pem");
   std::ofstream(file) << support::pem(files.leaf) << support::pem(files.inter);
-  expect_refused(files.verify_file(file), file + " holds several certificates where one is wanted");
+  expect_refused(files.verify_file(file),
+                 file +
+                     " holds several certificates where one is wanted; put the"
+                     " rest into a file for --chain\n");
 }
 
 TEST(PkictlVerifyCertInput, NothingTrustedIsSaidWithWhatToDo) {

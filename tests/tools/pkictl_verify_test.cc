@@ -80,6 +80,24 @@ TEST(PkictlVerify, WellSignedNonsenseIsOne) {
   EXPECT_EQ(printed["error"]["code"], 54);
 }
 
+TEST(PkictlVerify, AttributeThatIsMissingIsNamed) {
+  folder home;
+  std::string xml = home.write("doc.xml",
+                               "<QRNPkiConfig><CertReqMethod><SCEP/></CertReqMethod>"
+                               "</QRNPkiConfig>");
+  pkictl({"cainfo", "sign", xml, "--despite-faults", "--key", the_lab().file("doc-key.pem"),
+          "--out", home / "doc"});
+  std::string reason =
+      ": a method lacks its url, or Digest or Cipher its alg: Error parsing ca-info document:"
+      " attribute url not found for tag SCEP\n";
+  result done = verify(home / "doc");
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(done.err.ends_with(reason)) << done.err;
+  done = pkictl({"cainfo", "show", xml});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(done.err.ends_with(reason)) << done.err;
+}
+
 TEST(PkictlVerify, ElementThatDevicesPassOverIsNoted) {
   folder home;
   std::string xml = home.write("doc.xml", "<QRNPkiConfig><TrustedRoot/></QRNPkiConfig>");

@@ -124,6 +124,28 @@ TEST(PkilabServe, ServesAGivenDocumentOnceItIsThere) {
   EXPECT_EQ(nlohmann::json::parse(provisioned.out)["ca"]["issuer"], "CN=own");
 }
 
+TEST(PkilabServe, DocumentThatIsNotThereIsWarnedAboutAndNamedInTheLog) {
+  tool_test::folder home;
+  home.write("serialnumber", "SN-0007\n");
+  std::string file = home / "none.p7";
+  lab_process lab(home / "lab", {"--document", file});
+  tool_test::pkictl(
+      {"provision", lab.url() + "/ca-info", "--doc-key", home / "lab/doc-key.pub.pem"},
+      {"BOARD_INFO_DIR=" + (home / "")});
+  std::string log = lab.end(SIGTERM).err;
+  EXPECT_TRUE(log.starts_with("pkilab: warning: there is no " + file +
+                              " yet; /ca-info answers 404 until it is there\n"))
+      << log;
+  EXPECT_NE(log.find("pkilab: GET /ca-info?serial=SN-0007 -> 404 "), std::string::npos) << log;
+  EXPECT_TRUE(log.ends_with(", there is no " + file + "\n")) << log;
+}
+
+TEST(PkilabServe, DocumentThatIsThereIsNotWarnedAbout) {
+  tool_test::folder home;
+  lab_process lab(home / "lab", {"--document", home.write("own.p7", "octets")});
+  EXPECT_EQ(lab.end(SIGTERM).err, "");
+}
+
 TEST(PkilabServe, WarnsBeforeItLeavesTheLoopback) {
   tool_test::folder home;
   // An address of nobody's (RFC 5737), so that nothing is opened to a network.

@@ -4,8 +4,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
+#include <sstream>
 
+#include "tools/common/failure.h"
 #include "tools/common/text.h"
 
 namespace tools {
@@ -30,11 +34,24 @@ std::string reason(const CLI::App &app, const CLI::ParseError &error) {
   return unknown.empty() ? error.what() : "'" + unknown[0] + "' is not known here";
 }
 
+// The help, or the version.
+int print_what_was_asked_for(const CLI::App &app, const CLI::ParseError &error) {
+  std::ostringstream text;
+  app.exit(error, text);
+  try {
+    print(text.str());
+    return exit_done;
+  } catch (const failure &problem) {
+    complain(app.get_name(), problem.what());
+    return exit_failed;
+  }
+}
+
 }  // namespace
 
 void keep_standard_streams() {
   for (int fd = 0; fd <= 2; fd++)
-    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY) < 0)
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY) < 0)
       _exit(exit_failed);
 }
 
@@ -42,14 +59,19 @@ void complain(const std::string &tool, const std::string &text) {
   std::cerr << tool + ": " + printable(text) + "\n";
 }
 
+void print(const std::string &text) {
+  errno = 0;
+  if (!(std::cout << text << std::flush))
+    throw failure(std::string("cannot write to standard output: ") + strerror(errno));
+}
+
 bool parse_command_line(CLI::App &app, int argc, char **argv, int *code, std::string *complaint) {
   try {
     app.parse(argc, argv);
     return true;
   } catch (const CLI::ParseError &error) {
-    *code = exit_done;
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      app.exit(error);
+      *code = print_what_was_asked_for(app, error);
       return false;
     }
     *code = exit_usage;

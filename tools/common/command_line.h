@@ -14,11 +14,14 @@ namespace tools {
 enum exit_code { exit_done = 0, exit_failed = 1, exit_usage = 2 };
 
 // Opens /dev/null in the place of a standard stream that the caller closed, so that no file of
-// ours ever gets its number.
+// ours ever gets its number. What is written to a standard output that was closed fails.
 void keep_standard_streams();
 
 // Writes "TOOL: text" as one line to stderr.
 void complain(const std::string &tool, const std::string &text);
+
+// Writes to standard output. Throws failure when that cannot be.
+void print(const std::string &text);
 
 // Parses the command line. Returns true when a command is to be run; otherwise `*code` is the
 // exit code, and help, version or a one-line error has been written; `*complaint`, where the caller

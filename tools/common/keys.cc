@@ -139,10 +139,10 @@ std::vector<cert_ptr> load_certificates(const std::string &path) {
   return certs;
 }
 
-cert_ptr load_certificate(const std::string &path) {
+cert_ptr load_certificate(const std::string &path, const std::string &advice) {
   std::vector<cert_ptr> certs = load_certificates(path);
   if (certs.size() > 1)
-    throw failure(path + " holds several certificates where one is wanted");
+    throw failure(path + " holds several certificates where one is wanted" + advice);
   return std::move(certs[0]);
 }
 

@@ -20,7 +20,7 @@ key_ptr load_public_key(const std::string &path);
 std::vector<cert_ptr> load_certificates(const std::string &path);
 
 // The only certificate of a file.
-cert_ptr load_certificate(const std::string &path);
+cert_ptr load_certificate(const std::string &path, const std::string &advice = "");
 
 std::string private_pem(EVP_PKEY *key);
 std::string public_pem(EVP_PKEY *key);

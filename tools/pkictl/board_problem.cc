@@ -49,11 +49,13 @@ std::string text_of(const std::string &name, int failure) {
 
 }  // namespace
 
-std::string board_problem(board_wants wanted) {
+std::string board_problem(board_wants wanted, const std::string &heard) {
   if (int failure = serial_number_failure())
     return text_of("serialnumber", failure);
   int failure = wanted == board_wants::secret ? secret_failure() : 0;
-  return failure ? text_of("secret", failure) : "the board library failed; -v says more";
+  if (failure)
+    return text_of("secret", failure);
+  return heard.empty() ? "the board library failed" : "the board library failed: " + heard;
 }
 
 }  // namespace pkictl

@@ -8,8 +8,9 @@ namespace pkictl {
 
 enum class board_wants { serial_number, secret };  // the second: both
 
-// Asks the board library again: which file, why, and what to do.
-std::string board_problem(board_wants wanted);
+// Asks the board library again: which file, why, and what to do. Where it works this time, `heard`
+// of the first is all that is known.
+std::string board_problem(board_wants wanted, const std::string &heard = "");
 
 }  // namespace pkictl
 

@@ -1,13 +1,8 @@
 #include "tools/pkictl/ca_info_use.h"
 
-#include <libpki/http.h>
 #include <libpki/types.h>
-#include <strings.h>
 
-#include <cstdlib>
-#include <memory>
-
-#include "tools/common/ossl.h"
+#include "tools/pkictl/http_url.h"
 
 namespace pkictl {
 
@@ -39,16 +34,6 @@ void for_each(const STACK *list, int mechanism, Judge judge) {
 }
 
 }  // namespace
-
-bool is_http_url(const char *url) {
-  char *copy = nullptr;
-  char *host = nullptr;
-  char *path = nullptr;
-  if (!url || parse_url(url, &copy, &host, &path) != 0)
-    return false;
-  std::unique_ptr<char, tools::free_with<free>> owner(copy);
-  return strcasecmp(copy, "http") == 0 && *host;
-}
 
 ca_info_use judge_use(const ca_info &ca) {
   ca_info_use use;

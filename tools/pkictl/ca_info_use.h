@@ -14,9 +14,6 @@ struct ca_info_use {
   std::vector<std::string> gaps;    // what is missing, perhaps on purpose
 };
 
-// Can it be asked at all?
-bool is_http_url(const char *url);
-
 ca_info_use judge_use(const ca_info &ca);
 
 }  // namespace pkictl

@@ -9,6 +9,7 @@
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
 #include "tools/pkictl/command.h"
+#include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/signed_file.h"
@@ -50,11 +51,20 @@ std::string signature_line(const std::string &signature) {
   return "Signature: NOT CHECKED, so anybody may have written this; give --doc-key\n\n";
 }
 
+tools::read_ca_info read_content(const options &given, const opened_document &opened) {
+  last_complaint heard;
+  tools::read_ca_info read = tools::read_document(opened.xml);
+  if (read.code != 0)
+    throw tools::library_failure(
+        read.code,
+        failure_text("devices refuse what " + given.file + " says", read.code, heard.text()));
+  return read;
+}
+
 int show(const context &where, const options &given) {
   start_library();
   opened_document opened = open_document(given);
-  tools::read_ca_info read = tools::read_document(opened.xml);
-  require_ok("devices refuse what " + given.file + " says", read.code);
+  tools::read_ca_info read = read_content(given, opened);
   json ca = ca_json(read.info.get(), read.additional_certs.get());
   std::string expires = tools::expires_text(opened.xml);
   if (ca["expires"].is_null() && !expires.empty())

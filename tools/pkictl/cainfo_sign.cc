@@ -127,11 +127,12 @@ std::vector<std::string> check_use(const options &given, const ca_info &ca) {
 // So is one that every device refuses.
 std::vector<std::string> check_content(const context &where, const options &given,
                                        const std::string &xml) {
-  tools::read_ca_info read = read_and_tell_ignored(where, xml);
+  std::string heard;
+  tools::read_ca_info read = read_and_tell_ignored(where, xml, &heard);
   int code = read.code;
   if (code == 0)
     return check_use(given, *read.info);
-  std::string text = failure_text("devices refuse this document", code);
+  std::string text = failure_text("devices refuse this document", code, heard);
   if (!given.despite_faults)
     throw tools::library_failure(code, text + "; --despite-faults signs it anyway");
   return {text};

@@ -26,6 +26,9 @@ struct verdict {
   std::string what;
   int code = 0;
   bool signature_good = false;
+  std::string heard;  // of the library
+
+  std::string text() const { return failure_text(what, code, heard); }
 };
 
 verdict judge(const context &where, const std::string &file, const std::string &message,
@@ -33,11 +36,12 @@ verdict judge(const context &where, const std::string &file, const std::string &
   std::string xml;
   int code = open_signed(message, key, &xml);
   if (code != 0)
-    return {file + " has no good signature", code, false};
-  code = read_and_tell_ignored(where, xml).code;
+    return {file + " has no good signature", code, false, ""};
+  std::string heard;
+  code = read_and_tell_ignored(where, xml, &heard).code;
   if (code != 0)
-    return {file + " is signed well, but devices refuse what it says", code, true};
-  return {"", 0, true};
+    return {file + " is signed well, but devices refuse what it says", code, true, heard};
+  return {"", 0, true, ""};
 }
 
 json verdict_json(const options &given, const verdict &found) {
@@ -48,7 +52,7 @@ json verdict_json(const options &given, const verdict &found) {
                             : found.code == 0     ? "good"
                                                   : "bad"}};
   if (found.code != 0)
-    value["error"] = failure_json(found.code, failure_text(found.what, found.code));
+    value["error"] = failure_json(found.code, found.text());
   return value;
 }
 
@@ -60,7 +64,7 @@ int verify(const context &where, const options &given) {
   if (where.json)
     where.out->write_json(verdict_json(given, found));
   if (found.code != 0) {
-    tools::complain("pkictl", failure_text(found.what, found.code));
+    tools::complain("pkictl", found.text());
     return tools::exit_failed;
   }
   if (!where.json)

@@ -66,6 +66,14 @@ scep_req_info_ptr make_access(const ca_info &ca) {
   return access;
 }
 
+void read_issuer(const std::string &text, X509_NAME **name) {
+  last_complaint heard;
+  int code = parse_rfc1779_str(text.c_str(), name);
+  if (code != PKI_OK)
+    throw tools::library_failure(code,
+                                 failure_text("cannot read --issuer " + text, code, heard.text()));
+}
+
 cert_info_ptr make_query(const options &given, X509 *ca_cert) {
   cert_info_ptr query(alloc_cert_info());
   if (!query)
@@ -74,8 +82,7 @@ cert_info_ptr make_query(const options &given, X509 *ca_cert) {
   if (given.issuer.empty())
     query->issuer = X509_NAME_dup(X509_get_subject_name(ca_cert));
   else
-    require_ok("cannot read --issuer " + given.issuer,
-               parse_rfc1779_str(given.issuer.c_str(), &query->issuer));
+    read_issuer(given.issuer, &query->issuer);
   return query;
 }
 
@@ -95,7 +102,8 @@ bool is_what_was_asked_for(const cert_info &query) {
   if (code == PKI_INVALID_SCEP_RSP)
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) +
                                            ": what the CA answered is no good answer to this"
-                                           " request; -v says why");
+                                           " request" +
+                                           heard.behind_colon());
   throw tools::library_failure(code, failure_text(what, code, heard.text()));
 }
 

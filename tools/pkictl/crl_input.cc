@@ -8,6 +8,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/ossl.h"
+#include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 
 namespace pkictl {
@@ -74,14 +75,15 @@ crl_input::~crl_input() = default;
 void crl_input::scan(const pki_crl_query &query, pki_crl_report *report) {
   begin();
   pki_crl_source source = {read, this, pem_ ? 0 : source_->length()};
+  last_complaint heard;
   int code = pki_scan_crl(&source, &query, report);
   if (broken_)
     std::rethrow_exception(broken_);
   if (code != PKI_OK)
-    throw tools::library_failure(code, failure_of(code));
+    throw tools::library_failure(code, failure_of(code, heard.text()));
 }
 
-std::string crl_input::failure_of(int code) const {
+std::string crl_input::failure_of(int code, const std::string &heard) const {
   std::string text = name_ + ": " + code_text_and_number(code) + ": ";
   std::string octet = std::to_string(octets_);
   switch (code) {
@@ -92,7 +94,7 @@ std::string crl_input::failure_of(int code) const {
     case PKI_UNKNOWN_DIGEST_ALG:
       return text + "the digest of its signature is not known here";
     default:
-      return text + "the CRL cannot be read; -v says more";
+      return text + "the CRL cannot be read" + (heard.empty() ? "" : ": " + heard);
   }
 }
 

@@ -34,7 +34,7 @@ class crl_input {
   void begin();
   void find_pem();
   bool find_pem_label();
-  std::string failure_of(int code) const;
+  std::string failure_of(int code, const std::string &heard) const;
 
   std::string name_;
   std::unique_ptr<octet_source> source_;

@@ -7,6 +7,7 @@
 #include "tools/pkictl/cost.h"
 #include "tools/pkictl/crl_input.h"
 #include "tools/pkictl/crl_report.h"
+#include "tools/pkictl/http_url.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
 
@@ -48,6 +49,8 @@ void add_crl_options(CLI::App *command, crl_options *given) {
 }
 
 scanned_crl scan_crl(const crl_options &given, pki_crl_query query) {
+  if (is_url(given.source))
+    require_http_url("SOURCE", given.source);
   tools::cert_ptr signer;
   if (!given.issuer.empty())
     signer = tools::load_certificate(given.issuer);

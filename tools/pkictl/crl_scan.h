@@ -29,7 +29,7 @@ struct scanned_crl {
   json report;
 };
 
-// `query` without its signer. Throws tools::failure.
+// `query` without its signer. Throws tools::failure and tools::usage_failure.
 scanned_crl scan_crl(const crl_options &given, pki_crl_query query);
 
 // With "cost" where that was asked for.

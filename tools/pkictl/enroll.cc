@@ -38,12 +38,12 @@ struct options {
   bool replace = false;
 };
 
-std::string advice(int code) {
+std::string advice(int code, const last_complaint &heard) {
   switch (code) {
     case PKI_FLASH_ERROR:
-      return board_problem(board_wants::secret);
+      return board_problem(board_wants::secret, heard.text());
     case PKI_INVALID_SCEP_RSP:
-      return "what the CA answered is no good answer to this request; -v says why";
+      return "what the CA answered is no good answer to this request" + heard.behind_colon();
     case PKI_KEY_MISMATCH:
       return "the CA issued the certificate for another key";
     case PKI_NO_SUPP_CERT_REQ_METH:
@@ -51,12 +51,11 @@ std::string advice(int code) {
     case PKI_INVALID_ARGS:
       return "the CA's document names no certificate for SCEP, or the subject is too long";
     case PKI_P7_ENCRYPT_FAILED:
-      return "the document's cipher cannot be used here; -v says why";
+      return "the document's cipher cannot be used here" + heard.behind_colon();
     case PKI_DN_UNKNOWN_KEY:
     case PKI_DN_NO_VALUE:
     case PKI_DN_OPEN_QS:
-      return "write the subject as in CN=device, O=Example, C=US; a value with a comma stands in"
-             " double quotes, as in O=\"Example, Inc.\"";
+      return name_advice("subject", code, heard.text());
     default:
       return "";
   }
@@ -86,7 +85,7 @@ std::string pending_text(const options &given, const give_up_watch &watch) {
                        with_code + "the CA rejected the request" +
                            (reason.empty() ? ", without a reason" : ": " + reason),
                        "rejected", reason);
-  std::string told = advice(code);
+  std::string told = advice(code, heard);
   throw tools::library_failure(
       code, told.empty() ? failure_text(what, code, heard.text()) : with_code + told);
 }

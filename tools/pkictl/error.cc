@@ -23,8 +23,8 @@ unsigned read_code(const std::string &text) {
     if (strcasecmp(code_name(code).c_str(), text.c_str()) == 0 ||
         strcasecmp(code_name(code).c_str(), ("PKI_" + text).c_str()) == 0)
       return code;
-  throw tools::usage_failure("there is no code '" + text +
-                             "'; give a number, or a name as in PKI_HTTP_ERROR");
+  throw tools::failure("there is no code '" + text +
+                       "'; give a number, or a name as in PKI_HTTP_ERROR");
 }
 
 int explain(const context &where, const std::string &text) {

@@ -2,6 +2,7 @@
 
 #include "tools/common/command_line.h"
 #include "tools/pkictl/library.h"
+#include "tools/pkictl/output_failure.h"
 
 namespace pkictl {
 
@@ -25,7 +26,8 @@ json failure_report(const std::exception &failure) {
 
 int report_failure(const context &where, const std::exception &failure, int exit_code) {
   tools::complain("pkictl", failure.what());
-  if (where.json)
+  // Nobody would read that either.
+  if (where.json && !dynamic_cast<const output_failure *>(&failure))
     where.out->write_json(failure_report(failure));
   return exit_code;
 }

@@ -10,7 +10,9 @@
 #include "tools/common/failure.h"
 #include "tools/common/ossl.h"
 #include "tools/pkictl/board_problem.h"
+#include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
+#include "tools/pkictl/log_words.h"
 
 namespace pkictl {
 
@@ -42,12 +44,14 @@ std::string fetch_document(const std::string &url) {
   int status = 0;
   int length = 0;
   void *body = nullptr;
-  require_ok("cannot fetch " + url, send_http_get(host, target.c_str(), &status, nullptr, &length,
-                                                  nullptr, 0, &body, nullptr));
+  last_complaint heard;
+  int code =
+      send_http_get(host, target.c_str(), &status, nullptr, &length, nullptr, 0, &body, nullptr);
+  if (code != PKI_OK)
+    throw tools::library_failure(code, failure_text("cannot fetch " + url, code, heard.text()));
   malloc_ptr<void> octets(body);
   if (!body)
-    throw tools::failure("cannot fetch " + url + " again to keep it: the server answered " +
-                         std::to_string(status));
+    throw tools::failure("cannot fetch " + url + " again to keep it: " + answered_text(status));
   return std::string(static_cast<char *>(body), static_cast<size_t>(length));
 }
 

@@ -1,5 +1,7 @@
 #include "tools/pkictl/ignored_elements.h"
 
+#include <syslog.h>
+
 #include "tools/common/command_line.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/log_tap.h"
@@ -13,12 +15,15 @@ constexpr const char *where_to_look =
 
 }  // namespace
 
-tools::read_ca_info read_and_tell_ignored(const context &where, const std::string &xml) {
+tools::read_ca_info read_and_tell_ignored(const context &where, const std::string &xml,
+                                          std::string *complaint) {
   std::vector<std::string> ignored;
+  complaint->clear();
   tools::read_ca_info read;
   {
     log_tap tap([&](int level, const std::string &line) {
-      (void)level;
+      if (level == LOG_ERR)
+        *complaint = tools::trim(line);
       if (line.find("ignoring unexpected tag") != std::string::npos)
         ignored.push_back(tools::trim(line));
     });

@@ -8,8 +8,10 @@
 namespace pkictl {
 
 // Reads a document, and notes on stderr each element that the library does not know: a name that
-// was typed wrongly leaves its content out without an error. With -v the log says so.
-tools::read_ca_info read_and_tell_ignored(const context &where, const std::string &xml);
+// was typed wrongly leaves its content out without an error. With -v the log says so. `*complaint`
+// receives the library's last error, or "".
+tools::read_ca_info read_and_tell_ignored(const context &where, const std::string &xml,
+                                          std::string *complaint);
 
 }  // namespace pkictl
 

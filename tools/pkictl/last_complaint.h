@@ -13,8 +13,10 @@ class last_complaint {
  public:
   last_complaint();
 
-  // The first line of its last error, else of its last warning, else "".
-  std::string text() const { return error_.empty() ? warning_ : error_; }
+  // The first line of its last error, else of its last warning, in plain words; else "".
+  std::string text() const;
+  // The same behind ": "; else "".
+  std::string behind_colon() const;
 
   // Why a CA rejected a SCEP request: "badCertId (4)", a number that has no name as it is, or "".
   std::string rejection() const { return rejection_; }

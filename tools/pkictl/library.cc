@@ -20,8 +20,12 @@ constexpr code_row code_rows[] = {
 #include "code_rows.inc"
 };
 
+std::string behind_colon(const std::string &text) {
+  return text.empty() ? "" : ": " + text;
+}
+
 // What the person at the command line can do about a code; "" where the text says it all.
-std::string hint(int code) {
+std::string hint(int code, const std::string &heard) {
   switch (code) {
     case PKI_OUT_OF_MEMORY:
       return "memory ran out, or the answer is larger than 64 MiB";
@@ -34,7 +38,7 @@ std::string hint(int code) {
     case PKI_XML_STATE_STACK_OVFL:
       return "elements are nested deeper than 39";
     case PKI_XML_ATTR_NOT_FOUND:
-      return "a method lacks its url, or Digest or Cipher its alg; -v names it";
+      return "a method lacks its url, or Digest or Cipher its alg" + behind_colon(heard);
     case PKI_XML_CERT_DEC_FAILED:
       return "an X509Certificate is not the base64 DER of a certificate, in lines";
     case PKI_XML_CA_PTR_PARSE_ERROR:
@@ -44,14 +48,14 @@ std::string hint(int code) {
     case PKI_DN_UNKNOWN_KEY:
     case PKI_DN_NO_VALUE:
     case PKI_DN_OPEN_QS:
-      return "write the issuer name as in CN=Example CA, O=Example, C=US; a value with a comma"
-             " stands in double quotes, as in O=\"Example, Inc.\"";
+      return name_advice("issuer name", code, heard);
     case PKI_INVALID_URL:
       return "give a URL that begins with http://";
     case PKI_HTTP_ERROR:
-      return "check the URL and that the server answers 200 with a Content-Length; -v says more";
+      return heard.empty() ? "check the URL and that the server answers 200 with a Content-Length"
+                           : heard;
     case PKI_HTTP_READ_RESP_ERROR:
-      return "the head of the server's answer could not be read; -v says more";
+      return heard.empty() ? "the head of the server's answer could not be read" : heard;
     default:
       break;
   }
@@ -102,10 +106,19 @@ std::string code_text_and_number(int code) {
   return code_text(static_cast<unsigned>(code)) + " (" + std::to_string(code) + ")";
 }
 
+std::string name_advice(const std::string &kind, int code, const std::string &heard) {
+  std::string form = "write the " + kind + " as in " +
+                     (kind == "subject" ? "CN=device" : "CN=Example CA") +
+                     ", O=Example, C=US; a value with a comma stands in double quotes, as in"
+                     " O=\"Example, Inc.\"";
+  if (code != PKI_DN_UNKNOWN_KEY)
+    return form;
+  return (heard.empty() ? "" : heard + "; ") + "the letter case of a key counts; " + form;
+}
+
 std::string failure_text(const std::string &what, int code, const std::string &heard) {
   std::string text = what + ": " + code_text_and_number(code);
-  bool has_many_reasons = code == PKI_HTTP_ERROR || code == PKI_HTTP_READ_RESP_ERROR;
-  std::string advice = has_many_reasons && !heard.empty() ? heard : hint(code);
+  std::string advice = hint(code, heard);
   return advice.empty() ? text : text + ": " + advice;
 }
 

@@ -9,6 +9,7 @@
 
 #include "tools/common/command_line.h"
 #include "tools/common/failure.h"
+#include "tools/common/help_formatter.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/failure_report.h"
 
@@ -108,6 +109,7 @@ int main(int argc, char **argv) {
   context where;
   action chosen;
   CLI::App app("Provision CAs, enroll with them, and look into what they send", "pkictl");
+  tools::wrap_help(&app);
   int code = tools::exit_done;
   add_commands(app, &where, &chosen);
   std::string complaint;

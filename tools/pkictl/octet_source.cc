@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <libpki/error.h>
 #include <libpki/http.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include "tools/common/ossl.h"
 #include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
+#include "tools/pkictl/log_words.h"
 
 namespace pkictl {
 
@@ -22,7 +22,6 @@ namespace {
 
 constexpr int read_timeout_ms = 60000;
 constexpr int status_ok = 200;
-constexpr char http_scheme[] = "http://";
 
 class descriptor {
  public:
@@ -91,8 +90,7 @@ class http_source : public octet_source {
     if (code != PKI_OK)
       throw tools::library_failure(code, failure_text("cannot fetch " + url, code, heard.text()));
     if (status != status_ok)
-      throw tools::failure("cannot fetch " + url + ": the server answered " +
-                           std::to_string(status) + "; check the URL");
+      throw tools::failure("cannot fetch " + url + ": " + answered_text(status));
     length_ = length > 0 ? static_cast<uint64_t>(length) : 0;
   }
 
@@ -113,11 +111,13 @@ class http_source : public octet_source {
 
 }  // namespace
 
+bool is_url(const std::string &file_or_url) {
+  return file_or_url.find("://") != std::string::npos;
+}
+
 std::unique_ptr<octet_source> open_source(const std::string &file_or_url) {
-  if (file_or_url.find("://") == std::string::npos)
+  if (!is_url(file_or_url))
     return std::make_unique<file_source>(file_or_url);
-  if (strncasecmp(file_or_url.c_str(), http_scheme, sizeof http_scheme - 1) != 0)
-    throw tools::failure("cannot fetch " + file_or_url + ": give a URL that begins with http://");
   return std::make_unique<http_source>(file_or_url);
 }
 

@@ -22,6 +22,9 @@ class octet_source {
   virtual uint64_t length() const = 0;
 };
 
+// Or else a file.
+bool is_url(const std::string &file_or_url);
+
 // Opens a file, or asks the server of an http URL. Throws tools::failure.
 std::unique_ptr<octet_source> open_source(const std::string &file_or_url);
 

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "tools/common/descriptor.h"
-#include "tools/common/failure.h"
+#include "tools/pkictl/output_failure.h"
 
 namespace pkictl {
 
@@ -29,7 +29,7 @@ void output::write_text(const std::string &text) {
     if (took < 0 && errno == EINTR)
       continue;
     if (took <= 0)
-      throw tools::failure(std::string("cannot write to standard output: ") + strerror(errno));
+      throw output_failure(std::string("cannot write to standard output: ") + strerror(errno));
     done += static_cast<size_t>(took);
   }
 }

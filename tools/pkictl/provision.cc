@@ -14,6 +14,7 @@
 #include "tools/pkictl/board_problem.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/fetched_document.h"
+#include "tools/pkictl/http_url.h"
 #include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
@@ -35,7 +36,7 @@ struct options {
   std::string what = "cannot provision " + given.url;
   if (code == PKI_FLASH_ERROR)
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) + ": " +
-                                           board_problem(board_wants::serial_number));
+                                           board_problem(board_wants::serial_number, heard));
   if (code == PKI_P7_DECODE_ERROR)
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) +
                                            ": the answer is no whole PKCS#7 message; check the"
@@ -93,6 +94,7 @@ json text_or_null(const std::string &text) {
 }
 
 int provision(const context &where, const options &given) {
+  require_http_url("URL", given.url);
   tools::key_ptr key = tools::load_public_key(given.doc_key);
   check_label("the CA", given.label);
   if (state_folder::is_known(given.state))
@@ -136,11 +138,9 @@ void add_provision_command(CLI::App &app, action *chosen) {
           "office"
           "\n\n"
           "The device's serial number goes along in the query \"?serial=\". The reference board\n"
-          "library reads it from the file serialnumber in the folder that the environment "
-          "variable\n"
-          "BOARD_INFO_DIR names (/etc/board by default). The document is then fetched once more, "
-          "and kept\n"
-          "for enroll and cert find.\n\n") +
+          "library reads it from the file serialnumber in the folder that the environment\n"
+          "variable BOARD_INFO_DIR names (/etc/board by default). The document is then fetched\n"
+          "once more, and kept for enroll and cert find.\n\n") +
       state_footer + common_footer);
   command->callback(
       [=] { *chosen = [=](const context &where) { return provision(where, *given); }; });

@@ -10,6 +10,7 @@
 #include "tools/common/scep_message.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/library.h"
+#include "tools/pkictl/report.h"
 #include "tools/pkictl/scep_file.h"
 #include "tools/pkictl/scep_report.h"
 
@@ -50,13 +51,26 @@ json decode(const options &given, verdict *found) {
   return layers;
 }
 
+// Whose key it is that opens the envelope.
+std::string advice(int code, const json &envelope) {
+  if (code != PKI_P7_DECRYPT_FAILED || envelope.is_null())
+    return "";
+  std::string owners;
+  for (const json &recipient : envelope["recipients"])
+    owners += (owners.empty() ? "; give the key of the certificate " : ", or of ") +
+              recipient["serial"].get<std::string>() + " of " +
+              name_or_note(recipient["issuer"]).get<std::string>();
+  return owners;
+}
+
 int scep_decode(const context &where, const options &given) {
   if (given.key.empty() && !given.cert.empty())
     throw tools::usage_failure("--cert needs --key, the recipient's private key");
   start_library();
   verdict found;
   json layers = decode(given, &found);
-  std::string message = found.what + ": " + code_text_and_number(found.code);
+  std::string message =
+      found.what + ": " + code_text_and_number(found.code) + advice(found.code, layers["envelope"]);
   if (found.code != PKI_OK)
     layers["error"] = failure_json(found.code, message);
   if (where.json)

@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/scep_report.h"
 
@@ -46,10 +44,9 @@ std::string envelope_text(const json &envelope) {
   return text;
 }
 
-// "signature algorithm" for "signature_algorithm".
-std::string words_of(std::string member) {
-  std::replace(member.begin(), member.end(), '_', ' ');
-  return member;
+// What fits into the column.
+std::string words_of(const std::string &member) {
+  return member == "signature_algorithm" ? "signed with" : member;
 }
 
 std::string payload_text(const json &payload) {

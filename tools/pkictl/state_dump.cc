@@ -246,10 +246,10 @@ void add_state_command(CLI::App &app, action *chosen) {
       std::string("Examples:\n"
                   "  pkictl state dump\n"
                   "  pkictl state dump record.bin --names record.names\n\n"
-                  "A block is a line <TAG val=\"HEX\">, with the value behind it where that is "
-                  "text. Names with START in them indent what\n"
-                  "follows, those with END end that. In a state PRIVATE_KEY_LENGTH stands for\n"
-                  "each private key, with its length in octets, hexadecimal.\n\n") +
+                  "A block is a line <TAG val=\"HEX\">, with the value behind it where that is\n"
+                  "text. Names with START in them indent what follows, those with END end that.\n"
+                  "In a state PRIVATE_KEY_LENGTH stands for each private key, with its length in\n"
+                  "octets, hexadecimal.\n\n") +
       state_footer +
       "-v shows the library's log lines on stderr; there is no JSON.\n"
       "Exit codes: 0 done, 1 failed, 2 wrong usage.");

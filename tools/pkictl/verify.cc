@@ -15,10 +15,10 @@
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
-#include "tools/pkictl/ca_info_use.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/cost.h"
 #include "tools/pkictl/files_option.h"
+#include "tools/pkictl/http_url.h"
 #include "tools/pkictl/library.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/state.h"
@@ -195,9 +195,8 @@ json verify_cert(const options &given, X509 *cert, STACK_OF(X509) * untrusted,
 }
 
 void check_usage(const options &given) {
-  if (given.has_ocsp && !is_http_url(given.ocsp.c_str()))
-    throw tools::usage_failure("--ocsp \"" + given.ocsp +
-                               "\" is no URL that can be asked; give one that begins with http://");
+  if (given.has_ocsp)
+    require_http_url("--ocsp", given.ocsp);
   for (const std::string &url : given.crls)
     if (!is_http_url(url.c_str()))
       throw tools::usage_failure("--crl \"" + url +
@@ -216,7 +215,8 @@ void add_rejection(const std::string &reason, const std::string &message, json *
 int verify(const context &where, const options &given) {
   check_usage(given);
   cost_meter meter;
-  tools::cert_ptr cert = tools::load_certificate(given.cert);
+  tools::cert_ptr cert =
+      tools::load_certificate(given.cert, "; put the rest into a file for --chain");
   certs_ptr untrusted = load_all(given.chain);
   start_library();
   certs_ptr trusted = find_trusted(given);
@@ -276,8 +276,10 @@ void add_verify_command(CLI::App &app, action *chosen) {
       " the rules of the state's CAs are asked before it");
   ocsp->type_name("URL");
   command
-      ->add_option("--ocsp-signer", given->ocsp_signer,
-                   "The certificate whose signature counts in the answers of --ocsp")
+      ->add_option(
+          "--ocsp-signer", given->ocsp_signer,
+          "A certificate whose owner may sign the answers of --ocsp, besides the issuer of the"
+          " certificate in question and whom that has delegated")
       ->type_name("FILE")
       ->needs(ocsp);
   command

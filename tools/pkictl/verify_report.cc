@@ -115,18 +115,27 @@ std::string cert_lines(int depth, const json &cert) {
 }
 
 // With the name of what is missing, where that is the error.
-std::string reason_of(const json &cert, const json &step) {
-  if (!step["error"].is_null()) {
-    int number = step["error"]["number"].get<int>();
-    bool lacks_issuer = number == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
-                        number == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY ||
-                        number == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE;
-    std::string advice = lacks_issuer && cert.contains("issuer")
-                             ? ": the certificate of " + text_of(name_or_note(cert["issuer"])) +
-                                   " is missing; give it with --chain or --trust"
-                             : "";
-    return error_text(step["error"]) + advice;
+std::string advice_for(const json &cert, int number) {
+  switch (number) {
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+      return cert.contains("issuer")
+                 ? ": the certificate of " + text_of(name_or_note(cert["issuer"])) +
+                       " is missing; give it with --chain or --trust"
+                 : "";
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+      return ": " + text_of(name_or_note(cert.value("subject", json("")))) +
+             " is not trusted; give it with --trust";
+    default:
+      return "";
   }
+}
+
+std::string reason_of(const json &cert, const json &step) {
+  if (!step["error"].is_null())
+    return error_text(step["error"]) + advice_for(cert, step["error"]["number"].get<int>());
   if (!step["checks"].empty())
     return "its status is " + text_of(step["checks"].back()["status"]);
   return step["log"].empty() ? text_of(step["name"]) : text_of(step["log"].back());

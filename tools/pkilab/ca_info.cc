@@ -44,9 +44,11 @@ response document_response(std::string document) {
 }
 
 response file_response(const std::string &file) {
-  if (!tools::file_exists(file))
-    return text_response(404, "there is no " + file + " yet");
-  return document_response(tools::read_file(file));
+  if (tools::file_exists(file))
+    return document_response(tools::read_file(file));
+  response answer = text_response(404, "there is no " + file + " yet");
+  answer.note = "there is no " + file;
+  return answer;
 }
 
 }  // namespace

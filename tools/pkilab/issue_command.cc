@@ -8,7 +8,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <iostream>
 #include <map>
 #include <memory>
 
@@ -170,8 +169,8 @@ int issue(const options &given) {
   wishes.public_key = key ? key.get() : X509_REQ_get0_pubkey(request.get());
   tools::cert_ptr cert = issued_certs(keys).issue(wishes, *keys.find(given.ca));
   write_issued(given, cert.get(), key.get());
-  std::cout << "issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
-                   tools::name_text(X509_get_subject_name(cert.get())) + "\n";
+  tools::print("issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
+               tools::name_text(X509_get_subject_name(cert.get())) + "\n");
   return tools::exit_done;
 }
 

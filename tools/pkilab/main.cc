@@ -12,6 +12,7 @@
 #include "tools/common/command_line.h"
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
+#include "tools/common/help_formatter.h"
 #include "tools/common/text.h"
 #include "tools/pkilab/command.h"
 #include "tools/pkilab/crl_command_line.h"
@@ -102,6 +103,9 @@ int serve(const options &given) {
     tools::complain("pkilab", "warning: " + setup.server.bind +
                                   " can be reached from other machines, and the lab trusts"
                                   " everybody");
+  if (!setup.document_file.empty() && !tools::file_exists(setup.document_file))
+    tools::complain("pkilab", "warning: there is no " + setup.document_file +
+                                  " yet; /ca-info answers 404 until it is there");
   pkilab::lab lab(setup);
   if (ready.is_wanted())
     ready.write(lab.url());
@@ -170,6 +174,7 @@ int main(int argc, char **argv) {
   pkilab::action chosen;
   int code = tools::exit_done;
   CLI::App app("A CA to try the library on, with an HTTP server of its own", "pkilab");
+  tools::wrap_help(&app);
   app.set_version_flag("--version", "pkilab " TOOL_VERSION);
   app.require_subcommand(1);
   add_serve_command(app, &chosen);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tools/common/failure.h"
+#include "tools/common/help_formatter.h"
 #include "tools/common/text.h"
 
 namespace pkilab {
@@ -103,11 +104,8 @@ class option_table {
   // A line an option.
   std::string list() const {
     std::string text;
-    for (const option_row<Options> &row : rows_) {
-      std::string name = "  " + row.word();
-      name.resize(30, ' ');
-      text += name + std::string(row.text) + "\n";
-    }
+    for (const option_row<Options> &row : rows_)
+      text += tools::help_row(row.word(), std::string(row.text));
     return text;
   }
 

@@ -1,6 +1,5 @@
 // pkilab revoke and unrevoke.
 #include <CLI/CLI.hpp>
-#include <iostream>
 #include <map>
 #include <memory>
 
@@ -68,7 +67,7 @@ int revoke(const options &given) {
   std::string text = tools::serial_text(serial.get());
   if (!revocations(given.folder).revoke(serial.get(), how))
     throw tools::failure(text + " is revoked already; pkilab unrevoke makes it good again");
-  std::cout << "revoked " + text + "\n";
+  tools::print("revoked " + text + "\n");
   return tools::exit_done;
 }
 
@@ -77,7 +76,7 @@ int unrevoke(const options &given) {
   std::string text = tools::serial_text(serial.get());
   if (!revocations(given.folder).restore(serial.get()))
     throw tools::failure(text + " is not revoked");
-  std::cout << "unrevoked " + text + "\n";
+  tools::print("unrevoked " + text + "\n");
   return tools::exit_done;
 }
 

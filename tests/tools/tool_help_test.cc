@@ -1,0 +1,71 @@
+// What holds for the help of every command.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "run_tool.h"
+
+namespace {
+
+using tool_test::run;
+using tool_test::strings;
+
+strings lines_of(const std::string &text) {
+  strings lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+strings subcommands_of(const std::string &help) {
+  strings names;
+  bool listed = false;
+  for (const std::string &line : lines_of(help)) {
+    if (listed && line.starts_with("  ") && line[2] != ' ')
+      names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    listed = line == "Subcommands:" || (listed && !line.empty());
+  }
+  return names;
+}
+
+// The help of the command that `words` name and of those below it; returns how many.
+int expect_narrow(const std::string &tool, const strings &words) {
+  strings arguments = words;
+  arguments.push_back("--help");
+  std::string help = run(tool, arguments).out;
+  for (const std::string &line : lines_of(help))
+    EXPECT_LE(line.size(), 100u) << line;
+  int count = 1;
+  for (const std::string &name : subcommands_of(help)) {
+    strings below = words;
+    below.push_back(name);
+    count += expect_narrow(tool, below);
+  }
+  return count;
+}
+
+TEST(ToolHelp, NoLineHasMoreThan100Columns) {
+  EXPECT_GT(expect_narrow("pkictl", {}), 15);
+  EXPECT_GT(expect_narrow("pkilab", {}), 4);
+}
+
+TEST(ToolHelp, LongDescriptionGoesOnInItsColumn) {
+  std::string help = run("pkictl", {"verify", "--help"}).out;
+  std::string indent(30, ' ');
+  EXPECT_NE(help.find("  --ocsp-signer FILE Needs: --ocsp\n" + indent +
+                      "A certificate whose owner may sign the answers of --ocsp, besides the\n" +
+                      indent + "issuer of the certificate in question and whom that has"),
+            std::string::npos)
+      << help;
+}
+
+TEST(ToolHelp, ShortDescriptionStandsBesideItsName) {
+  std::string help = run("pkictl", {"--help"}).out;
+  EXPECT_NE(help.find("\n  cainfo                      Sign, verify and show CA-info documents\n"),
+            std::string::npos)
+      << help;
+  EXPECT_NE(help.find("\n  --json                      Print JSON\n"), std::string::npos) << help;
+}
+
+}  // namespace
