@@ -200,6 +200,12 @@ texts sorted_roots() {
   return subjects;
 }
 
+int lowest_free_descriptor() {
+  int fd = dup(0);
+  close(fd);
+  return fd;
+}
+
 std::string unread_line(const std::string &name, const std::string &reason) {
   return "failed to read cert /etc/pki/roots/" + name + ": " + reason;
 }
@@ -303,17 +309,14 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, AFileWhoseReadingFailsHalfWayIsSkipped
   device.write("c.pem", device_root("last", 3));
   break_off_reading("/etc/pki/roots/b.pem", support::pem(bad).size() / 2, EIO);
   x509_store store = make_store();
-  int before = dup(0);
-  close(before);
+  int before = lowest_free_descriptor();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
-  int after = dup(0);
-  close(after);
   EXPECT_EQ("6: inited ca label 'root'\n3: " + unread_line("b.pem", "Input/output error") + "\n",
             log_dump());
   EXPECT_EQ((texts{"/C=US/O=Example/CN=first", "/C=US/O=Example/CN=last"}), sorted_roots());
   EXPECT_EQ(7, count_in(store));
   EXPECT_FALSE(holds(store, bad.get()));
-  EXPECT_EQ(before, after);
+  EXPECT_EQ(before, lowest_free_descriptor());
 }
 
 // What was read before the failure is a whole certificate, and yet is not taken.
@@ -429,12 +432,9 @@ FRESH_PROCESS_TEST(DeviceFolderDeathTest, DescriptorsAreClosed) {
   std::filesystem::create_directory(device.path() + "c");
   ASSERT_EQ(0, mkfifo((device.path() + "fifo").c_str(), 0600));
   x509_store store = make_store();
-  int before = dup(0);
-  close(before);
+  int before = lowest_free_descriptor();
   EXPECT_EQ(1, pki_ver_setup_trust_roots(store.get(), 0));
-  int after = dup(0);
-  close(after);
-  EXPECT_EQ(before, after);
+  EXPECT_EQ(before, lowest_free_descriptor());
 }
 
 }  // namespace
