@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "device.h"
 #include "state_fixture.h"
+#include "support/certs.h"
 
 namespace {
 
@@ -67,7 +69,7 @@ TEST(PkictlCaList, SaysWhatADocumentDoesNotName) {
 TEST(PkictlCaList, NoCasAreSaidToBeNone) {
   state_test test;
   std::filesystem::create_directory(test.dir);
-  EXPECT_EQ(test.pkictl({"ca", "list"}).out, "no CAs\n");
+  EXPECT_EQ(test.pkictl({"ca", "list"}).out, "no CAs in " + test.dir + "\n");
   EXPECT_EQ(json::parse(test.pkictl({"ca", "list", "--json"}).out), (json{{"cas", json::array()}}));
 }
 
@@ -138,6 +140,24 @@ TEST(PkictlVerifyAdditional, TheyAreNotTrusted) {
   result done = test.pkictl({"verify", test.cert, "--trust", test.lab_file("issuing-cert.pem")});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_NE(done.err.find(" is rejected: "), std::string::npos) << done.err;
+}
+
+TEST(PkictlVerifyAdditional, AnotherKeyUnderTheIssuersNameIsTold) {
+  deep_test test;
+  provision(test, "office", test.lab().url());
+  ASSERT_EQ(test.pkictl({"ca", "remove", "office"}).exit_code, 0);
+  support::cert_options options;
+  options.subject = support::make_name({{"O", "pkilab"}, {"CN", "pkilab additional CA"}});
+  options.ca = true;
+  options.extensions = {{"subjectKeyIdentifier", "hash"}};
+  std::ofstream(test.file("old.pem")) << support::pem(support::make_cert(options));
+  result done = test.pkictl({"verify", test.cert, "--trust", test.lab_file("issuing-cert.pem"),
+                             "--chain", test.file("old.pem")});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_NE(done.err.find("the certificate of CN=pkilab additional CA, O=pkilab that is there has"
+                          " another key; give the right one with --chain or --trust"),
+            std::string::npos)
+      << done.err;
 }
 
 TEST(PkictlVerifyAdditional, TheyLeaveWithTheirCa) {

@@ -81,12 +81,13 @@ TEST(PkictlKey, SizesThatNobodyMakesAreWrongUsage) {
 TEST(PkictlKey, ListOfNoKeysSaysSo) {
   key_state test;
   std::filesystem::create_directories(test.dir);
-  EXPECT_EQ(test.key({"list"}).out, "no keys\n");
+  EXPECT_EQ(test.key({"list"}).out, "no keys in " + test.dir + "\n");
   EXPECT_EQ(json::parse(test.key({"list", "--json"}).out), (json{{"keys", json::array()}}));
 }
 
 TEST(PkictlKey, ListOfNoDefaultFolderIsEmpty) {
-  EXPECT_EQ(tool_test::pkictl({"key", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out, "no keys\n");
+  EXPECT_EQ(tool_test::pkictl({"key", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out,
+            "no keys in /nonexistent/pkictl\n");
 }
 
 TEST(PkictlKey, ListOfAFolderThatIsNotThereFails) {

@@ -66,13 +66,15 @@ TEST(PkictlStateFolder, ReaderSaysItInJsonToo) {
 TEST(PkictlStateFolder, OneThatIsThereMayBeEmpty) {
   state_test test;
   std::filesystem::create_directory(test.dir);
-  EXPECT_EQ(test.pkictl({"key", "list"}).out, "no keys\n");
-  EXPECT_EQ(test.pkictl({"ca", "list"}).out, "no CAs\n");
+  EXPECT_EQ(test.pkictl({"key", "list"}).out, "no keys in " + test.dir + "\n");
+  EXPECT_EQ(test.pkictl({"ca", "list"}).out, "no CAs in " + test.dir + "\n");
 }
 
 TEST(PkictlStateFolder, DefaultOneThatWasNeverMadeIsEmpty) {
-  EXPECT_EQ(tool_test::pkictl({"key", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out, "no keys\n");
-  EXPECT_EQ(tool_test::pkictl({"ca", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out, "no CAs\n");
+  EXPECT_EQ(tool_test::pkictl({"key", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out,
+            "no keys in /nonexistent/pkictl\n");
+  EXPECT_EQ(tool_test::pkictl({"ca", "list"}, {"XDG_STATE_HOME=/nonexistent"}).out,
+            "no CAs in /nonexistent/pkictl\n");
 }
 
 TEST(PkictlStateFolder, StateFileInItsPlaceIsRefusedByEveryCommand) {
@@ -117,8 +119,20 @@ TEST(PkictlStateFolder, DumpOfAFileLooksAtNoFolder) {
 }
 
 TEST(PkictlStateFolder, HelpSaysThatARelativeXdgStateHomeIsIgnored) {
-  EXPECT_NE(tool_test::pkictl({"--help"}).out.find("ignored unless it is an absolute"),
-            std::string::npos);
+  EXPECT_NE(tool_test::pkictl({"--help"}).out.find("ignored unless it"), std::string::npos);
+}
+
+TEST(PkictlStateFolder, AnEmptyNameIsNotTheDefaultFolder) {
+  tool_test::folder home;
+  for (const strings &words :
+       {strings{"ca", "list"}, strings{"key", "list"}, strings{"key", "generate", "device"}}) {
+    strings arguments = words;
+    arguments.insert(arguments.end(), {"--state", ""});
+    tool_test::result done = tool_test::pkictl(arguments, {"XDG_STATE_HOME=" + (home / "")});
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_NE(done.err.find("name a folder, or leave --state out"), std::string::npos) << done.err;
+  }
+  EXPECT_FALSE(tool_test::exists(home / "pkictl"));
 }
 
 }  // namespace

@@ -124,8 +124,9 @@ TEST_F(traced_state, KilledFirstSaveLeavesNothingOrAWholeState) {
     fs::remove_all(test.dir);
     ASSERT_EQ(killed_at(call, command).exit_code, killed);
     bool has_folder = fs::exists(test.dir);
-    std::string listed = has_folder ? test.pkictl({"key", "list"}).out : "no keys\n";
-    EXPECT_TRUE(listed == "no keys\n" || listed == "a (RSA 512)\n") << listed;
+    std::string listed =
+        has_folder ? test.pkictl({"key", "list"}).out : "no keys in " + test.dir + "\n";
+    EXPECT_TRUE(listed == "no keys in " + test.dir + "\n" || listed == "a (RSA 512)\n") << listed;
     EXPECT_EQ(test.make_key("b").exit_code, 0);
   }
 }

@@ -70,7 +70,8 @@ bool parse_command_line(CLI::App &app, int argc, char **argv, int *code, std::st
     app.parse(argc, argv);
     return true;
   } catch (const CLI::ParseError &error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+    bool wants_text = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
+    if (wants_text && app.remaining(true).empty()) {
       *code = print_what_was_asked_for(app, error);
       return false;
     }

@@ -8,7 +8,7 @@ namespace tools {
 
 namespace {
 
-constexpr size_t columns = 100;
+constexpr size_t columns = 80;
 constexpr size_t text_column = 30;
 
 class help_formatter : public CLI::Formatter {

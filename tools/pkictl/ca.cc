@@ -19,7 +19,8 @@ struct options {
 };
 
 int list(const context &where, const options &given) {
-  saved_state kept = state_folder::to_read(given.state, "provision").load();
+  state_folder state = state_folder::to_read(given.state, "provision");
+  saved_state kept = state.load();
   start_library();
   json cas = json::array();
   for (const auto &[label, saved] : kept.cas) {
@@ -36,7 +37,7 @@ int list(const context &where, const options &given) {
   std::string text;
   for (const json &ca : cas)
     text += ca_summary(ca);
-  where.out->write_text(text.empty() ? "no CAs\n" : text);
+  where.out->write_text(text.empty() ? "no CAs in " + state.folder() + "\n" : text);
   return 0;
 }
 

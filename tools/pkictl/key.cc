@@ -93,7 +93,8 @@ int generate(const context &where, const options &given) {
 }
 
 int list(const context &where, const options &given) {
-  saved_state kept = state_folder::to_read(given.state, "key generate").load();
+  state_folder state = state_folder::to_read(given.state, "key generate");
+  saved_state kept = state.load();
   json keys = json::array();
   for (const auto &[label, key] : kept.keys)
     keys.push_back(key_json(label, key));
@@ -104,7 +105,7 @@ int list(const context &where, const options &given) {
   std::string text;
   for (const json &key : keys)
     text += key_text(key);
-  where.out->write_text(text.empty() ? "no keys\n" : text);
+  where.out->write_text(text.empty() ? "no keys in " + state.folder() + "\n" : text);
   return 0;
 }
 

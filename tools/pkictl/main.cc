@@ -24,14 +24,14 @@ constexpr const char *main_footer =
     "  pkictl verify server.pem --trust lab/issuing-cert.pem\n\n"
     "Files:\n"
     "  ~/.local/state/pkictl/state\n"
-    "                              Keys (unencrypted), certificates and CAs, mode 0600; --state\n"
-    "                              names another folder\n\n"
+    "                              Keys (unencrypted), certificates and CAs, mode\n"
+    "                              0600; --state names another folder\n\n"
     "Environment:\n"
-    "  XDG_STATE_HOME              In the place of ~/.local/state; ignored unless it is an "
-    "absolute\n"
-    "                              path\n"
-    "  BOARD_INFO_DIR              Folder of the files serialnumber and secret, which the\n"
-    "                              reference board library reads; /etc/board by default\n\n";
+    "  XDG_STATE_HOME              In the place of ~/.local/state; ignored unless it\n"
+    "                              is an absolute path\n"
+    "  BOARD_INFO_DIR              Folder of the files serialnumber and secret, which\n"
+    "                              the reference board library reads; /etc/board by\n"
+    "                              default\n\n";
 
 void add_commands(CLI::App &app, context *where, action *chosen) {
   app.add_flag("-v,--verbose", where->verbose, "Show the library's log lines on stderr");

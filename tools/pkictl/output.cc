@@ -29,7 +29,8 @@ void output::write_text(const std::string &text) {
     if (took < 0 && errno == EINTR)
       continue;
     if (took <= 0)
-      throw output_failure(std::string("cannot write to standard output: ") + strerror(errno));
+      throw output_failure(std::string("cannot write to standard output: ") + strerror(errno) +
+                           "; all else was done");
     done += static_cast<size_t>(took);
   }
 }

@@ -59,9 +59,9 @@ typename Entries::mapped_type *find(Entries *entries, const std::string &label) 
 }  // namespace
 
 const char *const state_footer =
-    "Keys (unencrypted), certificates and CAs are kept in the file \"state\" (mode 0600) in the\n"
-    "folder --state, by default $XDG_STATE_HOME/pkictl (where that is an absolute path) or\n"
-    "~/.local/state/pkictl.\n\n";
+    "Keys (unencrypted), certificates and CAs are kept in the file \"state\" (mode\n"
+    "0600) in the folder --state, by default $XDG_STATE_HOME/pkictl (where that is\n"
+    "an absolute path) or ~/.local/state/pkictl.\n\n";
 
 void check_label(const std::string &what, const std::string &label) {
   if (!is_label(label))
@@ -72,7 +72,12 @@ void check_label(const std::string &what, const std::string &label) {
 
 void add_state_option(CLI::App *command, std::string *state) {
   command->add_option("--state", *state, "Folder of what the tool keeps between calls")
-      ->type_name("DIR");
+      ->type_name("DIR")
+      ->check([](const std::string &folder) {
+        return folder.empty()
+                   ? std::string("name a folder, or leave --state out for the default one")
+                   : std::string();
+      });
 }
 
 state_folder::state_folder(const std::string &given)

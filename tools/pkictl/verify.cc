@@ -90,8 +90,8 @@ certs_ptr find_trusted(const options &given) {
   add_saved_roots(given, trusted.get());
   if (sk_X509_num(trusted.get()) < 1)
     throw tools::failure(
-        "nothing is trusted: give --trust FILE, or provision a CA that names"
-        " trusted roots");
+        "nothing is trusted: give --trust FILE, or provision a CA that names trusted roots" +
+        (given.state.empty() ? "" : "; there is none in " + given.state));
   return trusted;
 }
 
@@ -212,6 +212,14 @@ void add_rejection(const std::string &reason, const std::string &message, json *
   error["message"] = message;
 }
 
+std::set<std::string> names_of(const std::vector<STACK_OF(X509) *> &lists) {
+  std::set<std::string> names;
+  for (const STACK_OF(X509) * list : lists)
+    for (int i = 0; i < sk_X509_num(list); i++)
+      names.insert(tools::name_text(X509_get_subject_name(sk_X509_value(list, i))));
+  return names;
+}
+
 int verify(const context &where, const options &given) {
   check_usage(given);
   cost_meter meter;
@@ -229,7 +237,7 @@ int verify(const context &where, const options &given) {
   bool good = report["verdict"] == "good";
   std::string message;
   if (!good) {
-    std::string reason = rejection_reason(report);
+    std::string reason = rejection_reason(report, names_of({untrusted.get(), trusted.get()}));
     message = given.cert + " is rejected: " + reason;
     add_rejection(reason, message, &report);
   }
@@ -247,12 +255,13 @@ constexpr const char *verify_footer =
     "Examples:\n"
     "  pkictl verify server.pem --chain inter.pem --trust root.pem\n"
     "  pkictl verify device.pem --ocsp http://127.0.0.1:8080/ocsp\n\n"
-    "Trusted are the roots of the CAs in the folder --state, by default $XDG_STATE_HOME/pkictl\n"
-    "(where that is an absolute path) or ~/.local/state/pkictl, and the certificates of --trust.\n"
-    "The additional certificates of those CAs complete chains, as those of --chain do, and their\n"
-    "status rules apply.\n"
-    "The tree shows the chain from its top down, each rule, and each source of a status: what it\n"
-    "answered, how long that took, and until when it holds.\n\n"
+    "Trusted are the roots of the CAs in the folder --state, by default\n"
+    "$XDG_STATE_HOME/pkictl (where that is an absolute path) or\n"
+    "~/.local/state/pkictl, and the certificates of --trust. The additional\n"
+    "certificates of those CAs complete chains, as those of --chain do, and their\n"
+    "status rules apply. The tree shows the chain from its top down, each rule, and\n"
+    "each source of a status: what it answered, how long that took, and until when it\n"
+    "holds.\n\n"
     "-v shows the library's log lines on stderr; --json prints JSON.\n"
     "Exit codes: 0 good, 1 rejected, 2 wrong usage or a file that cannot be used.";
 
@@ -284,8 +293,8 @@ void add_verify_command(CLI::App &app, action *chosen) {
       ->needs(ocsp);
   command
       ->add_option("--crl", given->crls,
-                   "A CRL (http) to look every certificate up in, behind --ocsp and before those"
-                   " that the certificate names; may be given again")
+                   "A CRL (http) to look up in what no rule of the state's CAs and not --ocsp has"
+                   " answered, before the CRLs that the certificate names; may be given again")
       ->allow_extra_args(false)
       ->option_text("URL");
   add_state_option(command, &given->state);

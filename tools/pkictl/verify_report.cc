@@ -115,15 +115,22 @@ std::string cert_lines(int depth, const json &cert) {
 }
 
 // With the name of what is missing, where that is the error.
-std::string advice_for(const json &cert, int number) {
+std::string lack_of_issuer(const json &cert, const std::set<std::string> &known) {
+  if (!cert.contains("issuer"))
+    return "";
+  std::string name = text_of(name_or_note(cert["issuer"]));
+  return known.count(name) > 0
+             ? ": the certificate of " + name +
+                   " that is there has another key; give the right one with --chain or --trust"
+             : ": the certificate of " + name + " is missing; give it with --chain or --trust";
+}
+
+std::string advice_for(const json &cert, int number, const std::set<std::string> &known) {
   switch (number) {
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
     case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
-      return cert.contains("issuer")
-                 ? ": the certificate of " + text_of(name_or_note(cert["issuer"])) +
-                       " is missing; give it with --chain or --trust"
-                 : "";
+      return lack_of_issuer(cert, known);
     case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
     case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
       return ": " + text_of(name_or_note(cert.value("subject", json("")))) +
@@ -133,9 +140,9 @@ std::string advice_for(const json &cert, int number) {
   }
 }
 
-std::string reason_of(const json &cert, const json &step) {
+std::string reason_of(const json &cert, const json &step, const std::set<std::string> &known) {
   if (!step["error"].is_null())
-    return error_text(step["error"]) + advice_for(cert, step["error"]["number"].get<int>());
+    return error_text(step["error"]) + advice_for(cert, step["error"]["number"].get<int>(), known);
   if (!step["checks"].empty())
     return "its status is " + text_of(step["checks"].back()["status"]);
   return step["log"].empty() ? text_of(step["name"]) : text_of(step["log"].back());
@@ -143,11 +150,11 @@ std::string reason_of(const json &cert, const json &step) {
 
 }  // namespace
 
-std::string rejection_reason(const json &report) {
+std::string rejection_reason(const json &report, const std::set<std::string> &known) {
   for (const json &cert : report["certificates"])
     for (const json &step : cert["steps"])
       if (step["outcome"] == "failed")
-        return "certificate " + text_of(cert["depth"]) + ": " + reason_of(cert, step);
+        return "certificate " + text_of(cert["depth"]) + ": " + reason_of(cert, step, known);
   return report["error"].is_null() ? "OpenSSL gives no reason" : error_text(report["error"]);
 }
 
