@@ -15,7 +15,7 @@ set -eu
 
 # binutils (nm, readelf), make and the sanitizers' run-time libraries come with g++ and its
 # dependencies.
-build_packages="g++ cmake ninja-build pkg-config ccache openssl python3 \
+build_packages="g++ cmake ninja-build pkg-config openssl python3 \
   libssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
   libcli11-dev nlohmann-json3-dev libksba-dev libgpg-error-dev strace"
 lint_packages="clang-format clang-tidy cppcheck python3"

@@ -61,8 +61,8 @@ def write_headers(version, documents, folder):
 # ---- section 1 ----
 
 # What the help puts behind an option's name to say what may follow: ":{one,other}",
-# ":INT in [1 - 9]", "=default", "REQUIRED", "Needs: --other".
-CONDITIONS = re.compile(r":\{[^}]*\}|:\w+ in \[[^\]]*\]|(?<!\[)=\S+|\s*REQUIRED|\s*Needs: .*")
+# ":INT in [1 - 9]", "=default", "REQUIRED", "(with --other)".
+CONDITIONS = re.compile(r":\{[^}]*\}|:\w+ in \[[^\]]*\]|(?<!\[)=\S+|\s*REQUIRED|\s*\(with .*\)")
 
 
 def conditions(item):
@@ -70,7 +70,7 @@ def conditions(item):
     sentences = []
     if re.search(r"\bREQUIRED\b", item.form):
         sentences.append("Required.")
-    needs = re.search(r"Needs: (.*)", item.form)
+    needs = re.search(r"\(with (.*)\)", item.form)
     if needs:
         sentences.append(f"Only with {needs.group(1)}.")
     if item.choices():

@@ -24,7 +24,7 @@ class Item:
     def value(self):
         """What stands behind an option's name: its value's type, or nothing."""
         rest = self.form.partition(" ")[2]
-        return re.sub(r"\s*(REQUIRED|Needs: .*)", "", rest).strip()
+        return re.sub(r"\s*(REQUIRED|\(with .*\))", "", rest).strip()
 
     def choices(self):
         match = CHOICES.search(self.form)

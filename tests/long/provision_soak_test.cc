@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -15,6 +14,7 @@
 
 #include "fakes/log_capture.h"
 #include "run_tool.h"
+#include "support/descriptors.h"
 #include "support/store_fixture.h"
 
 namespace {
@@ -45,11 +45,6 @@ long resident_kib() {
     if (line.starts_with("VmRSS:"))
       return std::stol(line.substr(6));
   return -1;
-}
-
-long open_descriptors() {
-  std::filesystem::directory_iterator entries("/proc/self/fd");
-  return std::distance(begin(entries), end(entries));
 }
 
 using key_ptr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
@@ -102,7 +97,7 @@ TEST_F(provision_soak, NothingPilesUp) {
   for (long i = 0; i < warm_up; i++)
     ASSERT_NO_FATAL_FAILURE(one_round());
   ASSERT_GT(provisioned_, 0) << "the document must bring an additional certificate";
-  const long descriptors = open_descriptors();
+  const long descriptors = support::open_descriptors();
   const long memory = resident_kib();
   ASSERT_GT(memory, 0);
   long highest = memory;
@@ -113,9 +108,9 @@ TEST_F(provision_soak, NothingPilesUp) {
   }
   highest = std::max(highest, resident_kib());
   std::cout << rounds << " rounds: resident " << memory << " KiB after " << warm_up << ", highest "
-            << highest << " KiB later; " << open_descriptors() << " descriptors open, "
+            << highest << " KiB later; " << support::open_descriptors() << " descriptors open, "
             << descriptors << " before\n";
-  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_EQ(support::open_descriptors(), descriptors);
   if (memory_counts) {
     EXPECT_LE(highest - memory, slack_kib);
   }

@@ -1,40 +1,14 @@
 #include "support/ca_info_doc.h"
 
 #include <openssl/asn1.h>
-#include <openssl/err.h>
 
-#include <cstdio>
 #include <cstdlib>
+
+#include "support/need.h"
 
 namespace support {
 
 namespace {
-
-void need(bool ok, const char *what) {
-  if (ok)
-    return;
-  fprintf(stderr, "test support: %s failed\n", what);
-  ERR_print_errors_fp(stderr);
-  abort();
-}
-
-std::string encode(PKCS7 *object) {
-  unsigned char *out = nullptr;
-  int length = i2d_PKCS7(object, &out);
-  need(length > 0, "i2d_PKCS7");
-  std::string octets(reinterpret_cast<char *>(out), static_cast<size_t>(length));
-  OPENSSL_free(out);
-  return octets;
-}
-
-std::string encode(const X509 *object) {
-  unsigned char *out = nullptr;
-  int length = i2d_X509(object, &out);
-  need(length > 0, "i2d_X509");
-  std::string octets(reinterpret_cast<char *>(out), static_cast<size_t>(length));
-  OPENSSL_free(out);
-  return octets;
-}
 
 void add_signer(PKCS7 *message, const message_signer &signer, bool attributes) {
   X509 *named = X509_new();
@@ -69,7 +43,7 @@ std::string text(const char *value) {
 std::string cert_der(X509 *certificate) {
   if (!certificate)
     return "(null)";
-  return X509_get0_pubkey(certificate) ? encode(certificate) : "(no key)";
+  return X509_get0_pubkey(certificate) ? encode<X509>(certificate, i2d_X509) : "(no key)";
 }
 
 std::string sizes(const ca_info *info) {
@@ -173,7 +147,7 @@ pkcs7 make_message(const message_options &options) {
   if (options.inner)
     need(PKCS7_set_content(message.get(), PKCS7_dup(options.inner.get())) == 1,
          "PKCS7_set_content");
-  return read_message(encode(message.get()));
+  return read_message(encode<PKCS7>(message.get(), i2d_PKCS7));
 }
 
 std::string sign_document(const std::string &document, const key &signing_key) {
@@ -191,7 +165,7 @@ pkcs7 read_message(const std::string &octets) {
 }
 
 std::string der(const pkcs7 &object) {
-  return encode(object.get());
+  return encode<PKCS7>(object.get(), i2d_PKCS7);
 }
 
 pkcs7 make_data(const std::string &octets, bool present) {
@@ -217,7 +191,7 @@ pkcs7 make_envelope(const std::string &octets, const cert &recipient) {
   sk_X509_free(recipients);
   need(made, "PKCS7_encrypt");
   pkcs7 owner(made, PKCS7_free);
-  return read_message(encode(made));
+  return read_message(encode<PKCS7>(made, i2d_PKCS7));
 }
 
 pkcs7 make_bare_message(int nid) {
@@ -240,7 +214,7 @@ pkcs7 make_signed_and_enveloped(const std::string &octets, const key &signing_ke
   need(PKCS7_set_cipher(message.get(), EVP_aes_128_cbc()) == 1, "PKCS7_set_cipher");
   need(PKCS7_add_recipient(message.get(), recipient.get()), "PKCS7_add_recipient");
   finish(message.get(), octets);
-  return read_message(encode(message.get()));
+  return read_message(encode<PKCS7>(message.get(), i2d_PKCS7));
 }
 
 std::string contents_octets(const pkcs7 &object) {
@@ -270,7 +244,7 @@ std::vector<const void *> elements(const STACK *list) {
 std::vector<std::string> ders(const STACK *list) {
   std::vector<std::string> all;
   for (int i = 0; i < OPENSSL_sk_num(list); i++)
-    all.push_back(encode(at<X509>(list, i)));
+    all.push_back(encode<X509>(at<X509>(list, i), i2d_X509));
   return all;
 }
 

@@ -8,20 +8,11 @@
 #include <map>
 #include <mutex>
 
+#include "support/need.h"
+
 namespace support {
 
 namespace {
-
-[[noreturn]] void give_up(const char *what) {
-  fprintf(stderr, "test support: %s failed\n", what);
-  ERR_print_errors_fp(stderr);
-  abort();
-}
-
-void need(bool ok, const char *what) {
-  if (!ok)
-    give_up(what);
-}
 
 std::string bio_text(BIO *bio) {
   char *data = nullptr;
@@ -29,16 +20,6 @@ std::string bio_text(BIO *bio) {
   std::string text(data, static_cast<size_t>(length));
   BIO_free(bio);
   return text;
-}
-
-template <class T>
-std::string encode(const T *object, int (*i2d)(const T *, unsigned char **)) {
-  unsigned char *out = nullptr;
-  int length = i2d(object, &out);
-  need(length > 0, "i2d");
-  std::string octets(reinterpret_cast<char *>(out), static_cast<size_t>(length));
-  OPENSSL_free(out);
-  return octets;
 }
 
 constexpr time_t day = 86400;
@@ -141,6 +122,13 @@ integer make_serial(const std::string &octets) {
   BN_free(number);
   need(made, "integer");
   return integer(made, ASN1_INTEGER_free);
+}
+
+std::string octets_of(const ASN1_STRING *string) {
+  if (!string)
+    return "(none)";
+  return std::string(reinterpret_cast<const char *>(ASN1_STRING_get0_data(string)),
+                     static_cast<size_t>(ASN1_STRING_length(string)));
 }
 
 asn1_time make_time(time_t seconds) {

@@ -38,6 +38,8 @@ name common_name(const std::string &text);
 integer make_serial(long value);
 // Big-endian magnitude.
 integer make_serial(const std::string &octets);
+// The octets of a string; "(none)" for null.
+std::string octets_of(const ASN1_STRING *string);
 // The time `seconds` after the epoch.
 asn1_time make_time(time_t seconds);
 

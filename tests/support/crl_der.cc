@@ -2,29 +2,13 @@
 
 #include <openssl/evp.h>
 
-#include <cstdio>
 #include <cstdlib>
+
+#include "support/need.h"
 
 namespace support {
 
 namespace {
-
-void need(bool ok, const char *what) {
-  if (ok)
-    return;
-  fprintf(stderr, "test support: %s failed\n", what);
-  abort();
-}
-
-template <class T>
-std::string encode(const T *object, int (*i2d)(const T *, unsigned char **)) {
-  unsigned char *out = nullptr;
-  int length = i2d(object, &out);
-  need(length > 0, "i2d");
-  std::string octets(reinterpret_cast<char *>(out), static_cast<size_t>(length));
-  OPENSSL_free(out);
-  return octets;
-}
 
 // YYYYMMDDhhmmssZ
 std::string time_text(time_t time) {

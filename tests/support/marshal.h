@@ -197,7 +197,21 @@ inline std::string note_octets(const std::string &text, int number, int start = 
   return block(start) + block(note_text, text) + int_block(note_number, number) + block(note_end);
 }
 
+// ---- functions of a host's that fail ----
+
+inline int enc_fails_with_77(BIO *, void *, int, void *) {
+  return 77;
+}
+inline int dec_fails_with_77(BIO *, int, const unsigned char *, int, void *, void *) {
+  return 77;
+}
+inline void *no_object() {
+  return nullptr;
+}
+
 // ---- a BIO that does what a test says ----
+
+constexpr char premature[] = "premature EOD on bio";
 
 // Reads from `input` and writes to `output`, `chunk` octets a call; fails when `reads_left` or
 // `writes_left` octets have passed.

@@ -1,7 +1,9 @@
 #include "support/ocsp_responder.h"
 
-#include <cstdio>
 #include <cstdlib>
+
+#include "support/crl_der.h"
+#include "support/need.h"
 
 namespace support {
 
@@ -11,25 +13,8 @@ namespace {
 constexpr unsigned char context = 0x80, constructed = 0x20;
 constexpr unsigned char sequence = V_ASN1_SEQUENCE | constructed;
 
-void need(bool ok, const char *what) {
-  if (ok)
-    return;
-  fprintf(stderr, "test support: %s failed\n", what);
-  abort();
-}
-
 unsigned char explicit_tag(int number) {
   return static_cast<unsigned char>(context | constructed | number);
-}
-
-template <class T>
-std::string encode(const T *object, int (*i2d)(const T *, unsigned char **)) {
-  unsigned char *out = nullptr;
-  int length = i2d(object, &out);
-  need(length > 0, "OCSP encoding");
-  std::string octets(reinterpret_cast<char *>(out), static_cast<size_t>(length));
-  OPENSSL_free(out);
-  return octets;
 }
 
 std::string oid(const std::string &text) {
@@ -168,18 +153,7 @@ std::string basic_response(const ocsp_options &options, const ocsp_request &requ
 }  // namespace
 
 std::string tlv(unsigned char tag, const std::string &content) {
-  std::string octets(1, static_cast<char>(tag));
-  size_t length = content.size();
-  if (length < 0x80) {
-    octets.push_back(static_cast<char>(length));
-  } else {
-    std::string digits;
-    for (; length; length >>= 8)
-      digits.insert(digits.begin(), static_cast<char>(length & 0xFF));
-    octets.push_back(static_cast<char>(0x80 | digits.size()));
-    octets += digits;
-  }
-  return octets + content;
+  return der_tlv(tag, content);
 }
 
 std::string generalized_time(time_t when) {

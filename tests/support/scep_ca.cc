@@ -1,23 +1,14 @@
 #include "support/scep_ca.h"
 
-#include <openssl/err.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "support/need.h"
 
 namespace support {
 
 namespace {
-
-void need(bool ok, const char *what) {
-  if (ok)
-    return;
-  fprintf(stderr, "test SCEP CA: %s failed\n", what);
-  ERR_print_errors_fp(stderr);
-  abort();
-}
 
 // The attribute's value octets, "" when it is absent.
 std::string attribute_octets(PKCS7 *message, int row) {
@@ -340,7 +331,7 @@ std::string decode_base64(const std::string &text) {
   return octets;
 }
 
-std::string hex(const std::string &octets) {
+std::string upper_hex(const std::string &octets) {
   static const char digits[] = "0123456789ABCDEF";
   std::string text;
   for (char each : octets) {

@@ -120,7 +120,7 @@ scep_info make_scep_info(const std::string &url, const cert &ca_cert, const char
 // The base64 of a GET's message as octets; line feeds are dropped.
 std::string decode_base64(const std::string &text);
 // Upper-case hexadecimal text.
-std::string hex(const std::string &octets);
+std::string upper_hex(const std::string &octets);
 
 }  // namespace support
 

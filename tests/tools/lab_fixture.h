@@ -28,6 +28,10 @@ inline shared_lab &the_lab() {
   return lab;
 }
 
+inline const pkilab::ca &keys() {
+  return the_lab().lab.keys();
+}
+
 }  // namespace tool_test
 
 #endif

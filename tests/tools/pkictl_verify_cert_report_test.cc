@@ -1,11 +1,10 @@
 // What pkictl verify says on the way to its verdict.
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "device.h"
 #include "tools/common/cert_text.h"
 #include "verify_files.h"
+#include "without_times.h"
 
 namespace {
 
@@ -15,6 +14,7 @@ using tool_test::leaf_serial;
 using tool_test::result;
 using tool_test::strings;
 using tool_test::verify_files;
+using tool_test::without_times;
 
 json report(const result &done) {
   return json::parse(done.out);
@@ -33,11 +33,6 @@ json last_step(const json &cert) {
 }
 
 // How long something took is different every time, and so are the days.
-std::string without_times(const std::string &text) {
-  std::string same = std::regex_replace(text, std::regex("in [0-9]+ ms"), "in N ms");
-  return std::regex_replace(same, std::regex("[0-9-]{10} [0-9:]{8}Z"), "TIME");
-}
-
 TEST(PkictlVerifyCertReport, ShowsTheWholeWayAsATree) {
   verify_files files;
   result done = files.verify();

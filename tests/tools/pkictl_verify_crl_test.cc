@@ -6,6 +6,7 @@
 
 #include "crl_lab.h"
 #include "support/test_server.h"
+#include "without_times.h"
 
 namespace {
 
@@ -14,6 +15,7 @@ using tool_test::crl_lab;
 using tool_test::pkictl;
 using tool_test::result;
 using tool_test::strings;
+using tool_test::without_times;
 
 class PkictlVerifyCrl : public testing::Test {
  protected:
@@ -348,12 +350,6 @@ TEST_F(PkictlVerifyCrl, ListInAnotherNameThatIsNotIndirectIsOfNoUse) {
 }
 
 // ---- the tree as text ----
-
-std::string without_times(const std::string &text) {
-  std::string plain =
-      std::regex_replace(text, std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}Z"), "TIME");
-  return std::regex_replace(plain, std::regex("in [0-9]+ ms"), "in N ms");
-}
 
 std::string from_status_on(const std::string &text) {
   size_t at = text.find("        status of ");

@@ -1,9 +1,9 @@
 #include "tools/pkilab/ca.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include "device.h"
 #include "lab_fixture.h"
 #include "tools/common/ca_info_reader.h"
 #include "tools/common/cert_text.h"
@@ -13,13 +13,9 @@
 
 namespace {
 
-constexpr int fast_bits = 1024;
+using tool_test::mode_of;
 
-mode_t mode_of(const std::string &path) {
-  struct stat info = {};
-  EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
-  return info.st_mode & 07777;
-}
+constexpr int fast_bits = 1024;
 
 std::string failure_of(const std::string &folder) {
   try {

@@ -8,19 +8,17 @@
 #include "lab_fixture.h"
 #include "ocsp_client.h"
 #include "raw_http.h"
+#include "shared_crl.h"
 #include "tools/pkilab/crl_entries.h"
 
 namespace {
 
+using tool_test::ask_crl;
 using tool_test::crl_query;
 using tool_test::openssl;
 using tool_test::result;
 using tool_test::strings;
 using tool_test::the_lab;
-
-crl_query ask(const std::string &query) {
-  return crl_query(the_lab().lab.port(), query);
-}
 
 // Reads an answer without keeping it; its length with the head.
 size_t drain(int port, const std::string &path) {
@@ -43,7 +41,7 @@ long memory(pid_t pid, const std::string &name) {
 }
 
 TEST(GeneratedList, IsSortedAndAlwaysTheSame) {
-  strings serials = ask("?empty&entries=5000").serials();
+  strings serials = ask_crl("?empty&entries=5000").serials();
   ASSERT_EQ(serials.size(), 5000u);
   EXPECT_TRUE(std::is_sorted(serials.begin(), serials.end()));
   EXPECT_EQ(std::adjacent_find(serials.begin(), serials.end()), serials.end());
@@ -55,7 +53,7 @@ TEST(GeneratedList, IsSortedAndAlwaysTheSame) {
 }
 
 TEST(GeneratedList, StandsInFrontOfWhatIsListed) {
-  crl_query answer = ask("?empty&entries=3&entry=FF:superseded");
+  crl_query answer = ask_crl("?empty&entries=3&entry=FF:superseded");
   EXPECT_EQ(answer.serials(), (strings{pkilab::generated_serial(0), pkilab::generated_serial(1),
                                        pkilab::generated_serial(2), "FF"}));
   EXPECT_EQ(answer.reason_at(2), -1);
@@ -63,7 +61,7 @@ TEST(GeneratedList, StandsInFrontOfWhatIsListed) {
 }
 
 TEST(GeneratedList, CanHaveAReasonInEach) {
-  crl_query answer = ask("?empty&entries=3&reason-in-each&entry=FF");
+  crl_query answer = ask_crl("?empty&entries=3&reason-in-each&entry=FF");
   EXPECT_EQ(answer.reason_at(0), CRL_REASON_KEY_COMPROMISE);
   EXPECT_EQ(answer.reason_at(2), CRL_REASON_KEY_COMPROMISE);
   EXPECT_EQ(answer.reason_at(3), -1);
@@ -72,7 +70,7 @@ TEST(GeneratedList, CanHaveAReasonInEach) {
 TEST(GeneratedList, ItsPiecesJoinAtEveryLength) {
   // Around the ends of the pieces that are sent at once.
   for (int count : {0, 1, 1679, 1680, 1681, 3360, 3361}) {
-    crl_query answer = ask("?empty&entries=" + std::to_string(count));
+    crl_query answer = ask_crl("?empty&entries=" + std::to_string(count));
     ASSERT_TRUE(answer.crl()) << count;
     EXPECT_TRUE(answer.is_signed_by(the_lab().lab.keys().issuing().key.get())) << count;
     EXPECT_EQ(answer.serials().size(), static_cast<size_t>(count));
@@ -82,7 +80,7 @@ TEST(GeneratedList, ItsPiecesJoinAtEveryLength) {
 TEST(GeneratedList, OfAHundredThousandIsVerifiedByOpenssl) {
   tool_test::folder home;
   for (const char *query : {"?entries=100000", "?entries=100000&reason-in-each&no-length"}) {
-    std::string file = home.write("list.der", ask(query).body());
+    std::string file = home.write("list.der", ask_crl(query).body());
     result done = openssl({"crl", "-inform", "DER", "-in", file, "-noout", "-verify", "-CAfile",
                            the_lab().file("issuing-cert.pem")});
     EXPECT_EQ(done.exit_code, 0);

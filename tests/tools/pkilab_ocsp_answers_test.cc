@@ -10,12 +10,9 @@
 
 namespace {
 
+using tool_test::keys;
 using tool_test::ocsp_query;
 using tool_test::the_lab;
-
-const pkilab::ca &keys() {
-  return the_lab().lab.keys();
-}
 
 X509 *issuer() {
   return keys().issuing().cert.get();
@@ -27,7 +24,7 @@ X509 *cert() {
   return issued.get();
 }
 
-ocsp_query ask(const std::string &query = "") {
+ocsp_query ask_ocsp(const std::string &query = "") {
   return ocsp_query(the_lab().lab.port(), cert(), issuer(), query);
 }
 
@@ -56,7 +53,7 @@ bool has_extension(X509 *of, int nid) {
 }
 
 TEST(OcspAnswer, IsTheIssuersAndHoldsItsCertificateWithoutOptions) {
-  ocsp_query answer = ask();
+  ocsp_query answer = ask_ocsp();
   ASSERT_TRUE(answer.basic());
   EXPECT_EQ(answer.response_status(), 0);
   EXPECT_TRUE(answer.is_signed_by(issuer()));
@@ -71,10 +68,10 @@ TEST(OcspAnswer, IsTheIssuersAndHoldsItsCertificateWithoutOptions) {
 }
 
 TEST(OcspAnswer, StatusCanBeForced) {
-  EXPECT_EQ(ask("?status=good").find().status, V_OCSP_CERTSTATUS_GOOD);
-  EXPECT_EQ(ask("?status=revoked").find().status, V_OCSP_CERTSTATUS_REVOKED);
-  EXPECT_EQ(ask("?status=unknown").find().status, V_OCSP_CERTSTATUS_UNKNOWN);
-  EXPECT_EQ(ask("?status=revoked").find().reason, OCSP_REVOKED_STATUS_NOSTATUS);
+  EXPECT_EQ(ask_ocsp("?status=good").find().status, V_OCSP_CERTSTATUS_GOOD);
+  EXPECT_EQ(ask_ocsp("?status=revoked").find().status, V_OCSP_CERTSTATUS_REVOKED);
+  EXPECT_EQ(ask_ocsp("?status=unknown").find().status, V_OCSP_CERTSTATUS_UNKNOWN);
+  EXPECT_EQ(ask_ocsp("?status=revoked").find().reason, OCSP_REVOKED_STATUS_NOSTATUS);
 }
 
 TEST(OcspAnswer, ForcedStatusHidesARevocation) {
@@ -89,7 +86,7 @@ TEST(OcspAnswer, ForcedStatusHidesARevocation) {
 }
 
 TEST(OcspAnswer, SecondAnswerStandsBehindTheFirst) {
-  ocsp_query answer = ask("?second=revoked");
+  ocsp_query answer = ask_ocsp("?second=revoked");
   ASSERT_EQ(OCSP_resp_count(answer.basic()), 2);
   int reason = 0;
   EXPECT_EQ(OCSP_single_get0_status(OCSP_resp_get0(answer.basic(), 0), &reason, nullptr, nullptr,
@@ -102,32 +99,33 @@ TEST(OcspAnswer, SecondAnswerStandsBehindTheFirst) {
 
 TEST(OcspAnswer, ResponseStatusIsAnyNumber) {
   for (int status : {1, 2, 3, 4, 5, 6, 7, 100, 1000000}) {
-    ocsp_query answer = ask("?response-status=" + std::to_string(status));
+    ocsp_query answer = ask_ocsp("?response-status=" + std::to_string(status));
     EXPECT_EQ(answer.response_status(), status);
     EXPECT_FALSE(answer.basic());
   }
 }
 
 TEST(OcspAnswer, ResponseStatusHasNames) {
-  EXPECT_EQ(ask("?response-status=malformedRequest").response_status(), 1);
-  EXPECT_EQ(ask("?response-status=internalError").response_status(), 2);
-  EXPECT_EQ(ask("?response-status=tryLater").response_status(), 3);
-  EXPECT_EQ(ask("?response-status=sigRequired").response_status(), 5);
-  EXPECT_EQ(ask("?response-status=unauthorized").response_status(), 6);
+  EXPECT_EQ(ask_ocsp("?response-status=malformedRequest").response_status(), 1);
+  EXPECT_EQ(ask_ocsp("?response-status=internalError").response_status(), 2);
+  EXPECT_EQ(ask_ocsp("?response-status=tryLater").response_status(), 3);
+  EXPECT_EQ(ask_ocsp("?response-status=sigRequired").response_status(), 5);
+  EXPECT_EQ(ask_ocsp("?response-status=unauthorized").response_status(), 6);
 }
 
 TEST(OcspAnswer, BytesCanBeMissingOrNoResponse) {
-  ocsp_query without = ask("?no-bytes");
+  ocsp_query without = ask_ocsp("?no-bytes");
   EXPECT_EQ(without.response_status(), 0);
   EXPECT_EQ(tool_test::body_of(without.http()), std::string("\x30\x03\x0A\x01\x00", 5));
-  ocsp_query odd = ask("?no-basic");
+  ocsp_query odd = ask_ocsp("?no-basic");
   EXPECT_EQ(odd.response_status(), 0);
   EXPECT_FALSE(odd.basic());
-  EXPECT_EQ(tool_test::body_of(ask("?no-message").http()), "these octets are no OCSP response");
+  EXPECT_EQ(tool_test::body_of(ask_ocsp("?no-message").http()),
+            "these octets are no OCSP response");
 }
 
 TEST(OcspAnswer, ResponseTypeCanBeAnother) {
-  ocsp_query answer = ask("?response-type=1.2.3.4.5");
+  ocsp_query answer = ask_ocsp("?response-type=1.2.3.4.5");
   EXPECT_EQ(answer.response_status(), 0);
   EXPECT_FALSE(answer.basic());
   EXPECT_NE(answer.http().find("\x06\x04\x2A\x03\x04\x05"), std::string::npos);
@@ -143,7 +141,7 @@ TEST(OcspAnswer, DelegatedResponderHasBothExtensionsUnlessToldOtherwise) {
                                     {"&no-eku", false, true},
                                     {"&no-nocheck", true, false},
                                     {"&no-eku&no-nocheck", false, false}}) {
-    ocsp_query answer = ask(std::string("?signer=delegated") + wanted.query);
+    ocsp_query answer = ask_ocsp(std::string("?signer=delegated") + wanted.query);
     X509 *signer = answer.carried_cert();
     EXPECT_EQ(has_extension(signer, NID_ext_key_usage), wanted.usage) << wanted.query;
     EXPECT_EQ(has_extension(signer, NID_id_pkix_OCSP_noCheck), wanted.no_check) << wanted.query;
@@ -153,43 +151,44 @@ TEST(OcspAnswer, DelegatedResponderHasBothExtensionsUnlessToldOtherwise) {
 }
 
 TEST(OcspAnswer, DelegatedResponderIsTheSameEachTime) {
-  EXPECT_EQ(X509_cmp(ask("?signer=delegated").carried_cert(),
-                     ask("?signer=delegated&id=key").carried_cert()),
+  EXPECT_EQ(X509_cmp(ask_ocsp("?signer=delegated").carried_cert(),
+                     ask_ocsp("?signer=delegated&id=key").carried_cert()),
             0);
 }
 
 TEST(OcspAnswer, DelegatedRespondersOfTwoKindsShareNeitherNameNorKey) {
-  ocsp_query one = ask("?signer=delegated");
-  ocsp_query other = ask("?signer=delegated&no-eku");
+  ocsp_query one = ask_ocsp("?signer=delegated");
+  ocsp_query other = ask_ocsp("?signer=delegated&no-eku");
   EXPECT_NE(name_of(one.carried_cert()), name_of(other.carried_cert()));
   EXPECT_FALSE(one.is_signed_by(other.carried_cert()));
 }
 
 TEST(OcspAnswer, DelegatedResponderIsUsedAgainByTheNextLab) {
-  ocsp_query before = ask("?signer=delegated");
+  ocsp_query before = ask_ocsp("?signer=delegated");
   tool_test::lab_process next(the_lab().file(""));
   ocsp_query after(next.port(), cert(), issuer(), "?signer=delegated");
   EXPECT_EQ(X509_cmp(before.carried_cert(), after.carried_cert()), 0);
 }
 
 TEST(OcspAnswer, DelegatedResponderCanNameAResponderOfItsOwn) {
-  ocsp_query answer = ask("?signer=delegated&no-nocheck&signer-aia=status%3Drevoked%26id%3Dkey");
+  ocsp_query answer =
+      ask_ocsp("?signer=delegated&no-nocheck&signer-aia=status%3Drevoked%26id%3Dkey");
   STACK_OF(OPENSSL_STRING) *urls = X509_get1_ocsp(answer.carried_cert());
   ASSERT_EQ(sk_OPENSSL_STRING_num(urls), 1);
   EXPECT_EQ(sk_OPENSSL_STRING_value(urls, 0), the_lab().lab.url("/ocsp?status=revoked&id=key"));
   X509_email_free(urls);
-  EXPECT_FALSE(has_extension(ask("?signer=delegated").carried_cert(), NID_info_access));
+  EXPECT_FALSE(has_extension(ask_ocsp("?signer=delegated").carried_cert(), NID_info_access));
 }
 
 TEST(OcspAnswer, DelegatedResponderCanBeOutOfItsTime) {
-  ocsp_query expired = ask("?signer=delegated&expired");
+  ocsp_query expired = ask_ocsp("?signer=delegated&expired");
   EXPECT_LT(X509_cmp_current_time(X509_get0_notAfter(expired.carried_cert())), 0);
-  ocsp_query early = ask("?signer=delegated&not-yet-valid");
+  ocsp_query early = ask_ocsp("?signer=delegated&not-yet-valid");
   EXPECT_GT(X509_cmp_current_time(X509_get0_notBefore(early.carried_cert())), 0);
 }
 
 TEST(OcspAnswer, DelegatedResponderCanBeRevoked) {
-  ocsp_query answer = ask("?signer=delegated&no-nocheck");
+  ocsp_query answer = ask_ocsp("?signer=delegated&no-nocheck");
   const ASN1_INTEGER *serial = X509_get0_serialNumber(answer.carried_cert());
   int port = the_lab().lab.port();
   EXPECT_EQ(ocsp_query(port, answer.carried_cert(), issuer()).find().status,
@@ -202,14 +201,14 @@ TEST(OcspAnswer, DelegatedResponderCanBeRevoked) {
 }
 
 TEST(OcspAnswer, OtherCaSignsWithAResponderThatTheIssuerDoesNotKnow) {
-  ocsp_query answer = ask("?signer=other-ca");
+  ocsp_query answer = ask_ocsp("?signer=other-ca");
   EXPECT_TRUE(answer.is_signed_by(answer.carried_cert()));
   EXPECT_EQ(X509_verify(answer.carried_cert(), keys().root().key.get()), 1);
   EXPECT_TRUE(has_extension(answer.carried_cert(), NID_ext_key_usage));
 }
 
 TEST(OcspAnswer, StrangerIsSelfSigned) {
-  ocsp_query answer = ask("?signer=stranger");
+  ocsp_query answer = ask_ocsp("?signer=stranger");
   X509 *stranger = answer.carried_cert();
   EXPECT_TRUE(answer.is_signed_by(stranger));
   EXPECT_EQ(X509_verify(stranger, X509_get0_pubkey(stranger)), 1);
@@ -228,16 +227,16 @@ TEST(OcspAnswer, MisbehaviourWrongKeyIsTheStranger) {
 }
 
 TEST(OcspAnswer, ImpostorHasTheIssuersNameAndAnotherKey) {
-  ocsp_query answer = ask("?signer=impostor");
+  ocsp_query answer = ask_ocsp("?signer=impostor");
   EXPECT_EQ(name_of(answer.carried_cert()), name_of(issuer()));
   EXPECT_TRUE(answer.is_signed_by(answer.carried_cert()));
   EXPECT_FALSE(answer.is_signed_by(issuer()));
 }
 
 TEST(OcspAnswer, SignersCertificateCanBeLeftOut) {
-  EXPECT_FALSE(ask("?no-cert").carried_cert());
-  EXPECT_FALSE(ask("?signer=delegated&no-cert").carried_cert());
-  EXPECT_TRUE(ask("?no-cert").is_signed_by(issuer()));
+  EXPECT_FALSE(ask_ocsp("?no-cert").carried_cert());
+  EXPECT_FALSE(ask_ocsp("?signer=delegated&no-cert").carried_cert());
+  EXPECT_TRUE(ask_ocsp("?no-cert").is_signed_by(issuer()));
 }
 
 TEST(OcspAnswer, ResponderIdIsANameOrAKeyHash) {
@@ -247,16 +246,16 @@ TEST(OcspAnswer, ResponderIdIsANameOrAKeyHash) {
     OCSP_resp_get0_id(answer.basic(), &key, &name);
     return key ? std::to_string(ASN1_STRING_length(key)) + " octets" : tools::name_text(name);
   };
-  EXPECT_EQ(id_name(ask()), "CN=pkilab issuing CA, O=pkilab");
-  EXPECT_EQ(id_name(ask("?id=key")), "20 octets");
-  ocsp_query odd = ask("?id=other-name");
+  EXPECT_EQ(id_name(ask_ocsp()), "CN=pkilab issuing CA, O=pkilab");
+  EXPECT_EQ(id_name(ask_ocsp("?id=key")), "20 octets");
+  ocsp_query odd = ask_ocsp("?id=other-name");
   EXPECT_EQ(id_name(odd), "CN=nobody");
   EXPECT_TRUE(odd.is_signed_by(issuer()));
   EXPECT_EQ(X509_cmp(odd.carried_cert(), issuer()), 0);
 }
 
 TEST(OcspAnswer, DigestOfTheSignatureCanBeChosen) {
-  ocsp_query answer = ask("?digest=SHA1");
+  ocsp_query answer = ask_ocsp("?digest=SHA1");
   EXPECT_TRUE(answer.is_signed_by(issuer()));
   const ASN1_OBJECT *algorithm = nullptr;
   X509_ALGOR_get0(&algorithm, nullptr, nullptr, OCSP_resp_get0_tbs_sigalg(answer.basic()));
@@ -264,47 +263,47 @@ TEST(OcspAnswer, DigestOfTheSignatureCanBeChosen) {
 }
 
 TEST(OcspAnswer, DamagedSignatureFitsNobody) {
-  EXPECT_FALSE(ask("?damaged-signature").is_signed_by(issuer()));
+  EXPECT_FALSE(ask_ocsp("?damaged-signature").is_signed_by(issuer()));
 }
 
 TEST(OcspAnswer, NonceCanBeWrongOrMissing) {
-  EXPECT_EQ(ask("?nonce=mirror").nonce_check(), 1);
-  EXPECT_EQ(ask("?nonce=wrong").nonce_check(), 0);
-  EXPECT_EQ(ask("?nonce=none").nonce_check(), -1);
+  EXPECT_EQ(ask_ocsp("?nonce=mirror").nonce_check(), 1);
+  EXPECT_EQ(ask_ocsp("?nonce=wrong").nonce_check(), 0);
+  EXPECT_EQ(ask_ocsp("?nonce=none").nonce_check(), -1);
 }
 
 TEST(OcspAnswer, CertificateIdCanBeWrong) {
   for (const char *query : {"?cert-id=other-serial", "?cert-id=other-issuer", "?cert-id=sha256"}) {
-    ocsp_query answer = ask(query);
+    ocsp_query answer = ask_ocsp(query);
     EXPECT_FALSE(answer.find().found) << query;
     EXPECT_EQ(OCSP_resp_count(answer.basic()), 1) << query;
   }
-  EXPECT_TRUE(ask("?cert-id=asked").find().found);
+  EXPECT_TRUE(ask_ocsp("?cert-id=asked").find().found);
 }
 
 TEST(OcspAnswer, CanHoldNoSingleResponse) {
-  ocsp_query answer = ask("?no-answers");
+  ocsp_query answer = ask_ocsp("?no-answers");
   ASSERT_TRUE(answer.basic());
   EXPECT_EQ(OCSP_resp_count(answer.basic()), 0);
   EXPECT_TRUE(answer.is_signed_by(issuer()));
 }
 
 TEST(OcspAnswer, RightSingleResponseCanStandBehindThousandsOfOthers) {
-  ocsp_query answer = ask("?others=5000&status=revoked");
+  ocsp_query answer = ask_ocsp("?others=5000&status=revoked");
   EXPECT_EQ(OCSP_resp_count(answer.basic()), 5001);
   EXPECT_EQ(answer.find().status, V_OCSP_CERTSTATUS_REVOKED);
   EXPECT_TRUE(answer.is_signed_by(issuer()));
 }
 
 TEST(OcspAnswer, TimesCanBeShifted) {
-  ocsp_query answer = ask("?produced-at=301&this-update=-43286400&next-update=-360");
+  ocsp_query answer = ask_ocsp("?produced-at=301&this-update=-43286400&next-update=-360");
   expect_time(produced_at(answer), 301);
   expect_time(answer.find().this_update, -43286400);
   expect_time(answer.find().next_update, -360);
 }
 
 TEST(OcspAnswer, TimesCanBeAnyText) {
-  ocsp_query answer = ask("?produced-at=never&this-update=20260229000000Z&next-update=");
+  ocsp_query answer = ask_ocsp("?produced-at=never&this-update=20260229000000Z&next-update=");
   EXPECT_EQ(produced_at(answer), "never");
   EXPECT_EQ(answer.find().this_update, "20260229000000Z");
   EXPECT_EQ(answer.find().next_update, "");
@@ -312,7 +311,7 @@ TEST(OcspAnswer, TimesCanBeAnyText) {
 }
 
 TEST(OcspAnswer, NextUpdateCanBeLeftOut) {
-  ocsp_query answer = ask("?no-next-update");
+  ocsp_query answer = ask_ocsp("?no-next-update");
   ASN1_GENERALIZEDTIME *next_update = nullptr;
   OCSP_single_get0_status(OCSP_resp_get0(answer.basic(), 0), nullptr, nullptr, nullptr,
                           &next_update);

@@ -29,6 +29,12 @@ class library_failure : public failure {
   int code_;
 };
 
+// What OpenSSL and the library say when memory ran out.
+inline void require_memory(bool had) {
+  if (!had)
+    throw failure("out of memory");
+}
+
 }  // namespace tools
 
 #endif

@@ -18,6 +18,15 @@ class help_formatter : public CLI::Formatter {
                     make_option_desc(option));
   }
 
+  std::string make_option_opts(const CLI::Option *option) const override {
+    const std::string needs = " Needs: ";
+    std::string text = CLI::Formatter::make_option_opts(option);
+    size_t at = text.find(needs);
+    return at == std::string::npos
+               ? text
+               : text.substr(0, at) + " (with " + text.substr(at + needs.size()) + ")";
+  }
+
   std::string make_subcommand(const CLI::App *command) const override {
     return help_row(command->get_display_name(true), command->get_description());
   }

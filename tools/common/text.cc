@@ -117,4 +117,8 @@ std::string trim(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(blanks) - first + 1));
 }
 
+std::string behind_colon(const std::string &text) {
+  return text.empty() ? "" : ": " + text;
+}
+
 }  // namespace tools

@@ -26,6 +26,9 @@ std::string percent_decode(std::string_view text);
 // Without white space at both ends.
 std::string trim(std::string_view text);
 
+// ": text", as what is known of a reason stands at the end of a message; "" for nothing.
+std::string behind_colon(const std::string &text);
+
 }  // namespace tools
 
 #endif

@@ -13,12 +13,12 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct ca_options {
   std::string label;
   std::string state;
 };
 
-int list(const context &where, const options &given) {
+int list(const context &where, const ca_options &given) {
   state_folder state = state_folder::to_read(given.state, "provision");
   saved_state kept = state.load();
   start_library();
@@ -48,7 +48,7 @@ void require_ca(const saved_state &kept, const std::string &label, const state_f
                          state.command("ca list"));
 }
 
-int remove(const context &where, const options &given) {
+int remove(const context &where, const ca_options &given) {
   state_folder state(given.state);
   const saved_state before = state.load();
   require_ca(before, given.label, state);  // without one nothing is written, not even a lock
@@ -64,8 +64,8 @@ int remove(const context &where, const options &given) {
 }
 
 CLI::App *add_command(CLI::App *ca, const char *name, const char *help,
-                      int (*run)(const context &, const options &), action *chosen,
-                      const std::shared_ptr<options> &given) {
+                      int (*run)(const context &, const ca_options &), action *chosen,
+                      const std::shared_ptr<ca_options> &given) {
   CLI::App *command = ca->add_subcommand(name, help);
   add_state_option(command, &given->state);
   command->callback([=] { *chosen = [=](const context &where) { return run(where, *given); }; });
@@ -79,10 +79,10 @@ void add_ca_command(CLI::App &app, action *chosen) {
   ca->require_subcommand(1);
   ca->fallthrough();
   CLI::App *command =
-      add_command(ca, "list", "Print the CAs", list, chosen, std::make_shared<options>());
+      add_command(ca, "list", "Print the CAs", list, chosen, std::make_shared<ca_options>());
   command->footer(std::string("By --json each CA is printed as 'pkictl provision' prints it.\n\n") +
                   state_footer + common_footer);
-  auto removed = std::make_shared<options>();
+  auto removed = std::make_shared<ca_options>();
   command = add_command(ca, "remove", "Remove a CA, with its roots, certificates and rules", remove,
                         chosen, removed);
   command->add_option("LABEL", removed->label, "The CA's label")->required();

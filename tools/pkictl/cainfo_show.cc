@@ -18,7 +18,7 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct cainfo_show_options {
   std::string file;
   std::string doc_key;
 };
@@ -28,7 +28,7 @@ struct opened_document {
   std::string signature;  // "good", "not checked" or "none"
 };
 
-opened_document open_document(const options &given) {
+opened_document open_document(const cainfo_show_options &given) {
   std::string bytes = tools::read_file(given.file);
   opened_document opened;
   if (given.doc_key.empty()) {
@@ -51,7 +51,7 @@ std::string signature_line(const std::string &signature) {
   return "Signature: NOT CHECKED, so anybody may have written this; give --doc-key\n\n";
 }
 
-tools::read_ca_info read_content(const options &given, const opened_document &opened) {
+tools::read_ca_info read_content(const cainfo_show_options &given, const opened_document &opened) {
   last_complaint heard;
   tools::read_ca_info read = tools::read_document(opened.xml);
   if (read.code != 0)
@@ -61,7 +61,7 @@ tools::read_ca_info read_content(const options &given, const opened_document &op
   return read;
 }
 
-int show(const context &where, const options &given) {
+int show(const context &where, const cainfo_show_options &given) {
   start_library();
   opened_document opened = open_document(given);
   tools::read_ca_info read = read_content(given, opened);
@@ -80,7 +80,7 @@ int show(const context &where, const options &given) {
 }  // namespace
 
 void add_cainfo_show_command(CLI::App &cainfo, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<cainfo_show_options>();
   CLI::App *command = cainfo.add_subcommand("show", "Print the CA that a document describes");
   command->add_option("FILE", given->file, "The signed document (DER), or its XML")->required();
   command->add_option("--doc-key", given->doc_key,

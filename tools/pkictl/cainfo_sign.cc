@@ -21,7 +21,7 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct cainfo_sign_options {
   std::string document;
   std::string key;
   std::string out;
@@ -37,7 +37,7 @@ const char *const expires_note =
     "note: moved Expires to the end, because devices stop reading a document at its expiry and"
     " refuse one that has elements behind it";
 
-bool is_built_from_options(const options &given) {
+bool is_built_from_options(const cainfo_sign_options &given) {
   const tools::ca_description &ca = given.ca;
   for (const std::string *text :
        {&ca.issuer_name, &ca.expires, &ca.scep_url, &ca.digest, &ca.cipher, &ca.scep_get_cert_url,
@@ -47,7 +47,7 @@ bool is_built_from_options(const options &given) {
   return !given.roots.empty() || !given.additional_certs.empty();
 }
 
-void check_usage(const options &given) {
+void check_usage(const cainfo_sign_options &given) {
   bool built = is_built_from_options(given);
   if (!given.document.empty() && built)
     throw tools::usage_failure("give either DOC.xml or options that describe the CA, not both");
@@ -94,7 +94,7 @@ std::vector<std::string> load_all(const std::vector<std::string> &paths) {
   return certs;
 }
 
-std::string build_document(const options &given) {
+std::string build_document(const cainfo_sign_options &given) {
   tools::ca_description ca = given.ca;
   ca.expires = http_date(ca.expires);
   if (!given.scep_cert.empty()) {
@@ -107,7 +107,7 @@ std::string build_document(const options &given) {
   return tools::to_xml(ca);
 }
 
-tools::prepared_document make_document(const options &given) {
+tools::prepared_document make_document(const cainfo_sign_options &given) {
   if (given.document.empty())
     return {build_document(given), false};
   return tools::prepare_document(tools::read_file(given.document), given.document);
@@ -115,7 +115,7 @@ tools::prepared_document make_document(const options &given) {
 
 // A document with methods that never work is signed only by somebody who insists. Returns what is
 // to be noted.
-std::vector<std::string> check_use(const options &given, const ca_info &ca) {
+std::vector<std::string> check_use(const cainfo_sign_options &given, const ca_info &ca) {
   ca_info_use use = judge_use(ca);
   if (!use.faults.empty() && !given.despite_faults)
     throw tools::failure(use.faults[0] + "; --despite-faults signs it anyway");
@@ -125,7 +125,7 @@ std::vector<std::string> check_use(const options &given, const ca_info &ca) {
 }
 
 // So is one that every device refuses.
-std::vector<std::string> check_content(const context &where, const options &given,
+std::vector<std::string> check_content(const context &where, const cainfo_sign_options &given,
                                        const std::string &xml) {
   std::string heard;
   tools::read_ca_info read = read_and_tell_ignored(where, xml, &heard);
@@ -138,7 +138,7 @@ std::vector<std::string> check_content(const context &where, const options &give
   return {text};
 }
 
-int sign(const context &where, const options &given) {
+int sign(const context &where, const cainfo_sign_options &given) {
   check_usage(given);
   tools::require_free(given.out, given.force);
   tools::key_ptr key = tools::load_private_key(given.key);
@@ -162,7 +162,7 @@ int sign(const context &where, const options &given) {
   return tools::exit_done;
 }
 
-void add_description_options(CLI::App *command, options *given) {
+void add_description_options(CLI::App *command, cainfo_sign_options *given) {
   const char *group = "The CA, where no DOC.xml describes it";
   auto text = [&](const char *name, std::string *value, const char *help) {
     command->add_option(name, *value, help)->group(group);
@@ -186,7 +186,7 @@ void add_description_options(CLI::App *command, options *given) {
 }  // namespace
 
 void add_cainfo_sign_command(CLI::App &cainfo, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<cainfo_sign_options>();
   CLI::App *command = cainfo.add_subcommand("sign", "Sign a CA-info document");
   command->add_option("DOC.xml", given->document,
                       "The document; " DOCUMENT_FOLDER "/ca-info.md has its grammar");
@@ -200,14 +200,11 @@ void add_cainfo_sign_command(CLI::App &cainfo, action *chosen) {
       std::string("Examples:\n"
                   "  pkictl cainfo sign ca-info.xml --key doc-key.pem --out ca-info.p7\n"
                   "  pkictl cainfo sign --issuer-name \"CN=Example CA, O=Example\" \\\n"
-                  "    --scep-url http://ca.example/scep --scep-cert ca.pem --root ca.pem"
-                  " \\\n"
+                  "    --scep-url http://ca.example/scep --scep-cert ca.pem --root ca.pem \\\n"
                   "    --key doc-key.pem --out ca-info.p7\n\n"
-                  "Keys and certificates are PEM or DER files; a key must not be "
-                  "encrypted. Expires is always\n"
-                  "written as the last element: its date ends a device's reading, so a "
-                  "document with elements\n"
-                  "behind it is refused with 37.\n\n") +
+                  "Keys and certificates are PEM or DER files; a key must not be encrypted.\n"
+                  "Expires is always written as the last element: its date ends a device's\n"
+                  "reading, so a document with elements behind it is refused with 37.\n\n") +
       common_footer);
   command->callback([=] { *chosen = [=](const context &where) { return sign(where, *given); }; });
 }

@@ -16,7 +16,7 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct cainfo_verify_options {
   std::string file;
   std::string doc_key;
 };
@@ -44,7 +44,7 @@ verdict judge(const context &where, const std::string &file, const std::string &
   return {"", 0, true, ""};
 }
 
-json verdict_json(const options &given, const verdict &found) {
+json verdict_json(const cainfo_verify_options &given, const verdict &found) {
   json value = {{"file", given.file},
                 {"valid", found.code == 0},
                 {"signature", found.signature_good ? "good" : "bad"},
@@ -56,7 +56,7 @@ json verdict_json(const options &given, const verdict &found) {
   return value;
 }
 
-int verify(const context &where, const options &given) {
+int verify(const context &where, const cainfo_verify_options &given) {
   tools::key_ptr key = tools::load_public_key(given.doc_key);
   std::string message = tools::read_file(given.file);
   start_library();
@@ -75,7 +75,7 @@ int verify(const context &where, const options &given) {
 }  // namespace
 
 void add_cainfo_verify_command(CLI::App &cainfo, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<cainfo_verify_options>();
   CLI::App *command =
       cainfo.add_subcommand("verify", "Check the signature and the content of a document");
   command->add_option("FILE", given->file, "The signed document (DER)")->required();

@@ -11,13 +11,13 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct cert_export_options {
   export_options to;
   std::string key;
   std::string cert;
 };
 
-int export_cert(const context &where, const options &given) {
+int export_cert(const context &where, const cert_export_options &given) {
   state_folder state = state_folder::to_read(given.to.state, "enroll");
   saved_state kept = state.load();
   X509 *cert = state.cert_in(&kept, given.key, given.cert);
@@ -29,7 +29,7 @@ int export_cert(const context &where, const options &given) {
 }  // namespace
 
 void add_cert_export_command(CLI::App &cert, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<cert_export_options>();
   CLI::App *command = cert.add_subcommand("export", "Print a kept certificate as PEM");
   command->add_option("KEY", given->key, "The label of its key")->required();
   command->add_option("CERT", given->cert, "Its own label")->required();

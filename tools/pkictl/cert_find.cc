@@ -25,7 +25,7 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct cert_find_options {
   std::string serial;
   std::string issuer;
   std::string ca = "ca";
@@ -74,7 +74,7 @@ void read_issuer(const std::string &text, X509_NAME **name) {
                                  failure_text("cannot read --issuer " + text, code, heard.text()));
 }
 
-cert_info_ptr make_query(const options &given, X509 *ca_cert) {
+cert_info_ptr make_query(const cert_find_options &given, X509 *ca_cert) {
   cert_info_ptr query(alloc_cert_info());
   if (!query)
     throw tools::failure("out of memory");
@@ -107,7 +107,7 @@ bool is_what_was_asked_for(const cert_info &query) {
   throw tools::library_failure(code, failure_text(what, code, heard.text()));
 }
 
-int find(const context &where, const options &given) {
+int find(const context &where, const cert_find_options &given) {
   if (!given.to.out.empty())
     tools::require_free(given.to.out, given.to.force);
   state_folder state = state_folder::to_read(given.to.state, "provision");
@@ -137,7 +137,7 @@ void add_cert_command(CLI::App &app, action *chosen) {
   CLI::App *cert = app.add_subcommand("cert", "Look certificates up and export them");
   cert->require_subcommand(1);
   cert->fallthrough();
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<cert_find_options>();
   CLI::App *command =
       cert->add_subcommand("find", "Fetch an issued certificate from its CA by SCEP GetCert");
   command

@@ -18,7 +18,7 @@ namespace pkictl {
 
 namespace {
 
-struct options : crl_options {
+struct crl_find_options : crl_options {
   std::string serial;
   std::string cert;
 };
@@ -42,7 +42,7 @@ void require_same_issuer(const scanned_crl &scanned, const X509 *cert) {
                          "; give the CRL of the certificate's issuer");
 }
 
-int find(const context &where, const options &given) {
+int find(const context &where, const crl_find_options &given) {
   if (given.cert.empty() == given.serial.empty())
     throw tools::usage_failure("give either --serial or --cert");
   tools::cert_ptr cert;
@@ -76,15 +76,16 @@ constexpr const char *find_footer =
     "Examples:\n"
     "  pkictl crl find ca.crl --cert server.pem\n"
     "  pkictl crl find http://crl.example.com/ca.crl --serial 10C4 --issuer ca.pem\n\n"
-    "The list is read as it comes and never held in memory. This looks into one CRL and judges\n"
-    "nothing: whether a certificate is to be accepted is for 'pkictl verify' to say.\n\n"
+    "The list is read as it comes and never held in memory. This looks into one CRL\n"
+    "and judges nothing: whether a certificate is to be accepted is for 'pkictl\n"
+    "verify' to say.\n\n"
     "-v shows the library's log lines on stderr; --json prints JSON.\n"
     "Exit codes: 0 not listed, 1 listed, 2 wrong usage or a CRL that cannot be used.";
 
 }  // namespace
 
 void add_crl_find_command(CLI::App &crl, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<crl_find_options>();
   CLI::App *command = crl.add_subcommand("find", "Say whether a CRL lists a certificate");
   add_crl_options(command, given.get());
   command

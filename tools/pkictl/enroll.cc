@@ -27,7 +27,7 @@ namespace {
 constexpr int unlimited = -1;
 constexpr unsigned longest_timeout_s = 10u * 365 * 24 * 60 * 60;
 
-struct options {
+struct enroll_options {
   std::string ca = "ca";
   std::string key;
   std::string cert = "cert";
@@ -61,7 +61,7 @@ std::string advice(int code, const last_complaint &heard) {
   }
 }
 
-std::string pending_text(const options &given, const give_up_watch &watch) {
+std::string pending_text(const enroll_options &given, const give_up_watch &watch) {
   std::string text = "still pending: the CA has not issued the certificate yet";
   if (watch.interrupted())
     text += ", and the enrollment was interrupted";
@@ -73,7 +73,7 @@ std::string pending_text(const options &given, const give_up_watch &watch) {
   return text + "; enroll again to go on";
 }
 
-[[noreturn]] void fail(const options &given, int code, const give_up_watch &watch,
+[[noreturn]] void fail(const enroll_options &given, int code, const give_up_watch &watch,
                        const last_complaint &heard) {
   if (code == PKI_NO_SUCH_CERT)
     throw scep_failure(code, pending_text(given, watch), "pending");
@@ -90,7 +90,7 @@ std::string pending_text(const options &given, const give_up_watch &watch) {
       code, told.empty() ? failure_text(what, code, heard.text()) : with_code + told);
 }
 
-void request_certificate(const options &given) {
+void request_certificate(const enroll_options &given) {
   if (given.polls > 0)
     scep_limit_polls(static_cast<unsigned>(given.polls));
   if (given.polls == 0)
@@ -111,14 +111,14 @@ X509 *newest_cert(const key_info *key) {
   return static_cast<const cert_info *>(last)->cert;
 }
 
-void require_room(const options &given, const saved_key &key) {
+void require_room(const enroll_options &given, const saved_key &key) {
   if (key.certs.count(given.cert) != 0 && !given.replace)
     throw tools::failure("the key " + given.key + " has a certificate " + given.cert +
                          " already; take another --cert, or --replace it");
 }
 
 // The key may have been removed, or another one made, while the CA thought.
-void keep(const state_folder &state, const options &given, X509 *issued) {
+void keep(const state_folder &state, const enroll_options &given, X509 *issued) {
   state.update([&](saved_state *kept) {
     saved_key &key = state.key_in(kept, given.key);
     if (EVP_PKEY_eq(X509_get0_pubkey(issued), key.pair.get()) != 1)
@@ -131,7 +131,7 @@ void keep(const state_folder &state, const options &given, X509 *issued) {
 }
 
 // Whoever cannot keep what was issued still finds it at the CA.
-void keep_or_say_where_it_is(const state_folder &state, const options &given, X509 *issued) {
+void keep_or_say_where_it_is(const state_folder &state, const enroll_options &given, X509 *issued) {
   try {
     keep(state, given, issued);
   } catch (const tools::failure &error) {
@@ -140,7 +140,7 @@ void keep_or_say_where_it_is(const state_folder &state, const options &given, X5
   }
 }
 
-int enroll(const context &where, const options &given) {
+int enroll(const context &where, const enroll_options &given) {
   check_label("the CA", given.ca);
   check_label("the key", given.key);
   check_label("the certificate", given.cert);
@@ -169,7 +169,7 @@ int enroll(const context &where, const options &given) {
   return 0;
 }
 
-void add_limits(CLI::App *command, options *given) {
+void add_limits(CLI::App *command, enroll_options *given) {
   command
       ->add_option(
           "--polls", given->polls,
@@ -188,7 +188,7 @@ void add_limits(CLI::App *command, options *given) {
 }  // namespace
 
 void add_enroll_command(CLI::App &app, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<enroll_options>();
   CLI::App *command =
       app.add_subcommand("enroll", "Get a certificate for a key from a provisioned CA by SCEP");
   command->add_option("--key", given->key, "The key's label")->required();

@@ -22,7 +22,7 @@ constexpr int lowest_bits_for_tls = 2048;  // at the security level that systems
 constexpr int lowest_bits = 512;
 constexpr int highest_bits = 16384;
 
-struct options {
+struct key_options {
   std::string label;
   std::string state;
   int bits = default_bits;
@@ -59,7 +59,7 @@ void require_key(const saved_state &kept, const std::string &label, const state_
                          state.command("key list"));
 }
 
-saved_key make_key(const options &given) {
+saved_key make_key(const key_options &given) {
   start_library();
   require_ok("cannot make the key " + given.label,
              pki_generate_key_pair(given.label.c_str(), "RSA", given.bits));
@@ -71,7 +71,7 @@ saved_key make_key(const options &given) {
   return key;
 }
 
-int generate(const context &where, const options &given) {
+int generate(const context &where, const key_options &given) {
   check_label("the key", given.label);
   state_folder state(given.state);
   require_no_key(state.load(), given.label, state);
@@ -92,7 +92,7 @@ int generate(const context &where, const options &given) {
   return 0;
 }
 
-int list(const context &where, const options &given) {
+int list(const context &where, const key_options &given) {
   state_folder state = state_folder::to_read(given.state, "key generate");
   saved_state kept = state.load();
   json keys = json::array();
@@ -109,7 +109,7 @@ int list(const context &where, const options &given) {
   return 0;
 }
 
-int remove(const context &where, const options &given) {
+int remove(const context &where, const key_options &given) {
   state_folder state(given.state);
   const saved_state before = state.load();
   require_key(before, given.label, state);  // without one nothing is written, not even a lock
@@ -128,8 +128,8 @@ int remove(const context &where, const options &given) {
 }
 
 CLI::App *add_command(CLI::App *key, const char *name, const char *help,
-                      int (*run)(const context &, const options &), action *chosen,
-                      const std::shared_ptr<options> &given) {
+                      int (*run)(const context &, const key_options &), action *chosen,
+                      const std::shared_ptr<key_options> &given) {
   CLI::App *command = key->add_subcommand(name, help);
   add_state_option(command, &given->state);
   command->footer(std::string(state_footer) + common_footer);
@@ -143,7 +143,7 @@ void add_key_command(CLI::App &app, action *chosen) {
   CLI::App *key = app.add_subcommand("key", "Make, list, export and remove the device's keys");
   key->require_subcommand(1);
   key->fallthrough();
-  auto made = std::make_shared<options>();
+  auto made = std::make_shared<key_options>();
   CLI::App *command = add_command(key, "generate", "Make an RSA key pair", generate, chosen, made);
   command->footer(std::string("Examples:\n"
                               "  pkictl key generate device\n\n") +
@@ -154,8 +154,8 @@ void add_key_command(CLI::App &app, action *chosen) {
       ->check(CLI::Range(lowest_bits, highest_bits))
       ->capture_default_str();
   add_command(key, "list", "Print the keys and their certificates", list, chosen,
-              std::make_shared<options>());
-  auto removed = std::make_shared<options>();
+              std::make_shared<key_options>());
+  auto removed = std::make_shared<key_options>();
   command =
       add_command(key, "remove", "Remove a key with its certificates", remove, chosen, removed);
   command->add_option("LABEL", removed->label, "The key's label")->required();

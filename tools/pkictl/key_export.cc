@@ -12,13 +12,13 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct key_export_options {
   export_options to;
   std::string label;
   bool is_public = false;
 };
 
-int export_key(const context &where, const options &given) {
+int export_key(const context &where, const key_export_options &given) {
   state_folder state = state_folder::to_read(given.to.state, "key generate");
   saved_state kept = state.load();
   EVP_PKEY *pair = state.key_in(&kept, given.label).pair.get();
@@ -31,7 +31,7 @@ int export_key(const context &where, const options &given) {
 }  // namespace
 
 void add_key_export_command(CLI::App &key, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<key_export_options>();
   CLI::App *command = key.add_subcommand("export", "Print a private key as PEM, unencrypted");
   command->add_option("LABEL", given->label, "The key's label")->required();
   command->add_flag("--public", given->is_public, "Only its public half");

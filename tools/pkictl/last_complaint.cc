@@ -23,8 +23,7 @@ std::string last_complaint::text() const {
 }
 
 std::string last_complaint::behind_colon() const {
-  std::string heard = text();
-  return heard.empty() ? "" : ": " + heard;
+  return tools::behind_colon(text());
 }
 
 void last_complaint::hear(int level, const std::string &line) {

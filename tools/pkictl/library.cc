@@ -20,10 +20,6 @@ constexpr code_row code_rows[] = {
 #include "code_rows.inc"
 };
 
-std::string behind_colon(const std::string &text) {
-  return text.empty() ? "" : ": " + text;
-}
-
 // What the person at the command line can do about a code; "" where the text says it all.
 std::string hint(int code, const std::string &heard) {
   switch (code) {
@@ -38,7 +34,7 @@ std::string hint(int code, const std::string &heard) {
     case PKI_XML_STATE_STACK_OVFL:
       return "elements are nested deeper than 39";
     case PKI_XML_ATTR_NOT_FOUND:
-      return "a method lacks its url, or Digest or Cipher its alg" + behind_colon(heard);
+      return "a method lacks its url, or Digest or Cipher its alg" + tools::behind_colon(heard);
     case PKI_XML_CERT_DEC_FAILED:
       return "an X509Certificate is not the base64 DER of a certificate, in lines";
     case PKI_XML_CA_PTR_PARSE_ERROR:

@@ -25,14 +25,14 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct provision_options {
   std::string url;
   std::string doc_key;
   std::string label = "ca";
   std::string state;
 };
 
-[[noreturn]] void fail(const options &given, int code, const std::string &heard) {
+[[noreturn]] void fail(const provision_options &given, int code, const std::string &heard) {
   std::string what = "cannot provision " + given.url;
   if (code == PKI_FLASH_ERROR)
     throw tools::library_failure(code, what + ": " + code_text_and_number(code) + ": " +
@@ -44,7 +44,7 @@ struct options {
   throw tools::library_failure(code, failure_text(what, code, heard));
 }
 
-void download(const options &given, EVP_PKEY *key) {
+void download(const provision_options &given, EVP_PKEY *key) {
   last_complaint heard;
   int code = pki_add_ca(given.label.c_str(), given.url.c_str(), key);
   if (code != PKI_OK)
@@ -59,7 +59,7 @@ struct kept_document {
 };
 
 // The library does not hand the document out, so it is fetched once more to be kept.
-kept_document keep(const options &given, tools::key_ptr key) {
+kept_document keep(const provision_options &given, tools::key_ptr key) {
   if (!state_folder::is_known(given.state)) {
     tools::complain("pkictl", "note: the CA is not kept, as there is no home folder; give --state");
     return {};
@@ -79,7 +79,7 @@ kept_document keep(const options &given, tools::key_ptr key) {
   return done;
 }
 
-std::string kept_text(const options &given, const kept_document &kept) {
+std::string kept_text(const provision_options &given, const kept_document &kept) {
   if (kept.file.empty())
     return "";
   std::string text = "saved " + tools::printable(kept.file);
@@ -93,7 +93,7 @@ json text_or_null(const std::string &text) {
   return text.empty() ? json(nullptr) : json(text);
 }
 
-int provision(const context &where, const options &given) {
+int provision(const context &where, const provision_options &given) {
   require_http_url("URL", given.url);
   tools::key_ptr key = tools::load_public_key(given.doc_key);
   check_label("the CA", given.label);
@@ -120,7 +120,7 @@ int provision(const context &where, const options &given) {
 }  // namespace
 
 void add_provision_command(CLI::App &app, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<provision_options>();
   CLI::App *command = app.add_subcommand(
       "provision", "Download a CA-info document as a device does and print what is in the store");
   command->add_option("URL", given->url, "The CA-pointer URL (http)")->required();
@@ -134,13 +134,12 @@ void add_provision_command(CLI::App &app, action *chosen) {
   command->footer(
       std::string(
           "Examples:\n"
-          "  pkictl provision http://127.0.0.1:8080/ca-info --doc-key doc-key.pub.pem --label "
-          "office"
-          "\n\n"
-          "The device's serial number goes along in the query \"?serial=\". The reference board\n"
-          "library reads it from the file serialnumber in the folder that the environment\n"
-          "variable BOARD_INFO_DIR names (/etc/board by default). The document is then fetched\n"
-          "once more, and kept for enroll and cert find.\n\n") +
+          "  pkictl provision http://127.0.0.1:8080/ca-info \\\n"
+          "    --doc-key doc-key.pub.pem --label office\n\n"
+          "The device's serial number goes along in the query \"?serial=\". The reference\n"
+          "board library reads it from the file serialnumber in the folder that the\n"
+          "environment variable BOARD_INFO_DIR names (/etc/board by default). The document\n"
+          "is then fetched once more, and kept for enroll and cert find.\n\n") +
       state_footer + common_footer);
   command->callback(
       [=] { *chosen = [=](const context &where) { return provision(where, *given); }; });

@@ -18,7 +18,7 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct scep_decode_options {
   std::string file;
   std::string key;
   std::string cert;
@@ -30,7 +30,7 @@ struct verdict {
 };
 
 // Decodes every layer that can be; the first that cannot is the verdict.
-json decode(const options &given, verdict *found) {
+json decode(const scep_decode_options &given, verdict *found) {
   tools::pkcs7_ptr message = load_scep_message(given.file);
   tools::pkcs7_ptr envelope = tools::read_envelope(message.get());
   int code = PKI_OK;
@@ -63,7 +63,7 @@ std::string advice(int code, const json &envelope) {
   return owners;
 }
 
-int scep_decode(const context &where, const options &given) {
+int scep_decode(const context &where, const scep_decode_options &given) {
   if (given.key.empty() && !given.cert.empty())
     throw tools::usage_failure("--cert needs --key, the recipient's private key");
   start_library();
@@ -89,7 +89,7 @@ void add_scep_command(CLI::App &app, action *chosen) {
   CLI::App *scep = app.add_subcommand("scep", "Look into SCEP messages");
   scep->require_subcommand(1);
   scep->fallthrough();
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<scep_decode_options>();
   CLI::App *command = scep->add_subcommand("decode", "Print what a message says, layer by layer");
   command
       ->add_option("FILE", given->file,
@@ -103,11 +103,9 @@ void add_scep_command(CLI::App &app, action *chosen) {
   command->footer(
       std::string("Examples:\n"
                   "  pkictl scep decode messages/0001-PKCSReq.der --key lab/issuing-key.pem\n\n"
-                  "The signature is checked with the certificate that the message"
-                  " carries, which says nothing\n"
-                  "about who that is. Secrets in a request are not shown. 1 says that"
-                  " the signature is bad or\n"
-                  "that the envelope does not open.\n\n") +
+                  "The signature is checked with the certificate that the message carries, which\n"
+                  "says nothing about who that is. Secrets in a request are not shown. 1 says\n"
+                  "that the signature is bad or that the envelope does not open.\n\n") +
       common_footer);
   command->callback(
       [=] { *chosen = [=](const context &where) { return scep_decode(where, *given); }; });

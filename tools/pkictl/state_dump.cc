@@ -23,7 +23,7 @@ namespace {
 
 constexpr int longest_magic = 100;
 
-struct options {
+struct state_dump_options {
   std::string file;
   std::string names;
   std::string state;
@@ -98,7 +98,7 @@ secret_octets without_keys(const secret_octets &octets) {
 
 // A state is never shown with its keys unawares, so one in which they cannot be told from the rest
 // is not shown at all.
-void hide_keys(const options &given, const std::string &path, secret_octets *octets) {
+void hide_keys(const state_dump_options &given, const std::string &path, secret_octets *octets) {
   if (!is_whole_state(*octets))
     throw tools::failure(path +
                          " is damaged, so that the private keys in it cannot be told from the"
@@ -117,7 +117,7 @@ void make_magic_printable(int length, secret_octets *octets) {
       [](unsigned char octet) { return octet < ' ' || octet > '~'; }, '.');
 }
 
-tag_names names_for(const options &given, bool is_state) {
+tag_names names_for(const state_dump_options &given, bool is_state) {
   if (!given.names.empty())
     return read_tag_names(given.names);
   return is_state ? tag_names(state_tag_names.begin(), state_tag_names.end()) : tag_names();
@@ -202,7 +202,7 @@ void require_stream(const std::string &path, int code) {
         code, path + " is no whole stream: " + code_text_and_number(code) + "; is --magic right?");
 }
 
-int dump(const context &where, const options &given) {
+int dump(const context &where, const state_dump_options &given) {
   if (where.json)
     throw tools::usage_failure("state dump prints text only; leave --json out");
   std::string path =
@@ -230,7 +230,7 @@ void add_state_command(CLI::App &app, action *chosen) {
   CLI::App *state = app.add_subcommand("state", "Look into what is kept between calls");
   state->require_subcommand(1);
   state->fallthrough();
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<state_dump_options>();
   CLI::App *command =
       state->add_subcommand("dump", "Print a marshal stream block by block, the state by default");
   command->add_option("FILE", given->file, "The file with the stream");

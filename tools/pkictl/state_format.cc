@@ -19,21 +19,16 @@ namespace {
 constexpr size_t max_label_length = 100;
 static_assert(foreign_content == PKI_INVALID_ARGS);
 
-void require_memory(bool had) {
-  if (!had)
-    throw tools::failure("out of memory");
-}
-
 template <class T>
 void push(STACK **list, std::unique_ptr<T> record) {
   if (!*list)
     *list = OPENSSL_sk_new_null();
-  require_memory(*list && OPENSSL_sk_push(*list, record.get()) > 0);
+  tools::require_memory(*list && OPENSSL_sk_push(*list, record.get()) > 0);
   (void)record.release();
 }  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the list owns it now
 
 EVP_PKEY *share(const tools::key_ptr &key) {
-  require_memory(EVP_PKEY_up_ref(key.get()) == 1);
+  tools::require_memory(EVP_PKEY_up_ref(key.get()) == 1);
   return key.get();
 }
 
@@ -41,7 +36,7 @@ template <class T>
 std::unique_ptr<T> labelled(const std::string &label) {
   auto record = std::make_unique<T>();
   record->label = pki_strdup(label.c_str());
-  require_memory(record->label != nullptr);
+  tools::require_memory(record->label != nullptr);
   return record;
 }
 

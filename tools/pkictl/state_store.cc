@@ -12,26 +12,21 @@ namespace pkictl {
 
 namespace {
 
-void require_memory(bool had) {
-  if (!had)
-    throw tools::failure("out of memory");
-}
-
 cert_info_ptr make_cert_record(const std::string &label, X509 *cert) {
   cert_info_ptr record(alloc_cert_info());
-  require_memory(record != nullptr);
+  tools::require_memory(record != nullptr);
   record->label = pki_strdup(label.c_str());
   record->issuer = X509_NAME_dup(X509_get_issuer_name(cert));
   record->subject = X509_NAME_dup(X509_get_subject_name(cert));
   record->serial = ASN1_INTEGER_dup(X509_get0_serialNumber(cert));
-  require_memory(record->label && record->issuer && record->subject && record->serial);
-  require_memory(X509_up_ref(cert) == 1);
+  tools::require_memory(record->label && record->issuer && record->subject && record->serial);
+  tools::require_memory(X509_up_ref(cert) == 1);
   record->cert = cert;
   return record;
 }
 
 void push_cert(key_info *key, cert_info_ptr record) {
-  require_memory(OPENSSL_sk_push(key->certs, record.get()) > 0);
+  tools::require_memory(OPENSSL_sk_push(key->certs, record.get()) > 0);
   (void)record.release();
 }
 
@@ -47,7 +42,8 @@ read_ca_document read_ca(const std::string &label, const saved_ca &saved) {
   ca_info *info = read.info.get();
   info->label = pki_strdup(label.c_str());
   info->ca_pointer_url = pki_strdup(saved.url.c_str());
-  require_memory(info->label && info->ca_pointer_url && EVP_PKEY_up_ref(saved.doc_key.get()) == 1);
+  tools::require_memory(info->label && info->ca_pointer_url &&
+                        EVP_PKEY_up_ref(saved.doc_key.get()) == 1);
   info->doc_key = saved.doc_key.get();
   return {std::move(read.info), std::move(read.additional_certs), tools::expires_text(xml)};
 }
@@ -62,14 +58,14 @@ tools::ca_info_ptr enter_ca(const std::string &label, const saved_ca &saved) {
 
 key_info_ptr enter_key(const std::string &label, const saved_key &saved) {
   key_info_ptr record(alloc_key_info());
-  require_memory(record && EVP_PKEY_up_ref(saved.pair.get()) == 1);
+  tools::require_memory(record && EVP_PKEY_up_ref(saved.pair.get()) == 1);
   record->key = saved.pair.get();
   record->label = pki_strdup(label.c_str());
-  require_memory(record->label != nullptr);
+  tools::require_memory(record->label != nullptr);
   for (const auto &[cert_label, cert] : saved.certs)
     push_cert(record.get(), make_cert_record(cert_label, cert.get()));
   // The library makes keys but takes none, so this one goes straight into its list.
-  require_memory(OPENSSL_sk_push(pki_store->key_store, dup_key_info(record.get())) > 0);
+  tools::require_memory(OPENSSL_sk_push(pki_store->key_store, dup_key_info(record.get())) > 0);
   return record;
 }
 

@@ -31,7 +31,7 @@ namespace pkictl {
 
 namespace {
 
-struct options {
+struct verify_options {
   std::string cert;
   std::vector<std::string> chain;
   std::vector<std::string> trust;
@@ -51,22 +51,17 @@ using x509_store_ptr = std::unique_ptr<X509_STORE, tools::free_with<X509_STORE_f
 using context_ptr = std::unique_ptr<X509_STORE_CTX, tools::free_with<X509_STORE_CTX_free>>;
 using empty_list_ptr = std::unique_ptr<STACK, tools::free_with<OPENSSL_sk_free>>;
 
-void require_memory(bool had) {
-  if (!had)
-    throw tools::failure("out of memory");
-}
-
 void push(STACK_OF(X509) * certs, X509 *cert) {
-  require_memory(X509_up_ref(cert) == 1);
+  tools::require_memory(X509_up_ref(cert) == 1);
   if (sk_X509_push(certs, cert) > 0)
     return;
   X509_free(cert);
   throw tools::failure("out of memory");
 }
 
-certs_ptr load_all(const std::vector<std::string> &files) {
+certs_ptr trusted_in(const std::vector<std::string> &files) {
   certs_ptr certs(sk_X509_new_null());
-  require_memory(certs != nullptr);
+  tools::require_memory(certs != nullptr);
   for (const std::string &file : files)
     for (const tools::cert_ptr &cert : tools::load_certificates(file))
       push(certs.get(), cert.get());
@@ -74,7 +69,7 @@ certs_ptr load_all(const std::vector<std::string> &files) {
 }
 
 // Enters the CAs of the state folder, where there is one, and collects their roots.
-void add_saved_roots(const options &given, STACK_OF(X509) * trusted) {
+void add_saved_roots(const verify_options &given, STACK_OF(X509) * trusted) {
   if (!state_folder::is_known(given.state))
     return;
   saved_state kept = state_folder::to_read(given.state, "provision").load();
@@ -85,8 +80,8 @@ void add_saved_roots(const options &given, STACK_OF(X509) * trusted) {
   }
 }
 
-certs_ptr find_trusted(const options &given) {
-  certs_ptr trusted = load_all(given.trust);
+certs_ptr find_trusted(const verify_options &given) {
+  certs_ptr trusted = trusted_in(given.trust);
   add_saved_roots(given, trusted.get());
   if (sk_X509_num(trusted.get()) < 1)
     throw tools::failure(
@@ -103,14 +98,14 @@ void add_saved_untrusted(STACK_OF(X509) * untrusted) {
 }
 
 // A status rule for every certificate, asked before the certificate's own sources.
-void add_responder(const options &given) {
+void add_responder(const verify_options &given) {
   if (!given.has_ocsp)
     return;
   tools::cert_ptr signer;
   if (!given.ocsp_signer.empty())
     signer = tools::load_certificate(given.ocsp_signer);
   empty_list_ptr every_cert(OPENSSL_sk_new_null());
-  require_memory(every_cert != nullptr);
+  tools::require_memory(every_cert != nullptr);
   unsigned char believe_signer = signer ? 1 : 0;
   require_ok("cannot add the responder " + given.ocsp,
              pki_add_ocsp_info(nullptr, every_cert.get(), given.ocsp.c_str(), signer.get(),
@@ -120,16 +115,16 @@ void add_responder(const options &given) {
 using crl_ptr = std::unique_ptr<crl_info, tools::free_with<free_crl_info>>;
 
 // The same for CRLs: one source, behind the responder.
-void add_crls(const options &given) {
+void add_crls(const verify_options &given) {
   if (given.crls.empty())
     return;
   empty_list_ptr every_cert(OPENSSL_sk_new_null());
   empty_list_ptr list(OPENSSL_sk_new_null());
-  require_memory(every_cert && list);
+  tools::require_memory(every_cert && list);
   std::vector<crl_ptr> crls;
   for (const std::string &url : given.crls) {
     crls.emplace_back(create_crl_info(url.c_str(), 0, PKI_ALL_REASONS, 0, nullptr, nullptr));
-    require_memory(crls.back() && OPENSSL_sk_push(list.get(), crls.back().get()) > 0);
+    tools::require_memory(crls.back() && OPENSSL_sk_push(list.get(), crls.back().get()) > 0);
   }
   require_ok("cannot add the CRLs", pki_add_crl_info(nullptr, every_cert.get(), list.get(), 0, 0));
 }
@@ -164,17 +159,18 @@ void mark_trusted(const STACK_OF(X509) * trusted, json *certs) {
 
 x509_store_ptr make_trust_store(const STACK_OF(X509) * trusted) {
   x509_store_ptr store(X509_STORE_new());
-  require_memory(store != nullptr);
+  tools::require_memory(store != nullptr);
   for (int i = 0; i < sk_X509_num(trusted); i++)
-    require_memory(X509_STORE_add_cert(store.get(), sk_X509_value(trusted, i)) == 1);
+    tools::require_memory(X509_STORE_add_cert(store.get(), sk_X509_value(trusted, i)) == 1);
   return store;
 }
 
-json verify_cert(const options &given, X509 *cert, STACK_OF(X509) * untrusted,
+json verify_cert(const verify_options &given, X509 *cert, STACK_OF(X509) * untrusted,
                  const STACK_OF(X509) * trusted) {
   x509_store_ptr store = make_trust_store(trusted);
   context_ptr context(X509_STORE_CTX_new());
-  require_memory(context && X509_STORE_CTX_init(context.get(), store.get(), cert, untrusted) == 1);
+  tools::require_memory(context &&
+                        X509_STORE_CTX_init(context.get(), store.get(), cert, untrusted) == 1);
   X509_STORE_CTX_set_verify_cb(context.get(), given.flavour == "local"
                                                   ? zv_cv_cert_validator_local
                                                   : zv_cv_cert_validator_internet);
@@ -194,7 +190,7 @@ json verify_cert(const options &given, X509 *cert, STACK_OF(X509) * untrusted,
   return report;
 }
 
-void check_usage(const options &given) {
+void check_usage(const verify_options &given) {
   if (given.has_ocsp)
     require_http_url("--ocsp", given.ocsp);
   for (const std::string &url : given.crls)
@@ -220,12 +216,12 @@ std::set<std::string> names_of(const std::vector<STACK_OF(X509) *> &lists) {
   return names;
 }
 
-int verify(const context &where, const options &given) {
+int verify(const context &where, const verify_options &given) {
   check_usage(given);
   cost_meter meter;
   tools::cert_ptr cert =
       tools::load_certificate(given.cert, "; put the rest into a file for --chain");
-  certs_ptr untrusted = load_all(given.chain);
+  certs_ptr untrusted = trusted_in(given.chain);
   start_library();
   certs_ptr trusted = find_trusted(given);
   add_saved_untrusted(untrusted.get());
@@ -268,7 +264,7 @@ constexpr const char *verify_footer =
 }  // namespace
 
 void add_verify_command(CLI::App &app, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<verify_options>();
   CLI::App *command =
       app.add_subcommand("verify", "Judge a certificate as a host of the library does");
   command->add_option("CERT", given->cert, "The certificate (PEM or DER)")->required();

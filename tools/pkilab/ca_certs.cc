@@ -5,12 +5,11 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/keys.h"
+#include "tools/pkilab/day.h"
 
 namespace pkilab {
 
 namespace {
-
-constexpr long day = 24L * 60 * 60;
 
 void require(bool done, const char *what) {
   if (!done)

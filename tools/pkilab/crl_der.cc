@@ -4,6 +4,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/keys.h"
+#include "tools/pkilab/day.h"
 
 namespace pkilab::der {
 
@@ -71,7 +72,6 @@ namespace {
 
 // Seconds from `now`; the sum need not be a time_t.
 std::string time_beside(time_t now, long long seconds) {
-  constexpr long day = 24L * 60 * 60;
   struct tm parts = {};
   char text[32];
   if (!gmtime_r(&now, &parts) ||

@@ -2,13 +2,13 @@
 
 #include <limits>
 
+#include "tools/pkilab/day.h"
 #include "tools/pkilab/revocations.h"
 
 namespace pkilab {
 
 namespace {
 
-constexpr long day = 24L * 60 * 60;
 constexpr long most_generated = 100'000'000;
 constexpr int remove_from_crl = 8;
 
@@ -69,92 +69,95 @@ void set_times(crl_options *options, long this_update, long next_update) {
   options->next_update = next_update;
 }
 
-using text = const std::string &;
+using word_text = const std::string &;
 using into = crl_options *;
 
 constexpr option_row<crl_options> rows[] = {
     {"number", "N", "the cRLNumber; the time in seconds unless it is given",
-     [](text value, into options) { options->number = decimal(value); }},
+     [](word_text value, into options) { options->number = decimal(value); }},
     {"no-number", "", "leaves the cRLNumber out",
-     [](text, into options) { options->has_number = false; }},
+     [](word_text, into options) { options->has_number = false; }},
     {"delta", "N", "is a delta CRL for the base with that cRLNumber",
-     [](text value, into options) { options->delta = decimal(value); }},
+     [](word_text value, into options) { options->delta = decimal(value); }},
     {"freshest", "PLACE", "names its delta CRL, a URL or a path, in freshestCRL; several times",
-     [](text value, into options) { options->freshest.push_back(place(value)); }},
+     [](word_text value, into options) { options->freshest.push_back(place(value)); }},
     {"indirect", "", "lists what the other CAs revoked too, with their names",
-     [](text, into options) { options->indirect = true; }},
+     [](word_text, into options) { options->indirect = true; }},
     {"reasons", "LIST", "is for these reasons only, as in keyCompromise,superseded",
-     [](text value, into options) { options->reasons = reason_list(value); }},
+     [](word_text value, into options) { options->reasons = reason_list(value); }},
     {"only", "WHAT", "is for user, ca or attribute certificates only",
-     [](text value, into options) {
+     [](word_text value, into options) {
        options->scope = choice_value<crl_scope>(
            value,
            {{"user", crl_scope::user}, {"ca", crl_scope::ca}, {"attribute", crl_scope::attribute}});
      }},
     {"idp-name", "PLACE", "is for this distribution point, a URL or a path; several times",
-     [](text value, into options) { options->idp_names.push_back(place(value)); }},
+     [](word_text value, into options) { options->idp_names.push_back(place(value)); }},
     {"idp-relative", "", "is for a distribution point with a name relative to the issuer's",
-     [](text, into options) { options->idp_relative = true; }},
+     [](word_text, into options) { options->idp_relative = true; }},
     {"empty", "", "lists nothing of what is revoked",
-     [](text, into options) { options->lists_revoked = false; }},
+     [](word_text, into options) { options->lists_revoked = false; }},
     {"entry", "HEX[:REASON]",
      "lists this serial number too; removeFromCRL is a reason; several times",
-     [](text value, into options) { options->entries.push_back(entry_value(value)); }},
+     [](word_text value, into options) { options->entries.push_back(entry_value(value)); }},
     {"entries", "N", "lists N made-up serial numbers first, up to 100,000,000",
-     [](text value, into options) { options->generated = number_value(value, 0, most_generated); }},
+     [](word_text value, into options) {
+       options->generated = number_value(value, 0, most_generated);
+     }},
     {"reason-in-each", "", "gives each of those a reason",
-     [](text, into options) { options->reason_in_each = true; }},
+     [](word_text, into options) { options->reason_in_each = true; }},
     {"this-update", "TIME", "seconds from now; what is no number is sent as it is",
-     [](text value, into options) { options->this_update = time_value(value); }},
+     [](word_text value, into options) { options->this_update = time_value(value); }},
     {"next-update", "TIME", "the same; 86400 unless it is given",
-     [](text value, into options) { options->next_update = time_value(value); }},
+     [](word_text value, into options) { options->next_update = time_value(value); }},
     {"no-next-update", "", "leaves nextUpdate out",
-     [](text, into options) { options->next_update.reset(); }},
+     [](word_text, into options) { options->next_update.reset(); }},
     {"expired", "", "was to be replaced a day ago",
-     [](text, into options) { set_times(options, -2 * day, -day); }},
-    {"future", "", "is of tomorrow", [](text, into options) { set_times(options, day, 2 * day); }},
+     [](word_text, into options) { set_times(options, -2 * day, -day); }},
+    {"future", "", "is of tomorrow",
+     [](word_text, into options) { set_times(options, day, 2 * day); }},
     {"signer", "WHO", "issuer, delegated (whom the CA certified for it), other-ca or stranger",
-     [](text value, into options) {
+     [](word_text value, into options) {
        options->signer = choice_value<crl_signer>(value, {{"issuer", crl_signer::issuer},
                                                           {"delegated", crl_signer::delegated},
                                                           {"other-ca", crl_signer::other_ca},
                                                           {"stranger", crl_signer::stranger}});
      }},
     {"same-name", "", "gives the delegated signer the CA's own name",
-     [](text, into options) { options->same_name = true; }},
+     [](word_text, into options) { options->same_name = true; }},
     {"no-crl-sign", "", "gives the delegated signer no cRLSign",
-     [](text, into options) { options->crl_sign = false; }},
+     [](word_text, into options) { options->crl_sign = false; }},
     {"signer-dp", "QUERY",
      "names our URL with this query, or \"\", in the delegated signer's certificate",
-     [](text value, into options) { options->signer_dp = value; }},
+     [](word_text value, into options) { options->signer_dp = value; }},
     {"damaged-signature", "", "flips a bit in the signature",
-     [](text, into options) { options->damaged_signature = true; }},
+     [](word_text, into options) { options->damaged_signature = true; }},
     {"digest", "NAME", "signs with this digest",
-     [](text value, into options) { options->digest = digest_value(value); }},
+     [](word_text value, into options) { options->digest = digest_value(value); }},
     {"akid", "", "names the signer's issuer and serial number, not only its key",
-     [](text, into options) { options->akid = crl_akid::whole; }},
+     [](word_text, into options) { options->akid = crl_akid::whole; }},
     {"wrong-akid", "", "names another key in the authorityKeyIdentifier",
-     [](text, into options) { options->akid = crl_akid::wrong; }},
+     [](word_text, into options) { options->akid = crl_akid::wrong; }},
     {"no-akid", "", "leaves the authorityKeyIdentifier out",
-     [](text, into options) { options->akid = crl_akid::none; }},
+     [](word_text, into options) { options->akid = crl_akid::none; }},
     {"critical", "OID", "has this critical extension; several times",
-     [](text value, into options) { options->critical.push_back(oid_value(value)); }},
+     [](word_text value, into options) { options->critical.push_back(oid_value(value)); }},
     {"entry-critical", "OID", "has this critical extension in each entry that is not made up",
-     [](text value, into options) { options->entry_critical.push_back(oid_value(value)); }},
+     [](word_text value, into options) { options->entry_critical.push_back(oid_value(value)); }},
     {"pkcs7", "", "sends the CRL in a PKCS#7",
-     [](text, into options) { options->body = crl_body::pkcs7; }},
+     [](word_text, into options) { options->body = crl_body::pkcs7; }},
     {"pkcs7-certs", "", "the same, with the signer's certificate and the CA's",
-     [](text, into options) { options->body = crl_body::pkcs7_certs; }},
+     [](word_text, into options) { options->body = crl_body::pkcs7_certs; }},
     {"no-crl", "", "sends octets that are no CRL",
-     [](text, into options) { options->body = crl_body::no_crl; }},
+     [](word_text, into options) { options->body = crl_body::no_crl; }},
     {"no-length", "", "announces no Content-Length",
-     [](text, into options) { options->announce_length = false; }},
+     [](word_text, into options) { options->announce_length = false; }},
     {"http-status", "N", "answers with this HTTP status (100 to 999)",
-     [](text value, into options) {
+     [](word_text value, into options) {
        options->http_status = static_cast<int>(number_value(value, 100, 999));
      }},
     {"content-type", "TYPE", "calls the answer so; an empty TYPE leaves the line out",
-     [](text value, into options) { options->content_type = header_value(value); }},
+     [](word_text value, into options) { options->content_type = header_value(value); }},
 };
 
 constexpr option_table<crl_options> table("CRL", rows);

@@ -17,6 +17,7 @@
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
 #include "tools/pkilab/command.h"
+#include "tools/pkilab/day.h"
 #include "tools/pkilab/issued_certs.h"
 
 namespace pkilab {
@@ -26,9 +27,7 @@ namespace {
 using name_ptr = std::unique_ptr<X509_NAME, tools::free_with<X509_NAME_free>>;
 using req_ptr = std::unique_ptr<X509_REQ, tools::free_with<X509_REQ_free>>;
 
-constexpr time_t day = 24L * 60 * 60;
-
-struct options {
+struct issue_options {
   std::string folder;
   std::string request;
   std::string key;
@@ -88,7 +87,7 @@ std::string joined(const std::vector<std::string> &words) {
   return text;
 }
 
-void check_usage(const options &given) {
+void check_usage(const issue_options &given) {
   int sources = !given.request.empty() + !given.key.empty() + !given.new_key.empty();
   if (sources != 1)
     throw tools::usage_failure("give one of --csr, --key and --new-key");
@@ -114,7 +113,7 @@ time_t in_days(int days) {
   return then;
 }
 
-void set_plain_wishes(const options &given, cert_wishes *wishes) {
+void set_plain_wishes(const issue_options &given, cert_wishes *wishes) {
   wishes->ocsp_urls = given.ocsp_urls;
   wishes->crl_urls = given.crl_urls;
   wishes->freshest_crl_urls = given.freshest_crl_urls;
@@ -127,7 +126,7 @@ void set_plain_wishes(const options &given, cert_wishes *wishes) {
 }
 
 // A certificate and, where one was made, the private key for it.
-void write_issued(const options &given, X509 *cert, EVP_PKEY *key) {
+void write_issued(const issue_options &given, X509 *cert, EVP_PKEY *key) {
   bool has_key = !given.new_key.empty();
   if (has_key)
     tools::write_named_file(given.new_key, tools::private_pem(key), 0600, given.force);
@@ -148,7 +147,7 @@ void require_order(const cert_wishes &wishes) {
         " --not-before, or a later end");
 }
 
-int issue(const options &given) {
+int issue(const issue_options &given) {
   check_usage(given);
   req_ptr request = given.request.empty() ? nullptr : read_request(given.request);
   name_ptr subject = given.subject.empty() ? nullptr : read_subject(given.subject);
@@ -177,7 +176,7 @@ int issue(const options &given) {
 }  // namespace
 
 void add_issue_command(CLI::App &app, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<issue_options>();
   CLI::App *command = app.add_subcommand("issue", "Issue a certificate for a key or a request");
   auto text = [command](const char *option, std::string *value, const char *type,
                         const char *help) {
@@ -216,8 +215,8 @@ void add_issue_command(CLI::App &app, action *chosen) {
   command->add_flag("--force", given->force, "Replace files that are there");
   command->footer(
       "Examples:\n"
-      "  pkilab issue --dir lab --new-key server-key.pem --subject \"CN=server, O=Example\" \\\n"
-      "    --alt-name DNS:localhost --out server.pem\n\n"
+      "  pkilab issue --dir lab --new-key server-key.pem \\\n"
+      "    --subject \"CN=server, O=Example\" --alt-name DNS:localhost --out server.pem\n\n"
       "Exit codes: 0 issued, 1 failed, 2 wrong usage.");
   command->callback([given, chosen] { *chosen = [given] { return issue(*given); }; });
 }

@@ -23,7 +23,7 @@
 
 namespace {
 
-struct options {
+struct serve_options {
   pkilab::lab_options lab;
   std::string ready_file;
   bool quiet = false;
@@ -90,7 +90,7 @@ class ready_file {
   std::string written_;
 };
 
-int serve(const options &given) {
+int serve(const serve_options &given) {
   sigset_t signals = end_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
@@ -119,31 +119,30 @@ int serve(const options &given) {
 std::string serve_footer() {
   return "Examples:\n"
          "  pkilab serve --dir lab --port 8080\n"
-         "  pkilab serve --dir lab --ready-file ready --scep-pending 2 --ocsp-answer "
-         "status=revoked\n"
+         "  pkilab serve --dir lab --ready-file ready --scep-pending 2 \\\n"
+         "    --ocsp-answer status=revoked\n"
          "\n"
-         "What is in the folder: doc-key.pem and doc-key.pub.pem (signs documents), root-, "
-         "issuing-\n"
-         "and additional-key.pem and -cert.pem. GET / lists what is served. Bad answers on "
-         "request,\n"
-         "where \"...\" is the path to answer badly (/ca-info by default):\n\n" +
+         "What is in the folder: doc-key.pem and doc-key.pub.pem (signs documents), root-,\n"
+         "issuing- and additional-key.pem and -cert.pem. GET / lists what is served.\n\n"
+         "Bad answers on request, where \"...\" is the path to answer badly (/ca-info by\n"
+         "default):\n\n" +
          pkilab::misbehaviour_list() +
          "\nSCEP is at /scep. It issues at once, unless the options say otherwise.\n\n"
          "Values of --scep-misbehave:\n" +
          pkilab::misdeed_list() +
-         "\nOCSP is at /ocsp. It tells the truth, unless the options or the query of the request's "
-         "URL\n(/ocsp?NAME=VALUE&...) say otherwise.\n\n"
+         "\nOCSP is at /ocsp. It tells the truth, unless the options or the query of the\n"
+         "request's URL (/ocsp?NAME=VALUE&...) say otherwise.\n\n"
          "Values of --ocsp-answer and names in the query:\n" +
          pkilab::ocsp_option_list() +
-         "\nCRLs are at /crl/issuing.crl, /crl/additional.crl and /crl/root.crl. The options and "
-         "the query\nof the request's URL do the same there.\n\n"
+         "\nCRLs are at /crl/issuing.crl, /crl/additional.crl and /crl/root.crl. The options\n"
+         "and the query of the request's URL do the same there.\n\n"
          "Values of --crl-answer and names in the query:\n" +
          pkilab::crl_option_list() +
          "\nExit codes: 0 ended by SIGTERM or SIGINT, 1 failed, 2 wrong usage.";
 }
 
 void add_serve_command(CLI::App &app, pkilab::action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<serve_options>();
   CLI::App *serve_command = app.add_subcommand("serve", "Serve a CA until SIGTERM or SIGINT");
   serve_command
       ->add_option("--dir", given->lab.folder,
@@ -183,8 +182,8 @@ int main(int argc, char **argv) {
   app.footer(
       "Examples:\n"
       "  pkilab serve --dir lab --port 8080\n"
-      "  pkilab issue --dir lab --new-key server-key.pem --subject \"CN=server, O=Example\" \\\n"
-      "    --out server.pem\n\n"
+      "  pkilab issue --dir lab --new-key server-key.pem \\\n"
+      "    --subject \"CN=server, O=Example\" --out server.pem\n\n"
       "Exit codes: 0 done, 1 failed, 2 wrong usage.\n\n"
       "Start with " DOCUMENT_FOLDER "/quick-start.md");
   if (!tools::parse_command_line(app, argc, argv, &code))

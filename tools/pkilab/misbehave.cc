@@ -2,6 +2,7 @@
 
 #include <charconv>
 
+#include "tools/common/help_formatter.h"
 #include "tools/common/text.h"
 
 namespace pkilab {
@@ -284,8 +285,7 @@ std::string misbehaviour_list() {
     std::string path(prefix);
     path += row.name;
     path += row.argument.empty() ? "/..." : "/" + std::string(row.argument) + "/...";
-    path.resize(std::max<size_t>(path.size() + 1, 35), ' ');
-    text += path + std::string(row.text) + "\n";
+    text += tools::help_row(path, std::string(row.text));
   }
   return text;
 }

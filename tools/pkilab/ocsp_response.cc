@@ -4,6 +4,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/keys.h"
+#include "tools/pkilab/day.h"
 
 namespace pkilab {
 
@@ -62,7 +63,6 @@ std::string with_bytes(const std::string &type, const std::string &bytes) {
 // ---- times ----
 
 time_ptr time_from_now(long long seconds) {
-  constexpr long day = 24L * 60 * 60;
   time_ptr made(ASN1_GENERALIZEDTIME_adj(nullptr, time(nullptr), static_cast<int>(seconds / day),
                                          static_cast<long>(seconds % day)));
   require(made != nullptr);

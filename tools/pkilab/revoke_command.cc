@@ -16,7 +16,7 @@ namespace pkilab {
 
 namespace {
 
-struct options {
+struct revoke_options {
   std::string folder;
   std::string file;
   std::string serial;
@@ -36,7 +36,7 @@ std::map<std::string, int> reason_choices() {
 }
 
 // The serial number of a certificate that the lab issued.
-serial_ptr find_serial(const options &given) {
+serial_ptr find_serial(const revoke_options &given) {
   if (given.file.empty() == given.serial.empty())
     throw tools::usage_failure("give either a certificate's file or --serial");
   serial_ptr serial = given.serial.empty() ? nullptr : tools::require_serial(given.serial);
@@ -59,7 +59,7 @@ serial_ptr find_serial(const options &given) {
   return serial_ptr(ASN1_INTEGER_dup(X509_get0_serialNumber(cert.get())));
 }
 
-int revoke(const options &given) {
+int revoke(const revoke_options &given) {
   revocation how = {time(nullptr), given.reason};
   if (!given.at.empty())
     how.at = parse_time("--at", given.at);
@@ -71,7 +71,7 @@ int revoke(const options &given) {
   return tools::exit_done;
 }
 
-int unrevoke(const options &given) {
+int unrevoke(const revoke_options &given) {
   serial_ptr serial = find_serial(given);
   std::string text = tools::serial_text(serial.get());
   if (!revocations(given.folder).restore(serial.get()))
@@ -80,7 +80,7 @@ int unrevoke(const options &given) {
   return tools::exit_done;
 }
 
-void add_common_options(CLI::App *command, options *given) {
+void add_common_options(CLI::App *command, revoke_options *given) {
   command->add_option("--dir", given->folder, "Folder of the lab")->type_name("DIR")->required();
   command->add_option("CERT", given->file, "File of a certificate that the lab issued")
       ->type_name("FILE");
@@ -107,7 +107,7 @@ std::string reason_footer() {
 }  // namespace
 
 void add_revoke_commands(CLI::App &app, action *chosen) {
-  auto given = std::make_shared<options>();
+  auto given = std::make_shared<revoke_options>();
   CLI::App *command = app.add_subcommand("revoke", "Revoke a certificate that the lab issued");
   add_common_options(command, given.get());
   std::vector<std::string> names;
@@ -125,7 +125,7 @@ void add_revoke_commands(CLI::App &app, action *chosen) {
   command->footer(reason_footer());
   command->callback([given, chosen] { *chosen = [given] { return revoke(*given); }; });
 
-  auto other = std::make_shared<options>();
+  auto other = std::make_shared<revoke_options>();
   CLI::App *back = app.add_subcommand("unrevoke", "Make a revoked certificate good again");
   add_common_options(back, other.get());
   back->footer("Exit codes: 0 done, 1 failed or not revoked, 2 wrong usage.");

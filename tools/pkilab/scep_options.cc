@@ -1,5 +1,7 @@
 #include "tools/pkilab/scep_options.h"
 
+#include "tools/common/help_formatter.h"
+
 namespace pkilab {
 
 const std::vector<misdeed_row> &misdeed_rows() {
@@ -25,11 +27,8 @@ const std::vector<misdeed_row> &misdeed_rows() {
 
 std::string misdeed_list() {
   std::string text;
-  for (const misdeed_row &row : misdeed_rows()) {
-    std::string name = "  " + std::string(row.name);
-    name.resize(30, ' ');
-    text += name + row.text + "\n";
-  }
+  for (const misdeed_row &row : misdeed_rows())
+    text += tools::help_row(row.name, row.text);
   return text;
 }
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "support/descriptors.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -151,22 +153,15 @@ TEST_F(BoardSecret, EmptyFileIsRefused) {
   EXPECT_EQ(length, 0);
 }
 
-size_t open_descriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd"))
-    count++;
-  return count;
-}
-
 TEST_F(BoardSecret, LeavesNoFileOpen) {
-  size_t before = open_descriptors();
+  long before = support::open_descriptors();
   write("secret-0001");
   for (int capacity : {64, 3, 0})
     read(capacity);
   fs::remove(file());
   fs::create_directory(file());
   read();
-  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(support::open_descriptors(), before);
 }
 
 }  // namespace

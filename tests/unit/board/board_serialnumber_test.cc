@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/descriptors.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -175,26 +177,19 @@ TEST_F(BoardSerialnumber, FileWithANulIsNoText) {
   }
 }
 
-size_t open_descriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd"))
-    count++;
-  return count;
-}
-
 TEST_F(BoardSerialnumber, LeavesNoFileOpen) {
-  size_t before = open_descriptors();
+  long before = support::open_descriptors();
   write("SN-0001");
   for (int size : {48, 3, 1}) {
     read(size);
-    EXPECT_EQ(open_descriptors(), before) << size;
+    EXPECT_EQ(support::open_descriptors(), before) << size;
   }
   write("");
   read();
   fs::remove(file());
   fs::create_directory(file());
   read();
-  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(support::open_descriptors(), before);
 }
 
 // The descriptor of this process that reads the file, or -1.

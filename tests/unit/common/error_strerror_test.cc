@@ -8,7 +8,7 @@
 namespace {
 
 // The interface itself, written out once more: callers compare numbers and log texts.
-const char *const texts[] = {
+const char *const error_texts[] = {
     /* 0 */ "Ok",
     /* 1 */ "STORE ALL ZEROS",
     /* 2 */ "OUT OF MEMORY",
@@ -98,7 +98,7 @@ const char *const texts[] = {
     /* 86 */ "UNKNOWN CRITICAL EXTENSION",
     /* 87 */ "OCSP ERROR",
 };
-constexpr unsigned code_count = sizeof texts / sizeof *texts;
+constexpr unsigned code_count = sizeof error_texts / sizeof *error_texts;
 
 TEST(ErrorTable, HasCodesZeroTo87) {
   EXPECT_EQ(code_count, 88u);
@@ -107,7 +107,7 @@ TEST(ErrorTable, HasCodesZeroTo87) {
 
 TEST(ErrorTable, EveryCodeHasItsText) {
   for (unsigned code = 0; code < code_count; code++)
-    EXPECT_STREQ(pki_strerror(code), texts[code]) << code;
+    EXPECT_STREQ(pki_strerror(code), error_texts[code]) << code;
 }
 
 TEST(ErrorTable, RowsAreInOrderWithoutGaps) {

@@ -13,6 +13,7 @@
 
 #include "fakes/log_capture.h"
 #include "support/marshal_record.h"
+#include "unit/common/envelope_tags.h"
 
 namespace {
 
@@ -24,8 +25,10 @@ using support::record_choice;
 using support::record_desc;
 using support::stream;
 
-enum { start = 0x20, check = 0x21, content = 0x22 };
-const std::string magic = "BIG\x01";
+using envelope_tags::check;
+using envelope_tags::content;
+using envelope_tags::start;
+const std::string big_magic = "BIG\x01";
 const std::string name = "r\xc3\xa9sum\xc3\xa9";
 constexpr int lowest = std::numeric_limits<int>::min();
 constexpr int32_t moment = 1700000000;  // 2023-11-14T22:13:20Z, a Tuesday, day 317 of its year
@@ -96,22 +99,23 @@ void fill_here(record *of) {
   of->private_key = d2i_AutoPrivateKey(nullptr, &at, static_cast<long>(key.size()));
 }
 
-const marshal_envelope_desc envelope = {start,      check,   content, &record_desc,
-                                        EVP_sha1(), nullptr, nullptr};
-const marshal_item item = {start, create_digest, &envelope, verify_digest, &envelope};
+const marshal_envelope_desc record_envelope = {start,      check,   content, &record_desc,
+                                               EVP_sha1(), nullptr, nullptr};
+const marshal_item item = {start, create_digest, &record_envelope, verify_digest, &record_envelope};
 
 std::string written_here() {
   support::record_owner sent;
   fill_here(sent.object);
   stream out = support::empty_stream();
-  EXPECT_EQ(marshall(out.get(), sent.object, &item, magic.data(), static_cast<int>(magic.size())),
-            0);
+  EXPECT_EQ(
+      marshall(out.get(), sent.object, &item, big_magic.data(), static_cast<int>(big_magic.size())),
+      0);
   return support::octets_in(out);
 }
 
 int read_here(const std::string &octets, support::record_owner *into) {
-  return unmarshall(support::stream_of(octets).get(), &into->object, &item, magic.data(),
-                    static_cast<int>(magic.size()));
+  return unmarshall(support::stream_of(octets).get(), &into->object, &item, big_magic.data(),
+                    static_cast<int>(big_magic.size()));
 }
 
 // ---- the stream as docs/marshal-format.md has it, put together by hand ----
@@ -156,7 +160,7 @@ std::string item_by_hand() {
   const std::string structure = structure_by_hand();
   unsigned char digest[20];
   EVP_Digest(structure.data(), structure.size(), digest, nullptr, EVP_sha1(), nullptr);
-  return magic + block(start) + structure +
+  return big_magic + block(start) + structure +
          block(check, std::string(reinterpret_cast<char *>(digest), sizeof digest)) +
          support::end_of_data;
 }

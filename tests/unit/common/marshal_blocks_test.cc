@@ -14,10 +14,9 @@ using support::empty_stream;
 using support::from_hex;
 using support::hex;
 using support::octets_in;
+using support::premature;
 using support::stream;
 using support::stream_of;
-
-const char premature[] = "premature EOD on bio";
 
 struct MarshalBlocks : testing::Test {
   void SetUp() override { clear_log(); }

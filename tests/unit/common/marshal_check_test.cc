@@ -6,6 +6,7 @@
 #include "fakes/log_capture.h"
 #include "support/certs.h"
 #include "support/marshal.h"
+#include "unit/common/envelope_tags.h"
 
 namespace {
 
@@ -19,7 +20,9 @@ using support::note_owner;
 using support::octets_in;
 using support::stream;
 
-enum { start = 0x20, check = 0x21, content = 0x22 };
+using envelope_tags::check;
+using envelope_tags::content;
+using envelope_tags::start;
 
 std::string digest_of(const std::string &octets, const EVP_MD *md) {
   unsigned char digest[EVP_MAX_MD_SIZE];

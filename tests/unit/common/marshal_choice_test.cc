@@ -113,12 +113,8 @@ TEST_F(MarshalChoice, UnknownSelectorIsWrittenAsStartAndEndWithALine) {
   }
 }
 
-int fails_with_77(BIO *, void *, int, void *) {
-  return 77;
-}
-
 TEST_F(MarshalChoice, AnEncodersFailureEndsItWithoutAnEndBlock) {
-  const marshal_field rows[] = {field(1, 2, fails_with_77, dec_int), last_field()};
+  const marshal_field rows[] = {field(1, 2, support::enc_fails_with_77, dec_int), last_field()};
   marshal_choice_desc failing = inline_desc;
   failing.alternatives = rows;
   selected sent = {};
@@ -334,13 +330,9 @@ TEST_F(MarshalChoice, ANullDecoderEndsTheTableForReading) {
   EXPECT_TRUE(was_logged(4, "unknown choice type 3")) << log_dump();
 }
 
-void *no_object() {
-  return nullptr;
-}
-
 TEST_F(MarshalChoice, ConstructorWithoutAnObjectIsOutOfMemory) {
   marshal_choice_desc barren = desc;
-  barren.ctor = no_object;
+  barren.ctor = support::no_object;
   EXPECT_EQ(decode(block(0x40) + block(0x4f), dec_choice, &read, &barren), 2);
   EXPECT_EQ(read, nullptr);
 }

@@ -6,6 +6,7 @@
 #include "fakes/log_capture.h"
 #include "support/certs.h"
 #include "support/marshal.h"
+#include "unit/common/envelope_tags.h"
 
 namespace {
 
@@ -24,7 +25,9 @@ using support::octets_in;
 using support::stream;
 using support::stream_of;
 
-enum { start = 0x20, check = 0x21, content = 0x22 };
+using envelope_tags::check;
+using envelope_tags::content;
+using envelope_tags::start;
 
 struct protection {
   const char *name;
@@ -166,15 +169,9 @@ TEST_P(MarshalEnvelope, AFailureInTheStructureKeepsItsCode) {
   EXPECT_EQ(target.object, nullptr);
 }
 
-int enc_fails_with_77(BIO *, void *, int, void *) {
-  return 77;
-}
-int dec_fails_with_77(BIO *, int, const unsigned char *, int, void *, void *) {
-  return 77;
-}
-
 TEST_P(MarshalEnvelope, AFieldsFailureEndsItAndTakesTheFilterOff) {
-  const marshal_field fields[] = {field(0, 1, enc_fails_with_77, dec_fails_with_77), last_field()};
+  const marshal_field fields[] = {
+      field(0, 1, support::enc_fails_with_77, support::dec_fails_with_77), last_field()};
   const marshal_struct_desc failing = {0, 2, support::new_note, support::free_note, 0, fields};
   desc.struct_desc = &failing;
   stream out = empty_stream();

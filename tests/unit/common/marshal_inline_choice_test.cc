@@ -8,6 +8,8 @@
 #include "support/certs.h"
 #include "support/marshal.h"
 
+namespace inline_choice {
+
 namespace {
 
 using support::block;
@@ -393,3 +395,5 @@ INSTANTIATE_TEST_SUITE_P(AllPairs, MarshalInlineChoiceFailing,
                          pair_name);
 
 }  // namespace
+
+}  // namespace inline_choice

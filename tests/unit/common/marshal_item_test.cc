@@ -82,14 +82,14 @@ TEST_F(MarshalItem, NullObjectDoesNotComeBack) {
 }
 
 int seen_tag, seen_length;
-int dec_seen(BIO *, int tag, const unsigned char *, int len, void *, void *) {
+int dec_block_seen(BIO *, int tag, const unsigned char *, int len, void *, void *) {
   seen_tag = tag;
   seen_length = len;
   return 33;
 }
 
 TEST_F(MarshalItem, NullObjectsStreamGivesTheDecoderABlockOfTagZero) {
-  const marshal_item item = {1, enc_struct, nullptr, dec_seen, nullptr};
+  const marshal_item item = {1, enc_struct, nullptr, dec_block_seen, nullptr};
   seen_tag = seen_length = -1;
   EXPECT_EQ(unmarshall(stream_of("MAGIC" + end_of_data).get(), &target.object, &item, "MAGIC", 5),
             33)
@@ -110,7 +110,7 @@ int enc_item(BIO *bio, void *field, int tag, void *arg) {
 
 TEST_F(MarshalItem, EncoderIsGivenTheAddressOfThePointerTheTagAndItsArgument) {
   int anything = 0;
-  const marshal_item item = {0x55, enc_item, &anything, dec_seen, nullptr};
+  const marshal_item item = {0x55, enc_item, &anything, dec_block_seen, nullptr};
   stream out = empty_stream();
   EXPECT_EQ(marshall(out.get(), &seen_tag, &item, nullptr, 0), 0);
   EXPECT_EQ(octets_in(out), "item" + end_of_data);
@@ -124,7 +124,7 @@ int enc_fails(BIO *, void *, int, void *) {
 }
 
 TEST_F(MarshalItem, AnEncodersFailureWritesNoEnd) {
-  const marshal_item item = {1, enc_fails, nullptr, dec_seen, nullptr};
+  const marshal_item item = {1, enc_fails, nullptr, dec_block_seen, nullptr};
   stream out = empty_stream();
   EXPECT_EQ(marshall(out.get(), nullptr, &item, "MAGIC", 5), 77);
   EXPECT_EQ(octets_in(out), "MAGIC");

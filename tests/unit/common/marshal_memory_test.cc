@@ -10,6 +10,7 @@
 #include "fakes/log_capture.h"
 #include "support/certs.h"
 #include "support/marshal_record.h"
+#include "unit/common/failing.h"
 
 namespace {
 
@@ -440,9 +441,6 @@ TEST_P(MarshalMemoryOfEnvelopes, VerifySignature) {
       {PKI_OUT_OF_MEMORY, PKI_BIO_CREAT_FAILED, PKI_FAILED_TO_SET_MD, PKI_SIG_VERIFY_FAILED});
 }
 
-std::string failing(const testing::TestParamInfo<bool> &stay_failed) {
-  return stay_failed.param ? "OneAndAllThatFollow" : "One";
-}
 INSTANTIATE_TEST_SUITE_P(Failing, MarshalMemory, testing::Bool(), failing);
 INSTANTIATE_TEST_SUITE_P(Failing, MarshalMemoryOfKeys, testing::Bool(), failing);
 INSTANTIATE_TEST_SUITE_P(Failing, MarshalMemoryOfEnvelopes, testing::Bool(), failing);

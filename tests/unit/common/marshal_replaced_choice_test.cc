@@ -6,6 +6,8 @@
 #include "fakes/log_capture.h"
 #include "support/marshal.h"
 
+namespace replaced_choice {
+
 namespace {
 
 using support::block;
@@ -557,3 +559,5 @@ TEST_F(MarshalFreshChoice, DefaultsThatNoSelectorNamesStay) {
 }
 
 }  // namespace
+
+}  // namespace replaced_choice

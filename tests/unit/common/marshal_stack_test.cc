@@ -22,9 +22,9 @@ void free_text(void *text) {
   freed++;
   free(text);
 }
-const marshal_stack_desc texts = {0, 0x51, free_text, field(0, 0x52, enc_str, dec_str)};
-const marshal_stack_desc notes = {0, 0x51, support::free_note,
-                                  field(0, 0x52, enc_struct, dec_struct, &support::note_desc)};
+const marshal_stack_desc text_stack = {0, 0x51, free_text, field(0, 0x52, enc_str, dec_str)};
+const marshal_stack_desc note_stack = {0, 0x51, support::free_note,
+                                       field(0, 0x52, enc_struct, dec_struct, &support::note_desc)};
 
 struct MarshalStack : testing::Test {
   void SetUp() override {
@@ -35,7 +35,7 @@ struct MarshalStack : testing::Test {
     OPENSSL_sk_pop_free(read, free_text);
     EXPECT_EQ(support::notes_alive, 0);
   }
-  int read_from(const std::string &octets) { return decode(octets, dec_stack, &read, &texts); }
+  int read_from(const std::string &octets) { return decode(octets, dec_stack, &read, &text_stack); }
   const char *text(int i) const { return static_cast<char *>(OPENSSL_sk_value(read, i)); }
   STACK *read = nullptr;
 };
@@ -49,21 +49,21 @@ STACK *stack_of(const std::vector<const char *> &values) {
 
 TEST_F(MarshalStack, ElementsAreWrittenInTheirOrderBetweenEmptyBlocks) {
   STACK *sent = stack_of({"b", "a", ""});
-  EXPECT_EQ(encoded(enc_stack, &sent, 0x50, &texts),
+  EXPECT_EQ(encoded(enc_stack, &sent, 0x50, &text_stack),
             block(0x50) + block(0x52, "b") + block(0x52, "a") + block(0x52) + block(0x51));
   OPENSSL_sk_pop_free(sent, free_text);
 }
 
 TEST_F(MarshalStack, NullElementsAreLeftOut) {
   STACK *sent = stack_of({nullptr, "a", nullptr, "b", nullptr});
-  EXPECT_EQ(encoded(enc_stack, &sent, 0x50, &texts),
+  EXPECT_EQ(encoded(enc_stack, &sent, 0x50, &text_stack),
             block(0x50) + block(0x52, "a") + block(0x52, "b") + block(0x51));
   OPENSSL_sk_pop_free(sent, free_text);
 }
 
 TEST_F(MarshalStack, NullStackIsWrittenAsAnEmptyOneAndComesBackEmpty) {
   STACK *sent = nullptr;
-  std::string octets = encoded(enc_stack, &sent, 0x50, &texts);
+  std::string octets = encoded(enc_stack, &sent, 0x50, &text_stack);
   EXPECT_EQ(octets, block(0x50) + block(0x51));
   EXPECT_EQ(read_from(octets), 0);
   ASSERT_NE(read, nullptr);
@@ -75,7 +75,7 @@ int fails_at_b(BIO *bio, void *field, int tag, void *arg) {
 }
 
 TEST_F(MarshalStack, AnEncodersFailureEndsItWithoutAnEndBlock) {
-  marshal_stack_desc failing = texts;
+  marshal_stack_desc failing = text_stack;
   failing.element.enc = fails_at_b;
   STACK *sent = stack_of({"a", "b", "c"});
   stream out = empty_stream();
@@ -99,7 +99,7 @@ TEST_F(MarshalStack, ThousandsOfElementsComeBack) {
   STACK *sent = OPENSSL_sk_new_null();
   for (int i = 0; i < 5000; i++)
     OPENSSL_sk_push(sent, strdup(std::to_string(i).c_str()));
-  ASSERT_EQ(read_from(encoded(enc_stack, &sent, 0x50, &texts)), 0);
+  ASSERT_EQ(read_from(encoded(enc_stack, &sent, 0x50, &text_stack)), 0);
   ASSERT_EQ(OPENSSL_sk_num(read), 5000);
   for (int i = 0; i < 5000; i++)
     EXPECT_EQ(text(i), std::to_string(i));
@@ -120,7 +120,7 @@ TEST_F(MarshalStack, ForeignTagsBetweenElementsAreSkippedWithALineEach) {
 
 TEST_F(MarshalStack, EndOfTheDataBeforeTheEndTagIsSuccessWithALine) {
   stream in = support::stream_of(block(0x50) + block(0x52, "a") + support::end_of_data + block(9));
-  EXPECT_EQ(decode(in.get(), dec_stack, &read, &texts), 0);
+  EXPECT_EQ(decode(in.get(), dec_stack, &read, &text_stack), 0);
   ASSERT_EQ(OPENSSL_sk_num(read), 1);
   EXPECT_EQ(octets_in(in), block(9));
   std::vector<log_entry> expected = {{4, "unexpected EOD - no end-tag found"}};
@@ -154,11 +154,11 @@ TEST_F(MarshalStack, InputThatRunsOutFreesTheStackThatWasThereToo) {
 
 TEST_F(MarshalStack, StreamThatTakesNoMoreIs9WhereverThatIs) {
   STACK *sent = stack_of({"a", "b"});
-  const std::string whole = encoded(enc_stack, &sent, 0x50, &texts);
+  const std::string whole = encoded(enc_stack, &sent, 0x50, &text_stack);
   for (size_t room = 0; room < whole.size(); room++) {
     support::script of;
     of.writes_left = room;
-    EXPECT_EQ(enc_stack(support::scripted(&of).get(), &sent, 0x50, support::arg(&texts)), 9);
+    EXPECT_EQ(enc_stack(support::scripted(&of).get(), &sent, 0x50, support::arg(&text_stack)), 9);
     EXPECT_EQ(of.output, whole.substr(0, room));
   }
   OPENSSL_sk_pop_free(sent, free_text);
@@ -170,7 +170,7 @@ TEST_F(MarshalStack, StreamThatFailsIs10AndLeavesNull) {
     support::script of{.input = whole};
     of.reads_left = given;
     read = stack_of({"x"});
-    EXPECT_EQ(decode(support::scripted(&of).get(), dec_stack, &read, &texts), 10) << given;
+    EXPECT_EQ(decode(support::scripted(&of).get(), dec_stack, &read, &text_stack), 10) << given;
     EXPECT_EQ(read, nullptr);
   }
 }
@@ -180,7 +180,7 @@ int dec_fails_at_b(BIO *bio, int tag, const unsigned char *data, int len, void *
 }
 
 TEST_F(MarshalStack, AFailingElementFreesTheStackAndKeepsItsCode) {
-  marshal_stack_desc failing = texts;
+  marshal_stack_desc failing = text_stack;
   failing.element.dec = dec_fails_at_b;
   EXPECT_EQ(decode(block(0x50) + block(0x52, "a") + block(0x52, "b"), dec_stack, &read, &failing),
             77);
@@ -195,7 +195,7 @@ int dec_leaves_null(BIO *, int, const unsigned char *, int, void *target, void *
 }
 
 TEST_F(MarshalStack, ElementDecoderIsGivenANullSlotAndMayLeaveItNull) {
-  marshal_stack_desc empty_handed = texts;
+  marshal_stack_desc empty_handed = text_stack;
   empty_handed.element.dec = dec_leaves_null;
   EXPECT_EQ(decode(block(0x50) + block(0x52, "a") + block(0x52) + block(0x51), dec_stack, &read,
                    &empty_handed),
@@ -207,7 +207,7 @@ TEST_F(MarshalStack, ElementDecoderIsGivenANullSlotAndMayLeaveItNull) {
 }
 
 TEST_F(MarshalStack, OffsetOfTheElementRowIsNotRead) {
-  marshal_stack_desc odd = texts;
+  marshal_stack_desc odd = text_stack;
   odd.element.offset = 12345;
   odd.own = 99;
   STACK *sent = stack_of({"a"});
@@ -226,11 +226,11 @@ TEST_F(MarshalStack, StructuresAreElements) {
     made->number = i;
     OPENSSL_sk_push(sent, made);
   }
-  std::string octets = encoded(enc_stack, &sent, 0x50, &notes);
+  std::string octets = encoded(enc_stack, &sent, 0x50, &note_stack);
   EXPECT_EQ(octets, block(0x50) + note_octets("n", 0, 0x52) + note_octets("n", 1, 0x52) +
                         note_octets("n", 2, 0x52) + block(0x51));
   STACK *back = nullptr;
-  ASSERT_EQ(decode(octets, dec_stack, &back, &notes), 0);
+  ASSERT_EQ(decode(octets, dec_stack, &back, &note_stack), 0);
   ASSERT_EQ(OPENSSL_sk_num(back), 3);
   EXPECT_EQ(static_cast<support::note *>(OPENSSL_sk_value(back, 2))->number, 2);
   OPENSSL_sk_pop_free(sent, support::free_note);
@@ -241,7 +241,7 @@ TEST_F(MarshalStack, InputThatRunsOutInAnElementFreesAll) {
   std::string octets = block(0x50) + note_octets("m", 0, 0x52) + note_octets("n", 1, 0x52);
   for (size_t length = 2; length <= octets.size(); length++) {
     STACK *back = nullptr;
-    EXPECT_EQ(decode(octets.substr(0, length), dec_stack, &back, &notes), 42) << length;
+    EXPECT_EQ(decode(octets.substr(0, length), dec_stack, &back, &note_stack), 42) << length;
     EXPECT_EQ(back, nullptr);
     EXPECT_EQ(support::notes_alive, 0);
   }
@@ -266,11 +266,11 @@ TEST_F(MarshalStack, CertificatesOfOtherWritersAreElements) {
 
 TEST_F(MarshalStack, NullArgumentsAreRefused) {
   stream io = empty_stream();
-  EXPECT_EQ(enc_stack(nullptr, &read, 1, support::arg(&texts)), 63);
-  EXPECT_EQ(enc_stack(io.get(), nullptr, 1, support::arg(&texts)), 63);
+  EXPECT_EQ(enc_stack(nullptr, &read, 1, support::arg(&text_stack)), 63);
+  EXPECT_EQ(enc_stack(io.get(), nullptr, 1, support::arg(&text_stack)), 63);
   EXPECT_EQ(enc_stack(io.get(), &read, 1, nullptr), 63);
-  EXPECT_EQ(dec_stack(nullptr, 1, nullptr, 0, &read, support::arg(&texts)), 63);
-  EXPECT_EQ(dec_stack(io.get(), 1, nullptr, 0, nullptr, support::arg(&texts)), 63);
+  EXPECT_EQ(dec_stack(nullptr, 1, nullptr, 0, &read, support::arg(&text_stack)), 63);
+  EXPECT_EQ(dec_stack(io.get(), 1, nullptr, 0, nullptr, support::arg(&text_stack)), 63);
   EXPECT_EQ(dec_stack(io.get(), 1, nullptr, 0, &read, nullptr), 63);
   EXPECT_EQ(octets_in(io), "");
 }
@@ -278,7 +278,7 @@ TEST_F(MarshalStack, NullArgumentsAreRefused) {
 TEST_F(MarshalStack, NullStreamLeavesTheStackThatIsThere) {
   read = stack_of({"x"});
   STACK *before = read;
-  EXPECT_EQ(dec_stack(nullptr, 1, nullptr, 0, &read, support::arg(&texts)), 63);
+  EXPECT_EQ(dec_stack(nullptr, 1, nullptr, 0, &read, support::arg(&text_stack)), 63);
   ASSERT_EQ(read, before);
   EXPECT_STREQ(text(0), "x");
 }

@@ -86,9 +86,6 @@ TEST_F(MarshalStruct, FieldsThatWriteNothingAreAbsent) {
       block(1) + int_block(0x30, 0) + block(0x31) + int_block(0x13, 0) + block(0x11) + block(0x3f));
 }
 
-int fails_with_77(BIO *, void *, int, void *) {
-  return 77;
-}
 int unreachable_enc(BIO *, void *, int, void *) {
   ADD_FAILURE() << "called behind a failure";
   return 0;
@@ -96,7 +93,7 @@ int unreachable_enc(BIO *, void *, int, void *) {
 
 TEST_F(MarshalStruct, AnEncodersFailureEndsItWithoutAnEndBlock) {
   const marshal_field fields[] = {field(offsetof(note, number), 1, enc_int, dec_int),
-                                  field(0, 2, fails_with_77, dec_int),
+                                  field(0, 2, support::enc_fails_with_77, dec_int),
                                   field(0, 3, unreachable_enc, dec_int), last_field()};
   const marshal_struct_desc desc = {0, 9, nullptr, nullptr, 1, fields};
   note here;
@@ -289,12 +286,9 @@ TEST_F(MarshalStruct, AFailingFieldFreesTheObjectAndKeepsItsCode) {
   EXPECT_EQ(read.object, nullptr);
 }
 
-int dec_fails_with_77(BIO *, int, const unsigned char *, int, void *, void *) {
-  return 77;
-}
-
 TEST_F(MarshalStruct, CodesOfADecoderOfTheHostComeThroughAllLevels) {
-  const marshal_field inner_fields[] = {field(0, 2, enc_int, dec_fails_with_77), last_field()};
+  const marshal_field inner_fields[] = {field(0, 2, enc_int, support::dec_fails_with_77),
+                                        last_field()};
   const marshal_struct_desc inner = {0, 3, nullptr, nullptr, 1, inner_fields};
   const marshal_field fields[] = {field(0, 4, enc_struct, dec_struct, &inner), last_field()};
   const marshal_struct_desc outer = {0, 5, support::new_note, support::free_note, 0, fields};
@@ -312,10 +306,6 @@ TEST_F(MarshalStruct, InlineStructureStaysAsFarAsItGot) {
   EXPECT_STREQ(here.text, "kept");
   EXPECT_EQ(here.number, 8);
   free(here.text);
-}
-
-void *no_object() {
-  return nullptr;
 }
 
 TEST_F(MarshalStruct, InlineStructureIsNeitherMadeNorFreed) {
@@ -346,7 +336,7 @@ TEST_F(MarshalStruct, NullStreamIsRefusedWhereNothingWouldBeWrittenToo) {
 
 TEST_F(MarshalStruct, ConstructorWithoutAnObjectIsOutOfMemory) {
   const marshal_struct_desc desc = {
-      0, 0x11, no_object, support::free_note, 0, support::note_fields};
+      0, 0x11, support::no_object, support::free_note, 0, support::note_fields};
   note_owner read("old", 1);
   EXPECT_EQ(decode(note_octets("a", 1), dec_struct, &read.object, &desc), 2);
   EXPECT_EQ(read.object, nullptr);
@@ -395,7 +385,7 @@ TEST_F(MarshalStruct, TheFirstRowThatFitsCounts) {
 TEST_F(MarshalStruct, ANullDecoderEndsTheTableForReading) {
   const marshal_field fields[] = {field(offsetof(note, number), 1, enc_int, dec_int),
                                   field(0, 2, enc_int, nullptr),
-                                  field(0, 3, enc_int, dec_fails_with_77), last_field()};
+                                  field(0, 3, enc_int, support::dec_fails_with_77), last_field()};
   const marshal_struct_desc desc = {0, 9, nullptr, nullptr, 1, fields};
   note here;
   EXPECT_EQ(decode(block(5) + int_block(1, 8) + int_block(2, 8) + int_block(3, 8) + block(9),

@@ -9,6 +9,7 @@
 #include "fakes/log_capture.h"
 #include "support/certs.h"
 #include "support/marshal_record.h"
+#include "unit/common/envelope_tags.h"
 
 namespace {
 
@@ -21,7 +22,9 @@ using support::record;
 using support::stream;
 using support::stream_of;
 
-enum { start = 0x20, check = 0x21, content = 0x22 };
+using envelope_tags::check;
+using envelope_tags::content;
+using envelope_tags::start;
 const char magic[] = "MAGIC";
 const size_t magic_length = 5;
 

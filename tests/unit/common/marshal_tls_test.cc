@@ -81,7 +81,7 @@ struct MarshalTls : testing::Test {
   stream near, far;
 };
 
-const std::vector<log_entry> premature = {{4, "premature EOD on bio"}};
+const std::vector<log_entry> premature_end = {{4, "premature EOD on bio"}};
 
 TEST_F(MarshalTls, ItemsComeThrough) {
   note_owner sent("over TLS", 7), read;
@@ -95,7 +95,7 @@ TEST_F(MarshalTls, OrderlyEndIs42WithALine) {
   close_far();
   EXPECT_EQ(read_a_block(), 0);
   EXPECT_EQ(read_a_block(), 42);
-  EXPECT_EQ(captured_log(), premature) << log_dump();
+  EXPECT_EQ(captured_log(), premature_end) << log_dump();
 }
 
 TEST_F(MarshalTls, OrderlyEndBehindATagOrInALengthIs42WithALine) {
@@ -104,7 +104,7 @@ TEST_F(MarshalTls, OrderlyEndBehindATagOrInALengthIs42WithALine) {
     send(begun);
     close_far();
     EXPECT_EQ(read_a_block(), 42);
-    EXPECT_EQ(captured_log(), premature) << log_dump();
+    EXPECT_EQ(captured_log(), premature_end) << log_dump();
   }
 }
 
@@ -128,7 +128,7 @@ TEST_F(MarshalTls, ConnectionThatIsCutIs42Too) {
   send("\x05");
   BIO_shutdown_wr(SSL_get_wbio(far_tls()));
   EXPECT_EQ(read_a_block(), 42);
-  EXPECT_EQ(captured_log(), premature) << log_dump();
+  EXPECT_EQ(captured_log(), premature_end) << log_dump();
   support::clear_openssl_errors();
 }
 

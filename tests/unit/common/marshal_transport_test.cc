@@ -21,11 +21,10 @@ using support::note_desc;
 using support::note_item;
 using support::note_octets;
 using support::note_owner;
+using support::premature;
 using support::script;
 using support::scripted;
 using support::stream;
-
-const char premature[] = "premature EOD on bio";
 
 struct MarshalTransport : testing::Test {
   void SetUp() override {

@@ -7,13 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "fakes/allocator.h"
 #include "fakes/log_capture.h"
 #include "support/certs.h"
+#include "unit/common/oids_process.h"
 
 namespace {
 
@@ -21,19 +21,6 @@ const char no_list[] = "couldn't allocate nid-list - out of memory";
 const char no_element[] = "couldn't allocate nid-list element - probably out of memory";
 // An arc of this test's own.
 const char other_oid[] = "1.3.6.1.4.1.32473.99.1";
-
-void report_failures() {
-  const auto *result = testing::UnitTest::GetInstance()->current_test_info()->result();
-  for (int i = 0; i < result->total_part_count(); i++)
-    fprintf(stderr, "%d: %s\n", result->GetTestPartResult(i).line_number(),
-            result->GetTestPartResult(i).message());
-}
-
-[[noreturn]] void finish() {
-  pki_cleanup_oids();
-  report_failures();
-  exit(testing::Test::HasFailure() ? 1 : 0);
-}
 
 // What OpenSSL sets up once a process is none of the registration's allocations, and OpenSSL does
 // not try again when that fails.
@@ -90,8 +77,6 @@ class OidsFailures : public testing::Test {
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
   void TearDown() override { GTEST_FLAG_SET(death_test_style, "fast"); }
 };
-
-#define IN_A_FRESH_PROCESS(what) EXPECT_EXIT((what(), finish()), testing::ExitedWithCode(0), "")
 
 void no_memory_for_the_list() {
   warm_up_openssl();

@@ -4,13 +4,13 @@
 #include <libpki/oids.h>
 #include <openssl/objects.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "fakes/allocator.h"
 #include "fakes/log_capture.h"
 #include "support/certs.h"
+#include "unit/common/oids_process.h"
 
 #ifndef PKI_ENTERPRISE_NUMBER
 #define PKI_ENTERPRISE_NUMBER "32473"
@@ -25,7 +25,7 @@ struct row {
   const char *short_name;
 };
 
-const row rows[] = {
+const row registered[] = {
     {VENDOR, "zelvo"},
     {VENDOR ".1", "zelvo-pki"},
     {VENDOR ".1.1", "cert-req-attrs"},
@@ -45,7 +45,7 @@ const row rows[] = {
     {VERISIGN ".1.9.9", "verisign-version"},
     {VERISIGN ".1.9.10", "verisign-dualstatus"},
 };
-constexpr int row_count = sizeof rows / sizeof *rows;
+constexpr int row_count = sizeof registered / sizeof *registered;
 
 std::string oid_of(int nid) {
   char text[100] = "";
@@ -63,20 +63,10 @@ int nid_of(const char *oid) {
 void expect_all_rows() {
   for (int i = 0; i < row_count; i++) {
     EXPECT_GE(pki_nid_list[i], 1) << i;
-    EXPECT_EQ(oid_of(pki_nid_list[i]), rows[i].oid) << i;
-    EXPECT_STREQ(OBJ_nid2sn(pki_nid_list[i]), rows[i].short_name) << i;
-    EXPECT_EQ(OBJ_txt2nid(rows[i].short_name), pki_nid_list[i]) << i;
+    EXPECT_EQ(oid_of(pki_nid_list[i]), registered[i].oid) << i;
+    EXPECT_STREQ(OBJ_nid2sn(pki_nid_list[i]), registered[i].short_name) << i;
+    EXPECT_EQ(OBJ_txt2nid(registered[i].short_name), pki_nid_list[i]) << i;
   }
-}
-
-// Ends the process that a death test started, with what its expectations gave.
-[[noreturn]] void finish() {
-  pki_cleanup_oids();
-  const auto *result = testing::UnitTest::GetInstance()->current_test_info()->result();
-  for (int i = 0; i < result->total_part_count(); i++)
-    fprintf(stderr, "%d: %s\n", result->GetTestPartResult(i).line_number(),
-            result->GetTestPartResult(i).message());
-  exit(result->Failed() ? 1 : 0);
 }
 
 class OidsRegister : public testing::Test {
@@ -84,8 +74,6 @@ class OidsRegister : public testing::Test {
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
   void TearDown() override { GTEST_FLAG_SET(death_test_style, "fast"); }
 };
-
-#define IN_A_FRESH_PROCESS(what) EXPECT_EXIT((what(), finish()), testing::ExitedWithCode(0), "")
 
 TEST_F(OidsRegister, TableHas18Rows) {
   EXPECT_EQ(row_count, 18);
@@ -99,7 +87,7 @@ TEST_F(OidsRegister, TableHas18Rows) {
 }
 
 void nothing_is_known_before() {
-  for (const row &expected : rows)
+  for (const row &expected : registered)
     EXPECT_EQ(nid_of(expected.oid), NID_undef) << expected.oid;
 }
 TEST_F(OidsRegister, NoObjectIsKnownBefore) {
@@ -208,7 +196,7 @@ void keeps_the_hosts_objects() {
   EXPECT_EQ(pki_nid_list[PKI_OID_SECRET], secret);
   EXPECT_EQ(pki_nid_list[PKI_OID_SCEP_PKI_STATUS], status);
   for (int i = 0; i < row_count; i++)
-    EXPECT_EQ(oid_of(pki_nid_list[i]), rows[i].oid) << i;
+    EXPECT_EQ(oid_of(pki_nid_list[i]), registered[i].oid) << i;
 }
 TEST_F(OidsRegister, ObjectsThatTheHostRegisteredKeepTheirNumbers) {
   IN_A_FRESH_PROCESS(keeps_the_hosts_objects);

@@ -15,6 +15,7 @@
 #include "fakes/log_capture.h"
 #include "support/ca_info_doc.h"
 #include "support/certs.h"
+#include "unit/common/failing.h"
 
 namespace {
 
@@ -366,10 +367,6 @@ TEST_P(Pkcs7EnvelopeMemory, DecryptWithAes) {
 
 TEST_P(Pkcs7EnvelopeMemory, DecryptWithDes) {
   sweep_decrypt(EVP_des_cbc());
-}
-
-std::string failing(const testing::TestParamInfo<bool> &stay_failed) {
-  return stay_failed.param ? "OneAndAllThatFollow" : "One";
 }
 
 INSTANTIATE_TEST_SUITE_P(Failing, Pkcs7Memory, testing::Bool(), failing);

@@ -10,6 +10,7 @@
 #include "fakes/log_capture.h"
 #include "support/ca_info_doc.h"
 #include "support/certs.h"
+#include "unit/common/first_signer.h"
 
 namespace {
 
@@ -77,10 +78,6 @@ void expect_refused(const opened &result, int code) {
   EXPECT_EQ(result.code, code);
   EXPECT_FALSE(result.has_content);
   EXPECT_EQ(result.length, 0);
-}
-
-PKCS7_SIGNER_INFO *first_signer(const support::pkcs7 &message) {
-  return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(message.get()), 0);
 }
 
 bool has_attribute(const PKCS7_SIGNER_INFO *info, int nid) {

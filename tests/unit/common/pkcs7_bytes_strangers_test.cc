@@ -10,6 +10,7 @@
 #include "fakes/log_capture.h"
 #include "support/ca_info_doc.h"
 #include "support/certs.h"
+#include "unit/common/first_signer.h"
 
 namespace {
 
@@ -59,10 +60,6 @@ struct VerifyBytesStrangers : testing::Test {
 };
 
 const support::name nobody = support::make_name({});
-
-PKCS7_SIGNER_INFO *first_signer(const pkcs7 &message) {
-  return sk_PKCS7_SIGNER_INFO_value(message->d.sign->signer_info, 0);
-}
 
 // What the first signature covers in a message with attributes: their DER, as a SET.
 std::string signed_attributes(const pkcs7 &message) {

@@ -28,7 +28,7 @@ i2d_fn *const i2d_cert = reinterpret_cast<i2d_fn *>(i2d_X509);
 
 // An encoder that does as its "object" says, as OpenSSL's do: size without a buffer, then octets
 // into the buffer, which it advances.
-struct script {
+struct encoder_script {
   int size;    // what the first call returns
   int second;  // what the second call returns
   int calls = 0;
@@ -36,7 +36,7 @@ struct script {
 };
 
 int i2d_script(const void *object, unsigned char **out) {
-  auto *play = static_cast<script *>(const_cast<void *>(object));
+  auto *play = static_cast<encoder_script *>(const_cast<void *>(object));
   int call = play->calls++;
   play->had_buffer[call] = out && *out;
   if (!out || !*out)
@@ -78,7 +78,7 @@ TEST_F(UtilDer, EncodesACertificate) {
 }
 
 TEST_F(UtilDer, AsksForTheSizeFirst) {
-  script play{4, 4};
+  encoder_script play{4, 4};
   encoding der(&play, i2d_script);
   EXPECT_EQ(play.calls, 2);
   EXPECT_FALSE(play.had_buffer[0]);
@@ -88,7 +88,7 @@ TEST_F(UtilDer, AsksForTheSizeFirst) {
 
 TEST_F(UtilDer, SizeBelowOneIsNullAndStored) {
   for (int size : {0, -1, -7}) {
-    script play{size, 1};
+    encoder_script play{size, 1};
     encoding der(&play, i2d_script);
     EXPECT_EQ(der.bytes, nullptr);
     EXPECT_EQ(der.length, size);
@@ -98,7 +98,7 @@ TEST_F(UtilDer, SizeBelowOneIsNullAndStored) {
 }
 
 TEST_F(UtilDer, SecondCallThatGivesZeroIsLoggedAndNull) {
-  script play{4, 0};
+  encoder_script play{4, 0};
   encoding der(&play, i2d_script);
   EXPECT_EQ(der.bytes, nullptr);
   ASSERT_EQ(captured_log().size(), 1u) << log_dump();
@@ -133,7 +133,7 @@ TEST_F(UtilDer, SecondCallThatDisagreesWithTheFirstIsNull) {
 }
 
 TEST_F(UtilDer, SecondCallThatGivesANegativeLengthIsLoggedAndNull) {
-  script play{4, -1};
+  encoder_script play{4, -1};
   encoding der(&play, i2d_script);
   EXPECT_EQ(der.bytes, nullptr);
   ASSERT_EQ(captured_log().size(), 1u) << log_dump();
@@ -144,7 +144,7 @@ TEST_F(UtilDer, SecondCallThatGivesANegativeLengthIsLoggedAndNull) {
 TEST_F(UtilDer, OutOfMemoryIsNull) {
   if (!fake_allocator::available())
     GTEST_SKIP() << "this build's allocator cannot be told to fail";
-  script play{4, 4};
+  encoder_script play{4, 4};
   int length = -99;
   fake_allocator::fail_at(1);
   unsigned char *bytes = der_encode(&play, i2d_script, &length);
@@ -166,9 +166,9 @@ TEST_F(UtilDer, HexIsTheEncodingInDigits) {
 }
 
 TEST_F(UtilDer, HexOfWhatCannotBeEncodedIsNull) {
-  script no_size{0, 0};
+  encoder_script no_size{0, 0};
   EXPECT_EQ(hex_der(&no_size, i2d_script), "null");
-  script no_octets{4, 0};
+  encoder_script no_octets{4, 0};
   EXPECT_EQ(hex_der(&no_octets, i2d_script), "null");
 }
 
@@ -186,7 +186,7 @@ TEST_F(UtilDer, HexOfNothingIsNullWithoutAWord) {
 }
 
 TEST_F(UtilDer, WithoutAnEncoderOrALengthThereIsNothing) {
-  script play{4, 4};
+  encoder_script play{4, 4};
   int length = 7;
   EXPECT_EQ(der_encode(&play, nullptr, &length), nullptr);
   EXPECT_EQ(length, 7);
@@ -200,7 +200,7 @@ TEST_F(UtilDer, HexIsNullWheneverMemoryRunsOut) {
   char *text = nullptr;
   size_t failures = fake_allocator::sweep(
       [&] {
-        script play{4, 4};
+        encoder_script play{4, 4};
         text = hex_der_encode(&play, i2d_script);
         free(text);
       },

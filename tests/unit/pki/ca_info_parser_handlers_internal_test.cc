@@ -12,12 +12,9 @@
 #include "fakes/log_capture.h"
 #include "pki/ca_info_context.h"
 #include "support/ca_info_doc.h"
+#include "unit/pki/xml_text.h"
 
 namespace {
-
-const xmlChar *xml(const char *text) {
-  return reinterpret_cast<const xmlChar *>(text);
-}
 
 struct CaInfoHandlers : support::ca_info_test {
   void SetUp() override {

@@ -148,7 +148,7 @@ TEST_F(EnrollFailures, CertificateForAnotherKeyIs65AndLoggedWhole) {
   reply.issued = cert_for(2);
   EXPECT_EQ(enroll_with(reply), PKI_KEY_MISMATCH);
   EXPECT_EQ(own_lines(), (lines{{2, "wrong public key in new certificate: " +
-                                        support::hex(support::der(reply.issued))}}));
+                                        support::upper_hex(support::der(reply.issued))}}));
   expect_nothing_filed();
   EXPECT_EQ(ERR_peek_error(), 0u);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "fakes/allocator.h"
+#include "support/ca_info_doc.h"
 #include "support/certs.h"
 #include "support/store_fixture.h"
 #include "unit/pki_store_alloc/destruction.h"
@@ -17,13 +18,6 @@
 namespace support {
 
 using pointers = std::vector<const void *>;
-
-inline pointers elements(const STACK *list) {
-  pointers found;
-  for (int i = 0; i < OPENSSL_sk_num(list); i++)
-    found.push_back(OPENSSL_sk_value(list, i));
-  return found;
-}
 
 inline pointers elements(const void *list) {
   return elements(static_cast<const STACK *>(list));

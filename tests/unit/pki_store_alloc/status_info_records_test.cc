@@ -10,16 +10,14 @@
 #include "fakes/log_capture.h"
 #include "support/certs.h"
 #include "unit/pki_store_alloc/destruction.h"
+#include "unit/pki_store_alloc/unsupported.h"
 
 namespace {
 
 using support::reference;
+using support::unsupported;
 using support::watch;
 using lines = std::vector<log_entry>;
-
-lines unsupported(int mechanism) {
-  return {{3, "unsupported mechanism " + std::to_string(mechanism)}};
-}
 
 cert_match_rule *subject_rule() {
   cert_match_rule *rule = alloc_cert_match_rule();

@@ -149,7 +149,7 @@ TEST_F(ScepQuery, AnswerWithoutACertificateIsInvalid) {
     reply.payload = content;
     EXPECT_EQ(ask_with(reply), PKI_INVALID_SCEP_RSP);
     EXPECT_EQ(own_lines(), (log_lines{{3, "no certificate found in response tocert-request: " +
-                                              support::hex(content)}}));
+                                              support::upper_hex(content)}}));
     EXPECT_EQ(query->cert, nullptr);
   }
 }

@@ -34,7 +34,7 @@ class ScepOutcome : public support::scep_client_test {
     EXPECT_EQ(enroll_with(reply), PKI_INVALID_SCEP_RSP);
     EXPECT_EQ(issued, nullptr);
     EXPECT_EQ(own_lines(), (log_lines{{3, "no certificate found in response tocert-request: " +
-                                              support::hex(content)}}));
+                                              support::upper_hex(content)}}));
   }
   void expect_invalid(const scep_reply &reply) {
     clear_log();
@@ -163,7 +163,7 @@ TEST_F(ScepOutcome, BodyThatIsNoMessageIsInvalid) {
     clear_log();
     EXPECT_EQ(enroll_with(reply), PKI_INVALID_SCEP_RSP);
     EXPECT_EQ(own_lines(),
-              (log_lines{{3, "failed to decode scep response: " + support::hex(body)}}));
+              (log_lines{{3, "failed to decode scep response: " + support::upper_hex(body)}}));
   }
 }
 

@@ -77,7 +77,7 @@ class ScepCertReq : public support::scep_client_test {
     int length = i2d_PUBKEY(own_key.get(), &spki);
     EVP_Digest(spki, static_cast<size_t>(length), digest, nullptr, EVP_md5(), nullptr);
     OPENSSL_free(spki);
-    return support::hex(std::string(reinterpret_cast<char *>(digest), 16));
+    return support::upper_hex(std::string(reinterpret_cast<char *>(digest), 16));
   }
   // 78, the line with this number, no request.
   void expect_board_failure(int number) {

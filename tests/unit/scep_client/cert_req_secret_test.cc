@@ -67,7 +67,7 @@ class ScepSecret : public support::scep_client_test {
     return code;
   }
   static bool mentions(std::string text) {
-    std::string plain(secret), upper = support::hex(plain), lower = upper;
+    std::string plain(secret), upper = support::upper_hex(plain), lower = upper;
     for (char &each : lower)
       each = static_cast<char>(tolower(each));
     for (const std::string &form : {plain, upper, lower})

@@ -56,7 +56,7 @@ class ScepResponse : public support::store_test {
   void expect_refused(const scep_reply &reply, const std::string &line) {
     std::string octets = answer_of(reply);
     EXPECT_EQ(parse(octets), PKI_INVALID_SCEP_RSP);
-    EXPECT_EQ(own_lines(), (log_lines{{3, line + support::hex(octets)}})) << log_dump();
+    EXPECT_EQ(own_lines(), (log_lines{{3, line + support::upper_hex(octets)}})) << log_dump();
   }
   // The same for checks whose line stands alone.
   void expect_transaction_refused(const scep_reply &reply, const std::string &line) {
@@ -166,7 +166,8 @@ TEST_F(ScepResponse, RecipientNonceMustBeTheRequestsSenderNonce) {
   expect_transaction_refused(
       reply,
       "The sender-nonce in the request doesn't match the recipient-nonce in the response: '" +
-          support::hex(nonce()) + "' != '" + support::hex(*reply.recipient_nonce) + "'");
+          support::upper_hex(nonce()) + "' != '" + support::upper_hex(*reply.recipient_nonce) +
+          "'");
 }
 
 TEST_F(ScepResponse, RecipientNonceWithAnotherLengthIsRefused) {
@@ -174,7 +175,7 @@ TEST_F(ScepResponse, RecipientNonceWithAnotherLengthIsRefused) {
     scep_reply reply;
     reply.recipient_nonce = wrong;
     EXPECT_EQ(parse(answer_of(reply)), PKI_INVALID_SCEP_RSP);
-    EXPECT_TRUE(logged_containing(3, "' != '" + support::hex(wrong) + "'")) << log_dump();
+    EXPECT_TRUE(logged_containing(3, "' != '" + support::upper_hex(wrong) + "'")) << log_dump();
   }
 }
 

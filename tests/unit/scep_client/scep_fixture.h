@@ -42,7 +42,7 @@ inline std::string code_text(int code) {
 }
 
 inline std::string hex_der(const pkcs7 &object) {
-  return hex(der(object));
+  return upper_hex(der(object));
 }
 
 // A client that enrolls by scep_cert_req.

@@ -102,6 +102,11 @@ inline record hold(cert_sts_info *info) {
   return record(info, cv_free_cert_sts_info);
 }
 
+// -1 without a record.
+inline int status_of(const record &info) {
+  return info ? info->status : -1;
+}
+
 inline record make_record(const support::cert &cert, time_t valid_until = start + 3600,
                           int status = PKI_CERT_OK) {
   support::asn1_time time = support::make_time(valid_until);

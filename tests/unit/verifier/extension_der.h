@@ -7,20 +7,13 @@
 #include <utility>
 #include <vector>
 
+#include "support/ocsp_responder.h"
+
 namespace extension_der {
 
 using extension = std::pair<std::string, std::string>;
 
-inline std::string tlv(unsigned char tag, const std::string &content) {
-  std::string length;
-  for (size_t left = content.size(); left > 0; left >>= 8)
-    length.insert(length.begin(), static_cast<char>(left & 0xff));
-  if (content.size() >= 0x80)
-    length.insert(length.begin(), static_cast<char>(0x80 | length.size()));
-  else if (content.empty())
-    length.assign(1, '\0');
-  return static_cast<char>(tag) + length + content;
-}
+using support::tlv;
 
 // An extension of these octets, whatever they are.
 inline extension raw(const std::string &name, const std::string &octets, bool critical = false) {
@@ -98,7 +91,7 @@ inline std::string full_name(const std::string &names) {
   return tlv(0xA0, tlv(0xA0, names));
 }
 inline const std::string relative_name = tlv(0xA0, tlv(0xA1, cn_attribute));
-inline const std::string some_reasons = tlv(0x81, "\x01\x60");
+inline const std::string two_reasons = tlv(0x81, "\x01\x60");
 inline std::string crl_issuer(const std::string &names) {
   return tlv(0xA2, names);
 }

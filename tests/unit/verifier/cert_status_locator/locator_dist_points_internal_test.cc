@@ -45,7 +45,7 @@ TEST_F(LocatorPoints, NoExtensionMakesNone) {
 }
 
 TEST_F(LocatorPoints, CopiesAreDeepAndOutliveTheCertificate) {
-  std::string whole = point(full_name(general_name(4) + uri("http://a/")) + some_reasons +
+  std::string whole = point(full_name(general_name(4) + uri("http://a/")) + two_reasons +
                             crl_issuer(general_name(4)));
   support::cert cert = make_cert({crl_dp_of(whole), freshest_of(whole)});
   list_ptr list = find_locators(cert);
@@ -57,7 +57,7 @@ TEST_F(LocatorPoints, CopiesAreDeepAndOutliveTheCertificate) {
 
 TEST_F(LocatorPoints, PointWithoutNameIsDropped) {
   for (const std::string &nameless :
-       {point(""), point(some_reasons), point(crl_issuer(general_name(4)))}) {
+       {point(""), point(two_reasons), point(crl_issuer(general_name(4)))}) {
     clear_log();
     list_ptr list = find_locators(make_cert({crl_dp_of(nameless)}));
     EXPECT_EQ(lines{"points 0 delta 0"}, describe(list));

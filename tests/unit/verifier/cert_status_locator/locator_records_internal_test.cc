@@ -141,7 +141,7 @@ TEST_F(LocatorRecords, UnknownTypeIsReportedAndKept) {
 }
 
 TEST_F(LocatorRecords, PointCopyIsDeepAndEqual) {
-  std::string octets = point(full_name(uri("http://a/") + general_name(4)) + some_reasons +
+  std::string octets = point(full_name(uri("http://a/") + general_name(4)) + two_reasons +
                              crl_issuer(general_name(4)));
   const auto *in = reinterpret_cast<const unsigned char *>(octets.data());
   DIST_POINT *original = d2i_DIST_POINT(nullptr, &in, static_cast<long>(octets.size()));

@@ -6,15 +6,16 @@
 #include "fakes/allocator.h"
 #include "fakes/failures.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
+#include "unit/verifier/codes.h"
 #include "verifier/cert_verifier/ocsp.h"
 
 using namespace ocsp_support;
 
 namespace {
 
-constexpr int out_of_memory = 2, not_asn1 = 15, no_url = 45, http_failed = 47, no_head = 48,
-              no_reference = 49, no_argument = 63, no_signers = 67, no_key = 75, no_lock = 80,
-              wrong_time = 85, ocsp_failed = 87;
+constexpr int not_asn1 = 15, no_url = 45, http_failed = 47, no_head = 48, no_reference = 49,
+              no_argument = 63, no_signers = 67, no_key = 75, no_lock = 80, wrong_time = 85,
+              ocsp_failed = 87;
 
 pki::ocsp_reply reply_of(const std::string &octets) {
   pki::ocsp_reply reply;

@@ -15,23 +15,22 @@
 #include "support/certs.h"
 #include "support/ocsp_responder.h"
 #include "unit/verifier/cache_support.h"
+#include "unit/verifier/issued_certs.h"
 #include "unit/verifier/own_log.h"
 #include "verifier/cert_status.h"
 
 namespace ocsp_support {
 
+using namespace issued_certs;
 using cache_support::record;
 using cache_support::start;
+using cache_support::status_of;
 using support::ocsp_nonce;
 using support::ocsp_options;
 using support::ocsp_responder;
 using support::ocsp_single;
-using extensions = std::vector<std::pair<std::string, std::string>>;
 
-// Which of the test keys belongs to whom.
-enum key_owner { device_key = 0, issuer_key = 1, responder_key = 2, stranger_key = 3 };
-
-constexpr long device_serial = 10, responder_serial = 20;
+constexpr long responder_serial = 20;
 
 const std::pair<std::string, std::string> ocsp_signing = {"extendedKeyUsage", "OCSPSigning"};
 const std::pair<std::string, std::string> no_check = {"noCheck", "ignored"};
@@ -39,44 +38,8 @@ inline std::pair<std::string, std::string> ask_at(const std::string &url) {
   return {"authorityInfoAccess", "OCSP;URI:" + url};
 }
 
-// Valid from an hour before the clock stopped until a year later.
-inline support::cert_options valid_options(const std::string &cn, long serial, int owner) {
-  support::cert_options options;
-  options.subject = support::common_name(cn);
-  options.serial = serial;
-  options.public_key = support::test_key(owner);
-  options.not_before = start - 3600;
-  options.not_after = start + 365 * 86400;
-  return options;
-}
-
-inline support::cert make_issuer(const std::string &cn = "issuer", int owner = issuer_key) {
-  support::cert_options options = valid_options(cn, 1, owner);
-  options.ca = true;
-  return support::make_cert(options);
-}
-
-// A certificate that "issuer" issued.
-inline support::cert issue(const std::string &cn, long serial, int owner,
-                           const extensions &more = {}) {
-  support::cert_options options = valid_options(cn, serial, owner);
-  options.issuer = support::common_name("issuer");
-  options.signing_key = support::test_key(issuer_key);
-  options.extensions = more;
-  return support::make_cert(options);
-}
-
 inline support::cert issue_responder(const extensions &more = {ocsp_signing, no_check}) {
   return issue("responder", responder_serial, responder_key, more);
-}
-
-inline std::string octets_of(const ASN1_STRING *string) {
-  return std::string(reinterpret_cast<const char *>(ASN1_STRING_get0_data(string)),
-                     static_cast<size_t>(ASN1_STRING_length(string)));
-}
-
-inline int status_of(const record &info) {
-  return info ? info->status : -1;
 }
 
 inline bool in_list(const STACK *list, const support::cert &wanted) {

@@ -1,24 +1,13 @@
 // The four rules about the times of an answer, on both sides of each bound.
 #include "unit/verifier/cert_verifier/ocsp_support.h"
+#include "unit/verifier/printed_time.h"
 
 using namespace ocsp_support;
 
 namespace {
 
-constexpr time_t day = 86400;
 constexpr time_t tolerance = 300;
 constexpr time_t oldest = 43200300;  // 500 days and the tolerance
-
-std::string printed(time_t when) {
-  support::asn1_time time = support::make_time(when);
-  BIO *bio = BIO_new(BIO_s_mem());
-  ASN1_TIME_print(bio, time.get());
-  char *data = nullptr;
-  long length = BIO_get_mem_data(bio, &data);
-  std::string text(data, static_cast<size_t>(length));
-  BIO_free(bio);
-  return text;
-}
 
 class OcspTimes : public ocsp_query_test {
  protected:
@@ -116,7 +105,7 @@ TEST_F(OcspTimes, DistantNextUpdateIsAccepted) {
   options.single.next_update_text = "99991231235959Z";
   record info = ask(options);
   ASSERT_NE(nullptr, info);
-  EXPECT_EQ("99991231235959Z", octets_of(info->valid_until));
+  EXPECT_EQ("99991231235959Z", support::octets_of(info->valid_until));
 }
 
 TEST_F(OcspTimes, ClockThatMovesIsSeen) {

@@ -79,7 +79,7 @@ struct told {
   bool operator==(const told &) const = default;
 };
 
-void listen(void *arg, const cv_trace_event *event) {
+void hear_status(void *arg, const cv_trace_event *event) {
   char subject[100];
   X509_NAME_oneline(X509_get_subject_name(event->cert), subject, sizeof subject);
   if (event->kind == PKI_TRACE_STATUS || event->kind == PKI_TRACE_STATUS_END)
@@ -89,7 +89,7 @@ void listen(void *arg, const cv_trace_event *event) {
 TEST_F(StatusBreadth, NestedChecksAreToldOneDeeperAndWithin) {
   give_signers(2);
   std::vector<told> heard;
-  zv_cv_set_trace(listen, &heard);
+  zv_cv_set_trace(hear_status, &heard);
   EXPECT_EQ(PKI_CERT_UNKNOWN, check());
   EXPECT_EQ((std::vector<told>{{PKI_TRACE_STATUS, 0, "/CN=leaf"},
                                {PKI_TRACE_STATUS, 1, "/CN=signer"},

@@ -16,6 +16,7 @@
 #include "fakes/log_capture.h"
 #include "support/certs.h"
 #include "support/store_fixture.h"
+#include "unit/verifier/cache_support.h"
 
 namespace validator_support {
 
@@ -222,10 +223,8 @@ inline void add_ocsp(const std::string &url, bool after, bool is_final,
                                  is_final));
 }
 
-using record = std::unique_ptr<cert_sts_info, void (*)(cert_sts_info *)>;
-inline record hold(cert_sts_info *info) {
-  return record(info, cv_free_cert_sts_info);
-}
+using cache_support::hold;
+using cache_support::record;
 inline record cached(const cert &subject) {
   return hold(zv_cv_find_cert_sts_info_cache(subject.get()));
 }

@@ -14,7 +14,7 @@ using pki::cv_crl_cache;
 namespace {
 
 // Before any test could run the set-up.
-const bool initialised_at_load = pki::crl_is_init;
+const bool crl_initialised_at_load = pki::crl_is_init;
 
 crl_cache_entry &slot(size_t number) {
   return cv_crl_cache.entries[number];
@@ -44,7 +44,7 @@ void add_at(time_t when, const support::crl &crl, X509 *signer = nullptr) {
 class CrlCacheState : public cache_test {};
 
 TEST_F(CrlCacheState, SetUpIsMarked) {
-  EXPECT_FALSE(initialised_at_load);
+  EXPECT_FALSE(crl_initialised_at_load);
   EXPECT_TRUE(pki::crl_is_init);
 }
 

@@ -6,8 +6,8 @@ using namespace cache_support;
 
 namespace {
 
-constexpr int threads = 8;
-constexpr int rounds = 500;
+constexpr int crl_threads = 8;
+constexpr int crl_rounds = 500;
 
 class CrlCacheThreads : public cache_test {
  protected:
@@ -72,8 +72,8 @@ class CrlCacheThreads : public cache_test {
 
 TEST_F(CrlCacheThreads, AddingFindingRemovingAndClearingLoseNoReference) {
   std::atomic<int> wrong{0};
-  in_threads(threads, [&](int thread) {
-    for (int round = 0; round < rounds; round++)
+  in_threads(crl_threads, [&](int thread) {
+    for (int round = 0; round < crl_rounds; round++)
       wrong += play(thread, round);
   });
   EXPECT_EQ(0, wrong);
@@ -84,8 +84,8 @@ TEST_F(CrlCacheThreads, AddingFindingRemovingAndClearingLoseNoReference) {
 TEST_F(CrlCacheThreads, LookUpsRunSideBySide) {
   ASSERT_EQ(0, zv_cv_add_crl_to_cache(crls[2].crl.get(), signer.cert.get()));
   std::atomic<int> wrong{0};
-  in_threads(threads, [&](int thread) {
-    for (int round = 0; round < 4 * rounds; round++) {
+  in_threads(crl_threads, [&](int thread) {
+    for (int round = 0; round < 4 * crl_rounds; round++) {
       X509 *found_signer = nullptr;
       X509_CRL *found = zv_cv_find_crl_in_cache(issuers[2].get(), 511, &found_signer);
       wrong += found != crls[2].crl.get() || found_signer != signer.cert.get();
@@ -96,7 +96,7 @@ TEST_F(CrlCacheThreads, LookUpsRunSideBySide) {
     }
   });
   EXPECT_EQ(0, wrong);
-  EXPECT_LE(start + 4 * rounds - 8, pki::cv_crl_cache.entries[0].last_access);
+  EXPECT_LE(start + 4 * crl_rounds - 8, pki::cv_crl_cache.entries[0].last_access);
   expect_a_sound_cache();
 }
 
@@ -105,8 +105,8 @@ TEST_F(CrlCacheThreads, BothCachesServeTheSameThreads) {
   for (int i = 0; i < 24; i++)
     certs.push_back(make_watched_cert("device", i + 1));
   std::atomic<int> wrong{0};
-  in_threads(threads, [&](int thread) {
-    for (int round = 0; round < rounds; round++) {
+  in_threads(crl_threads, [&](int thread) {
+    for (int round = 0; round < crl_rounds; round++) {
       wrong += play(thread, round);
       X509 *cert = certs[static_cast<size_t>(thread * 3 + round) % 24].cert.get();
       support::asn1_time until = support::make_time(start + 3600);

@@ -30,7 +30,7 @@ std::shared_ptr<T> decode(const std::string &octets, T *(*d2i)(T **, const unsig
 inline support::crl decode_crl(const std::string &octets) {
   return decode<X509_CRL>(octets, d2i_X509_CRL, X509_CRL_free);
 }
-inline support::crl make_crl(const support::crl_fields &fields = {}) {
+inline support::crl crl_object(const support::crl_fields &fields = {}) {
   return decode_crl(support::crl_octets(fields));
 }
 
@@ -41,11 +41,16 @@ inline points make_points(const std::string &encodings) {
                                  CRL_DIST_POINTS_free);
 }
 
+// The field of a point whose CRLs this CA issues.
+inline std::string issued_by(const std::string &common_name) {
+  return extension_der::crl_issuer(support::der_directory_name(common_name));
+}
+
 using idp = std::shared_ptr<ISSUING_DIST_POINT>;
 inline idp make_idp(const support::idp_fields &fields) {
   support::crl_fields made;
   made.extensions = support::issuing_dist_point(fields);
-  support::crl crl = make_crl(made);
+  support::crl crl = crl_object(made);
   return idp(static_cast<ISSUING_DIST_POINT *>(
                  X509_CRL_get_ext_d2i(crl.get(), NID_issuing_distribution_point, nullptr, nullptr)),
              ISSUING_DIST_POINT_free);

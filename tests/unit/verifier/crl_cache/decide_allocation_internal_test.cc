@@ -15,13 +15,13 @@ using namespace decide_support;
 namespace {
 
 std::atomic<int> living_crls{0}, decoded_crls{0};
-int decoded(X509_CRL *crl) {
+int count_decoded(X509_CRL *crl) {
   X509_CRL_set_meth_data(crl, &living_crls);
   living_crls++;
   decoded_crls++;
   return 1;
 }
-int released(X509_CRL *crl) {
+int count_released(X509_CRL *crl) {
   if (X509_CRL_get_meth_data(crl))
     living_crls--;
   X509_CRL_set_meth_data(crl, nullptr);
@@ -30,7 +30,7 @@ int released(X509_CRL *crl) {
 
 // Counts decoded CRLs while it lives.
 struct crl_count {
-  crl_count() : method(X509_CRL_METHOD_new(decoded, released, nullptr, nullptr)) {
+  crl_count() : method(X509_CRL_METHOD_new(count_decoded, count_released, nullptr, nullptr)) {
     X509_CRL_set_default_method(method);
     living_crls = decoded_crls = 0;
   }

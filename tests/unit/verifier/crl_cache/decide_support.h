@@ -13,55 +13,23 @@
 #include "support/test_server.h"
 #include "unit/verifier/cache_support.h"
 #include "unit/verifier/crl_cache/crl_objects.h"
+#include "unit/verifier/issued_certs.h"
 #include "verifier/cert_status.h"
 
 namespace decide_support {
 
+using namespace issued_certs;
 using cache_support::record;
 using cache_support::start;
+using cache_support::status_of;
 using support::crl_entry;
 using support::crl_fields;
 using certs = std::vector<support::cert>;
 
-// Which of the test keys belongs to whom.
-enum key_owner { device_key = 0, issuer_key = 1, authority_key = 2, stranger_key = 3 };
-
-constexpr long device_serial = 10;
 constexpr int no_answer = -1;
 
-// Valid from an hour before the clock stopped until a year later.
-inline support::cert_options valid_options(const std::string &cn, long serial, int owner) {
-  support::cert_options options;
-  options.subject = support::common_name(cn);
-  options.serial = serial;
-  options.public_key = support::test_key(owner);
-  options.not_before = start - 3600;
-  options.not_after = start + 365 * 86400;
-  return options;
-}
-
-// A self-signed CA.
-inline support::cert make_issuer(const std::string &cn = "issuer", int owner = issuer_key,
-                                 long serial = 1) {
-  support::cert_options options = valid_options(cn, serial, owner);
-  options.ca = true;
-  return support::make_cert(options);
-}
-
-using extensions = std::vector<std::pair<std::string, std::string>>;
 const std::pair<std::string, std::string> crl_sign = {"keyUsage", "critical,cRLSign"};
 const std::pair<std::string, std::string> no_crl_sign = {"keyUsage", "critical,keyCertSign"};
-
-// A certificate that `by`, whose key is test_key(by_key), issued.
-inline support::cert issue(const std::string &cn, long serial, int owner,
-                           const extensions &more = {}, const std::string &by = "issuer",
-                           int by_key = issuer_key) {
-  support::cert_options options = valid_options(cn, serial, owner);
-  options.issuer = support::common_name(by);
-  options.signing_key = support::test_key(by_key);
-  options.extensions = more;
-  return support::make_cert(options);
-}
 
 // The issuer's CRL with these entries and extensions.
 inline crl_fields crl_of(const std::string &entries = "", const std::string &crl_extensions = "",
@@ -161,9 +129,6 @@ inline std::string encode_places(const crl_server &server, const std::vector<pla
   return encodings;
 }
 
-inline int status_of(const record &info) {
-  return info ? info->status : no_answer;
-}
 inline testing::AssertionResult valid_until(const record &info, time_t when) {
   if (!info)
     return testing::AssertionFailure() << "no answer";
@@ -265,7 +230,7 @@ class decide_test : public support::store_test {
     return cache_support::peek(issuer_cn, reasons) != nullptr;
   }
   static void cache(const crl_fields &fields, const support::cert &signer) {
-    EXPECT_EQ(0, zv_cv_add_crl_to_cache(crl_objects::make_crl(fields).get(), signer.get()));
+    EXPECT_EQ(0, zv_cv_add_crl_to_cache(crl_objects::crl_object(fields).get(), signer.get()));
   }
   // The status that checks of this certificate find.
   static void set_status(const support::cert &cert, int status) {

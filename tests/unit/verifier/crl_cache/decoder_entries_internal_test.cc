@@ -6,8 +6,6 @@ using namespace support;
 
 namespace {
 
-const std::string by_issuer = "/CN=issuer", by_other = "/CN=other", by_third = "/CN=third";
-
 class CrlEntries : public crl_decoder_test {
  protected:
   static std::string crl_with(const std::string &entries) {
@@ -288,7 +286,7 @@ TEST_F(CrlEntries, EntryAboveTenThousandEndsTheDecode) {
 }
 
 // An entry of at least that content size; it grows by one octet at a time.
-std::string entry_of_size(size_t size) {
+std::string entry_with_content(size_t size) {
   std::string entry;
   for (size_t padding = size - 100; entry.size() < size + 4; padding++)
     entry = crl_entry(9, crl_extension("1.3.6.1.4.1.32473.99", std::string(padding, 'x')));
@@ -296,9 +294,9 @@ std::string entry_of_size(size_t size) {
 }
 
 TEST_F(CrlEntries, EntryOfExactlyTenThousandIsTheLongest) {
-  ASSERT_EQ(10004u, entry_of_size(10000).size());
-  EXPECT_EQ(0, decode_both_ways(crl_with(entry_of_size(10000))).code);
-  expect_refused(15, crl_with(entry_of_size(10001)));
+  ASSERT_EQ(10004u, entry_with_content(10000).size());
+  EXPECT_EQ(0, decode_both_ways(crl_with(entry_with_content(10000))).code);
+  expect_refused(15, crl_with(entry_with_content(10001)));
 }
 
 // ---- the entry-extension check by itself ----

@@ -97,12 +97,7 @@ inline bool verifies(const decoded &result, const support::key &key) {
   return good;
 }
 
-inline std::string octets_of(const ASN1_STRING *string) {
-  if (!string)
-    return "(none)";
-  return std::string(reinterpret_cast<const char *>(ASN1_STRING_get0_data(string)),
-                     static_cast<size_t>(ASN1_STRING_length(string)));
-}
+using support::octets_of;
 
 inline std::string line_of(const X509_NAME *name) {
   char text[200] = "";
@@ -142,6 +137,7 @@ inline std::string issuer_in_entry(const X509_REVOKED *entry) {
 
 // {serial number, effective issuer} of each entry, read in the order that they stand in.
 using entry_list = std::vector<std::pair<std::string, std::string>>;
+inline const std::string by_issuer = "/CN=issuer", by_other = "/CN=other", by_third = "/CN=third";
 inline entry_list entries_of(const support::crl &crl) {
   entry_list list;
   std::string issuer = line_of(X509_CRL_get_issuer(crl.get()));

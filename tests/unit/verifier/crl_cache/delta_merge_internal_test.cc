@@ -1,5 +1,6 @@
 // A base and its delta in one CRL.
 #include "fakes/allocator.h"
+#include "unit/verifier/codes.h"
 #include "unit/verifier/crl_cache/decide_support.h"
 #include "unit/verifier/own_log.h"
 #include "verifier/crl_cache/delta.h"
@@ -10,7 +11,7 @@ using support::delta_crl_indicator;
 
 namespace {
 
-constexpr int out_of_memory = 2, internal_error = 72;
+constexpr int internal_error = 72;
 
 class DeltaMerge : public support::store_test {
  protected:
@@ -21,8 +22,8 @@ class DeltaMerge : public support::store_test {
     delta_fields.next_update = support::der_utc_time(start + 2000);
   }
   int merge() {
-    base = crl_objects::make_crl(base_fields);
-    delta = crl_objects::make_crl(delta_fields);
+    base = crl_objects::crl_object(base_fields);
+    delta = crl_objects::crl_object(delta_fields);
     return merge_again();
   }
   int merge_again() { return pki::cv_merge_crl_dcrl(base.get(), delta.get(), &merged); }
@@ -175,8 +176,8 @@ TEST_F(DeltaMerge, NumberIsMissing) {
 
 TEST_F(DeltaMerge, MissingNumberLogsWhatOpenSslSaid) {
   delta_fields.extensions = delta_crl_indicator(5);
-  base = crl_objects::make_crl(base_fields);
-  delta = crl_objects::make_crl(delta_fields);
+  base = crl_objects::crl_object(base_fields);
+  delta = crl_objects::crl_object(delta_fields);
   const std::string line = cache_support::queue_error();
   clear_log();
   EXPECT_EQ(internal_error, merge_again());

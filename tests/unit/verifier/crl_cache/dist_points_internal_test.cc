@@ -4,6 +4,7 @@
 #include "fakes/allocator.h"
 #include "fakes/log_capture.h"
 #include "support/store_fixture.h"
+#include "unit/verifier/codes.h"
 #include "unit/verifier/crl_cache/crl_objects.h"
 #include "verifier/crl_cache/scope.h"
 
@@ -15,7 +16,6 @@ using support::der_uri;
 
 namespace {
 
-constexpr int out_of_memory = 2;
 constexpr uint32_t all_borrowed = 0x30000;
 
 const std::string http = "http://127.0.0.1/a.crl", ldap = "ldap://127.0.0.1/cn=a";
@@ -23,11 +23,8 @@ const std::string http = "http://127.0.0.1/a.crl", ldap = "ldap://127.0.0.1/cn=a
 std::string point_at(const std::string &uri, const std::string &more = "") {
   return point(full_name(der_uri(uri)) + more);
 }
-std::string some_reasons(unsigned mask) {
+std::string with_reasons(unsigned mask) {
   return support::der_reasons(mask, 0x81);
-}
-std::string issued_by(const std::string &common_name) {
-  return extension_der::crl_issuer(der_directory_name(common_name));
 }
 
 class DistPoints : public support::store_test {
@@ -119,15 +116,15 @@ TEST_F(DistPoints, NoPointsGiveNoRecords) {
 
 TEST_F(DistPoints, GivenReasonsHoldForAll) {
   reasons = 6;
-  EXPECT_EQ(0, convert(point_at("a", some_reasons(0x18)) + point_at("b")));
+  EXPECT_EQ(0, convert(point_at("a", with_reasons(0x18)) + point_at("b")));
   ASSERT_EQ(2, list.size());
   EXPECT_EQ(6u, list[0]->reasons);
   EXPECT_EQ(6u, list[1]->reasons);
 }
 
 TEST_F(DistPoints, ReasonsAreThePointsOrAll) {
-  EXPECT_EQ(0, convert(point_at("a", some_reasons(0x118)) + point_at("b") +
-                       point_at("c", some_reasons(2))));
+  EXPECT_EQ(0, convert(point_at("a", with_reasons(0x118)) + point_at("b") +
+                       point_at("c", with_reasons(2))));
   ASSERT_EQ(3, list.size());
   EXPECT_EQ(0x118u, list[0]->reasons);
   EXPECT_EQ(511u, list[1]->reasons);
@@ -137,8 +134,8 @@ TEST_F(DistPoints, ReasonsAreThePointsOrAll) {
 // ---- points that give nothing ----
 
 constexpr char no_full_name[] = "7: ignoring crl-dp with no (full) name\n";
-constexpr char no_dn[] = "4: CRL-Issuer name does not contain a DN - ignoring DP\n";
-constexpr char no_url[] = "6: no url found in DP - skipping\n";
+constexpr char no_dn_line[] = "4: CRL-Issuer name does not contain a DN - ignoring DP\n";
+constexpr char no_url_line[] = "6: no url found in DP - skipping\n";
 
 TEST_F(DistPoints, PointWithoutFullNameIsIgnored) {
   EXPECT_EQ(0, convert(point(extension_der::relative_name) + point(issued_by("authority")) +
@@ -150,7 +147,7 @@ TEST_F(DistPoints, PointWithoutFullNameIsIgnored) {
 TEST_F(DistPoints, IssuerWithoutDirectoryNameIsIgnored) {
   EXPECT_EQ(0, convert(point_at("a", extension_der::crl_issuer(der_uri(http))) + point_at("b")));
   EXPECT_EQ((std::vector<std::string>{"b"}), list.urls());
-  EXPECT_EQ(no_dn, log_dump());
+  EXPECT_EQ(no_dn_line, log_dump());
 }
 
 TEST_F(DistPoints, FirstDirectoryNameIsTheIssuer) {
@@ -182,7 +179,7 @@ TEST_F(DistPoints, PointWithoutUriIsSkipped) {
   EXPECT_EQ(0, convert(point(full_name(der_directory_name("x"))) + point(full_name("")) +
                        point_at(http)));
   EXPECT_EQ((std::vector<std::string>{http}), list.urls());
-  EXPECT_EQ(std::string(no_url) + no_url, log_dump());
+  EXPECT_EQ(std::string(no_url_line) + no_url_line, log_dump());
 }
 
 TEST_F(DistPoints, UriWithoutCharactersEndsItsPoint) {
@@ -208,7 +205,7 @@ TEST_F(DistPoints, UriOfANulOnlyIsNone) {
     clear_log();
     EXPECT_EQ(0, convert(point(full_name(der_uri(uri)))));
     EXPECT_EQ(0, list.size());
-    EXPECT_EQ(no_url, log_dump());
+    EXPECT_EQ(no_url_line, log_dump());
   }
 }
 

@@ -2,6 +2,7 @@
 #include "fakes/allocator.h"
 #include "fakes/log_capture.h"
 #include "support/store_fixture.h"
+#include "unit/verifier/codes.h"
 #include "unit/verifier/crl_cache/crl_objects.h"
 #include "verifier/crl_cache/decoder.h"
 
@@ -14,12 +15,12 @@ using support::unknown_extension;
 
 namespace {
 
-constexpr int out_of_memory = 2, decode_error = 15, unknown_critical = 86;
+constexpr int decode_error = 15, unknown_critical = 86;
 
 constexpr char certificate_issuer_oid[] = "2.5.29.29";
 const std::string issuer_without_dn =
     crl_extension(certificate_issuer_oid, der_tlv(0x30, support::der_uri("http://127.0.0.1/")));
-constexpr char no_dn[] = "4: No DN found in certificate-issuer crl-entry extension\n";
+constexpr char no_entry_dn[] = "4: No DN found in certificate-issuer crl-entry extension\n";
 constexpr char refused_issuer[] =
     "4: Found unknown critical crl-entry extension: X509v3 Certificate Issuer\n";
 const std::string refused_unknown = std::string("4: Found unknown critical crl-entry extension: ") +
@@ -79,7 +80,7 @@ TEST_F(EntryExtensions, LastCertificateIssuerOfOneEntryCounts) {
 TEST_F(EntryExtensions, CertificateIssuerWithoutDirectoryNameKeepsTheCurrentOne) {
   EXPECT_EQ(0, process(issuer_without_dn));
   EXPECT_EQ("/CN=issuer", now());
-  EXPECT_EQ(no_dn, log_dump());
+  EXPECT_EQ(no_entry_dn, log_dump());
 }
 
 TEST_F(EntryExtensions, CertificateIssuerThatCannotBeDecodedIsRefused) {
@@ -105,7 +106,7 @@ TEST_F(EntryExtensions, CriticalCertificateIssuerWithoutDirectoryNameIsRefused) 
             process(crl_extension(certificate_issuer_oid,
                                   der_tlv(0x30, support::der_uri("http://127.0.0.1/")), true)));
   EXPECT_EQ("/CN=issuer", now());
-  EXPECT_EQ(std::string(no_dn) + refused_issuer, log_dump());
+  EXPECT_EQ(std::string(no_entry_dn) + refused_issuer, log_dump());
 }
 
 TEST_F(EntryExtensions, CriticalReasonDateAndInstructionAreAccepted) {

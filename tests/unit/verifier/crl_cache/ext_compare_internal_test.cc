@@ -58,12 +58,12 @@ ASN1_BIT_STRING *make_bits(const std::string &octets) {
   return made;
 }
 
-idp make_idp() {
+idp empty_idp() {
   return idp(ISSUING_DIST_POINT_new(), ISSUING_DIST_POINT_free);
 }
 
 idp with_full_name(const std::vector<std::string> &uris) {
-  idp made = make_idp();
+  idp made = empty_idp();
   made->distpoint = DIST_POINT_NAME_new();
   made->distpoint->type = 0;
   made->distpoint->name.fullname = new_names(uris);
@@ -77,7 +77,7 @@ struct entry {
 
 // An issuingDistributionPoint with a relative name of these entries.
 idp with_relative_name(const std::vector<entry> &entries) {
-  idp made = make_idp();
+  idp made = empty_idp();
   made->distpoint = DIST_POINT_NAME_new();
   made->distpoint->type = 1;
   made->distpoint->name.relativename = sk_X509_NAME_ENTRY_new_null();
@@ -153,8 +153,8 @@ TEST(ExtCompare, MissingValueStandsBeforeAPresentOne) {
   EXPECT_EQ(1, pki::X509_PUBKEY_cmp(key.get(), nullptr));
   EXPECT_EQ(-1, pki::GENERAL_NAMES_cmp(nullptr, make_names({}).get()));
   EXPECT_EQ(1, pki::GENERAL_NAMES_cmp(make_names({}).get(), nullptr));
-  EXPECT_EQ(-1, pki::ISSUING_DIST_POINT_cmp(nullptr, make_idp().get()));
-  EXPECT_EQ(1, pki::ISSUING_DIST_POINT_cmp(make_idp().get(), nullptr));
+  EXPECT_EQ(-1, pki::ISSUING_DIST_POINT_cmp(nullptr, empty_idp().get()));
+  EXPECT_EQ(1, pki::ISSUING_DIST_POINT_cmp(empty_idp().get(), nullptr));
   EXPECT_EQ(-1, pki::AUTHORITY_KEYID_cmp(nullptr, make_akid("").get()));
   EXPECT_EQ(1, pki::AUTHORITY_KEYID_cmp(make_akid("").get(), nullptr));
 }
@@ -244,7 +244,7 @@ TEST(ExtCompareNames, FirstDifferentPairDecides) {
 // ---- issuing distribution points ----
 
 TEST(ExtCompareIdp, EmptyOnesAreEqual) {
-  expect_equal(make_idp(), make_idp());
+  expect_equal(empty_idp(), empty_idp());
 }
 
 TEST(ExtCompareIdp, SameFieldsAreEqual) {
@@ -258,8 +258,8 @@ TEST(ExtCompareIdp, SameFieldsAreEqual) {
 }
 
 TEST(ExtCompareIdp, MissingNameStandsFirst) {
-  EXPECT_EQ(-1, compare(make_idp(), with_full_name({"a"})));
-  EXPECT_EQ(1, compare(with_full_name({"a"}), make_idp()));
+  EXPECT_EQ(-1, compare(empty_idp(), with_full_name({"a"})));
+  EXPECT_EQ(1, compare(with_full_name({"a"}), empty_idp()));
 }
 
 TEST(ExtCompareIdp, FullNameStandsBeforeARelativeOne) {
@@ -304,7 +304,7 @@ TEST(ExtCompareIdp, RelativeNamesCompareByAttributeThenValue) {
 }
 
 TEST(ExtCompareIdp, ThirdChoiceIsNeverEqual) {
-  idp first = make_idp(), second = make_idp();
+  idp first = empty_idp(), second = empty_idp();
   for (const idp &each : {first, second}) {
     each->distpoint = DIST_POINT_NAME_new();
     each->distpoint->type = 7;
@@ -330,34 +330,34 @@ const std::vector<field> fields = {
 TEST(ExtCompareIdp, EachFieldCounts) {
   for (const field &each : fields) {
     SCOPED_TRACE(each.name);
-    idp with = make_idp();
+    idp with = empty_idp();
     each.set(with.get());
-    expect_order(make_idp(), with);
+    expect_order(empty_idp(), with);
   }
 }
 
 TEST(ExtCompareIdp, EarlierFieldDecides) {
   for (size_t i = 0; i + 1 < fields.size(); i++) {
     SCOPED_TRACE(fields[i].name);
-    idp first = make_idp(), second = make_idp();
+    idp first = empty_idp(), second = empty_idp();
     fields[i].set(first.get());
     fields[i + 1].set(second.get());
     expect_order(second, first);
   }
-  idp named = with_full_name({"a"}), flagged = make_idp();
+  idp named = with_full_name({"a"}), flagged = empty_idp();
   flagged->onlyuser = 0xFF;
   expect_order(flagged, named);
 }
 
 TEST(ExtCompareIdp, FlagsGiveTheirDifference) {
-  idp set = make_idp();
+  idp set = empty_idp();
   set->onlyCA = 0xFF;
-  EXPECT_EQ(0xFF, compare(set, make_idp()));
-  EXPECT_EQ(-0xFF, compare(make_idp(), set));
+  EXPECT_EQ(0xFF, compare(set, empty_idp()));
+  EXPECT_EQ(-0xFF, compare(empty_idp(), set));
 }
 
 TEST(ExtCompareIdp, ReasonsCompareByLengthThenOctets) {
-  idp one = make_idp(), two = make_idp(), other = make_idp();
+  idp one = empty_idp(), two = empty_idp(), other = empty_idp();
   one->onlysomereasons = make_bits("\x70");
   two->onlysomereasons = make_bits("\x60\x80");
   other->onlysomereasons = make_bits("\x60");

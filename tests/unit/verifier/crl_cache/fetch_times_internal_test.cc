@@ -1,23 +1,12 @@
 // The times of a CRL: one from the future is refused, and currency.
 #include "fakes/allocator.h"
 #include "unit/verifier/crl_cache/fetch_support.h"
+#include "unit/verifier/printed_time.h"
 
 using namespace crl_support;
 using namespace support;
 
 namespace {
-
-constexpr time_t day = 86400;
-
-std::string printed(time_t time) {
-  BIO *memory = BIO_new(BIO_s_mem());
-  ASN1_TIME_print(memory, make_time(time).get());
-  char *data = nullptr;
-  long size = BIO_get_mem_data(memory, &data);
-  std::string text(data, static_cast<size_t>(size));
-  BIO_free(memory);
-  return text;
-}
 
 class CrlTimes : public crl_fetch_test {
  protected:

@@ -4,6 +4,9 @@
 #include "verifier/crl_cache/delta.h"
 
 using namespace decide_support;
+using crl_support::by_issuer;
+using crl_support::by_other;
+using crl_support::by_third;
 using crl_support::entry_list;
 using support::certificate_issuer;
 using support::crl_number;
@@ -14,15 +17,13 @@ namespace {
 
 const std::string nameless = support::crl_extension(
     "2.5.29.29", support::der_tlv(0x30, support::der_uri("http://127.0.0.1/")));
-const std::string by_issuer = "/CN=issuer", by_other = "/CN=other", by_third = "/CN=third";
-
 class MergeIssuers : public support::store_test {
  protected:
   void merge(const std::string &base_entries, const std::string &delta_entries,
              const support::name &first_issuer = nullptr) {
-    support::crl base = crl_objects::make_crl(crl_of(base_entries, crl_number(5)));
+    support::crl base = crl_objects::crl_object(crl_of(base_entries, crl_number(5)));
     support::crl delta =
-        crl_objects::make_crl(crl_of(delta_entries, crl_number(6) + delta_crl_indicator(5)));
+        crl_objects::crl_object(crl_of(delta_entries, crl_number(6) + delta_crl_indicator(5)));
     pki::x509_crl_ptr made;
     ASSERT_EQ(0, pki::cv_merge_crl_dcrl(base.get(), delta.get(), &made, first_issuer.get()));
     merged = crl_support::hold(made.release());

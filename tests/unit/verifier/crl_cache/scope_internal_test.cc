@@ -19,9 +19,6 @@ const std::string here = "http://127.0.0.1/here.crl", there = "http://127.0.0.1/
 std::string full_point(const std::string &names, const std::string &issuer = "") {
   return extension_der::point(extension_der::full_name(names) + issuer);
 }
-std::string issued_by(const std::string &common_name) {
-  return extension_der::crl_issuer(support::der_directory_name(common_name));
-}
 
 class Scope : public support::store_test {
  protected:
@@ -45,7 +42,7 @@ class Scope : public support::store_test {
   void issue_crl_as(const std::string &common_name) {
     support::crl_fields fields;
     fields.issuer = support::der_name(common_name);
-    crl = make_crl(fields);
+    crl = crl_object(fields);
   }
   // The only line of the log.
   static std::string only_line() {
@@ -56,7 +53,7 @@ class Scope : public support::store_test {
   source record = make_source();
   points held;
   support::cert cert = support::simple_cert("issuer", "device", 10);
-  support::crl crl = make_crl();
+  support::crl crl = crl_object();
 };
 
 constexpr char no_name_matched[] = "4: none of the names in the IDP matched a name in the CRL-DP";
@@ -157,7 +154,7 @@ TEST_F(Scope, LongNamesAreLoggedInAtMostHundredCharacters) {
       {{"O", std::string(60, 'o')}, {"CN", std::string(60, 'c')}, {"OU", "unit"}});
   support::crl_fields fields;
   fields.issuer = support::der_name(name);
-  crl = make_crl(fields);
+  crl = crl_object(fields);
   EXPECT_EQ(bad_scope, verify());
   ASSERT_EQ(1u, captured_log().size());
   const std::string before = "cert-issuer (/CN=issuer) != crl-issuer (",
@@ -261,7 +258,7 @@ TEST_F(Scope, RelativeNameMatchesNothing) {
 }
 
 TEST_F(Scope, PointWithNothingMatchesNoPlace) {
-  use_point(extension_der::point(extension_der::some_reasons));
+  use_point(extension_der::point(extension_der::two_reasons));
   EXPECT_EQ(bad_scope, verify(support::idp_fields{.uris = {here}}));
   EXPECT_EQ(no_name_matched, only_line());
 }
