@@ -205,7 +205,8 @@ TEST(PkictlEnroll, CaAndKeyHaveToBeThere) {
   done = test.pkictl({"enroll", "--ca", "office", "--key", "other", "--subject", "CN=x"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: there is no key other in " + (test.home() / "state") +
-                          "; make it with 'pkictl key generate other --state " + test.state() +
+                          "; see 'pkictl key list --state " + test.state() +
+                          "', or make it with 'pkictl key generate other --state " + test.state() +
                           "'\n");
 }
 

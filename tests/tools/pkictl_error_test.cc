@@ -114,6 +114,14 @@ TEST(PkictlUsage, MistakesAreOneLineAndTwo) {
   }
 }
 
+TEST(PkictlUsage, OptionInFrontOfItsCommandIsToldItsPlace) {
+  result done = pkictl({"--state", "folder", "ca", "list"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_EQ(done.err,
+            "pkictl: --state stands behind its command: 'pkictl ca list --state ...'; see 'pkictl"
+            " ca list --help'\n");
+}
+
 TEST(PkictlUsage, MistakesAreInJsonTooWhereItWasAskedFor) {
   for (const tool_test::strings &arguments :
        {tool_test::strings{"--json"}, tool_test::strings{"nothing", "--json"},

@@ -1,4 +1,10 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "device.h"
 #include "state_fixture.h"
@@ -69,12 +75,60 @@ TEST(PkictlKeyExport, PrintsJson) {
             (json{{"key", "device"}, {"public", false}, {"file", test.out}}));
 }
 
+// Replaced by a file, a machine's device would be gone.
+TEST(PkictlKeyExport, PipeOrDeviceIsWrittenToAndStays) {
+  export_test test;
+  for (bool force : {false, true}) {
+    std::string pipe = test.home / (force ? "forced" : "pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    strings arguments = {"key", "export", "device", "--out", pipe};
+    if (force)
+      arguments.push_back("--force");
+    result done = test.pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 0) << done.err;
+    char text[4096];
+    ssize_t length = read(reader, text, sizeof text);
+    close(reader);
+    ASSERT_GT(length, 0);
+    EXPECT_EQ(std::string(text, static_cast<size_t>(length)), test.private_pem());
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+  }
+}
+
+TEST(PkictlKeyExport, FullDeviceIsAFailure) {
+  export_test test;
+  std::string device = test.home / "device";
+  if (mknod(device.c_str(), S_IFCHR | 0600, makedev(1, 7)) != 0)
+    GTEST_SKIP() << "no device can be made here";
+  result done = test.pkictl({"key", "export", "device", "--out", device, "--force"});
+  EXPECT_TRUE(std::filesystem::is_character_file(device));
+  if (done.err.find("Permission denied") != std::string::npos)
+    GTEST_SKIP() << "no device can be opened here";
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkictl: cannot write " + device + ": No space left on device\n");
+}
+
+TEST(PkictlKeyExport, FileBehindALinkIsReplacedAndTheLinkStays) {
+  export_test test;
+  test.home.write("out.pem", "precious");
+  std::string link = test.home / "link.pem";
+  std::filesystem::create_symlink("out.pem", link);
+  EXPECT_EQ(test.pkictl({"key", "export", "device", "--out", link}).exit_code, 1);
+  EXPECT_EQ(tool_test::read_file(test.out), "precious");
+  EXPECT_EQ(test.pkictl({"key", "export", "device", "--out", link, "--force"}).exit_code, 0);
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  EXPECT_EQ(tool_test::read_file(test.out), test.private_pem());
+}
+
 TEST(PkictlKeyExport, KeyHasToBeThere) {
   export_test test;
   result done = test.pkictl({"key", "export", "other"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_EQ(done.err, "pkictl: there is no key other in " + test.dir +
-                          "; make it with 'pkictl key generate other --state " + test.dir + "'\n");
+                          "; see 'pkictl key list --state " + test.dir +
+                          "', or make it with 'pkictl key generate other --state " + test.dir +
+                          "'\n");
   EXPECT_EQ(done.out, "");
 }
 

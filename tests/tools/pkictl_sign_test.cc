@@ -196,6 +196,40 @@ TEST(PkictlSign, FileThatIsThereIsReplacedOnlyByForce) {
   EXPECT_NE(tool_test::read_file(test.out), "old");
 }
 
+// Whoever signs over the key has none for the next document.
+TEST(PkictlSign, NoInputIsOverwritten) {
+  signing test;
+  std::string key = test.home.write("key.pem", tool_test::read_file(the_lab().file("doc-key.pem")));
+  std::string root =
+      test.home.write("root.pem", tool_test::read_file(the_lab().file("root-cert.pem")));
+  std::string xml = test.home.write("doc.xml", "<QRNPkiConfig/>");
+  strings begin = {"cainfo", "sign", "--key", key, "--force"};
+  strings described = {"--issuer-name", "CN=x", "--root",     root,
+                       "--scep-cert",   root,   "--scep-url", "http://ca/scep"};
+  for (const std::string &input : {key, root, xml}) {
+    strings arguments = begin;
+    arguments.insert(arguments.end(), {"--out", input});
+    if (input == xml)
+      arguments.push_back(xml);
+    else
+      arguments.insert(arguments.end(), described.begin(), described.end());
+    std::string content = tool_test::read_file(input);
+    result done = pkictl(arguments);
+    EXPECT_EQ(done.exit_code, 2);
+    EXPECT_EQ(done.err, "pkictl: --out is the same file as " + input +
+                            "; give the signed document a file of its own\n");
+    EXPECT_EQ(tool_test::read_file(input), content);
+  }
+}
+
+TEST(PkictlSign, ExpiryThatIsPastIsNoted) {
+  signing test;
+  result done = test.sign({"--issuer-name", "CN=a", "--expires", "2020-01-31"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err, gap_note + std::string("pkictl: note: Expires is past: Fri, 31 Jan 2020"
+                                             " 00:00:00 GMT\n"));
+}
+
 TEST(PkictlSign, ForceDoesNotSignWhatDevicesRefuse) {
   signing test;
   result done =

@@ -207,6 +207,36 @@ TEST_F(issue_test, FilesThatHoldSomethingElseAreRefused) {
 
 // ---- revoke ----
 
+TEST_F(issue_test, LabsOwnFilesAreNoOutput) {
+  for (const char *name : {"issuing-key.pem", "doc-key.pub.pem", "root-cert.pem"}) {
+    std::string own = the_lab().file(name);
+    std::string content = tool_test::read_file(own);
+    for (const strings &options :
+         {strings{"--new-key", home_ / "key.pem", "--out", own}, strings{"--new-key", own}}) {
+      strings arguments = {"issue", "--dir", the_lab().file(""), "--force", "--subject", "CN=x"};
+      arguments.insert(arguments.end(), options.begin(), options.end());
+      if (options.size() == 2)
+        arguments.insert(arguments.end(), {"--out", home_ / "cert.pem"});
+      result done = run("pkilab", arguments);
+      EXPECT_EQ(done.exit_code, 2);
+      EXPECT_NE(done.err.find(" is the lab's own; give what is made another name"),
+                std::string::npos)
+          << done.err;
+      EXPECT_EQ(tool_test::read_file(own), content);
+    }
+  }
+}
+
+TEST_F(issue_test, UrlThatNoDeviceAsksIsToldAndPutIn) {
+  result done = issue({"--key", the_lab().file("root-key.pem"), "--subject", "CN=server", "--ocsp",
+                       "foo", "--crl", "https://x", "--crl", "HTTP://ca/crl"});
+  EXPECT_EQ(done.exit_code, 0);
+  EXPECT_EQ(done.err,
+            "pkilab: warning: --ocsp foo: devices ask http URLs only\n"
+            "pkilab: warning: --crl https://x: devices ask http URLs only\n");
+  EXPECT_NE(shown("crlDistributionPoints").find("https://x"), std::string::npos);
+}
+
 class revoke_test : public issue_test {
  protected:
   void SetUp() override {
@@ -226,6 +256,16 @@ class revoke_test : public issue_test {
 
   std::string serial_;
 };
+
+TEST_F(revoke_test, FolderThatCannotBeUsedIsNotCalledEmpty) {
+  std::string file = home_.write("file", "");
+  for (const char *command : {"revoke", "unrevoke"}) {
+    result done = run("pkilab", {command, "--dir", file, home_ / "cert.pem"});
+    expect_failure(done, 1, "pkilab: cannot use the folder " + file + ": Not a directory\n");
+    done = run("pkilab", {command, "--dir", home_ / "none", home_ / "cert.pem"});
+    expect_failure(done, 1, "pkilab: there is no lab in " + (home_ / "none") + "; pkilab serve");
+  }
+}
 
 TEST_F(revoke_test, TakesACertificateOrItsSerialNumber) {
   result done = call("revoke", {home_ / "cert.pem"});

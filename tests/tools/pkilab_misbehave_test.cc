@@ -80,6 +80,11 @@ TEST_P(taken_test, TheDocumentArrivesAllTheSame) {
 INSTANTIATE_TEST_SUITE_P(Misbehaviours, taken_test,
                          testing::Values("slow", "redirect/1", "redirect/19", "status/200"));
 
+TEST_F(misbehaviour_test, WithoutAPathItIsTheDocument) {
+  for (const char *path : {"/misbehave/slow", "/misbehave/slow/", "/misbehave/status/200/"})
+    EXPECT_EQ(provision(path), 0) << path;
+}
+
 TEST_F(misbehaviour_test, HonestAnswerIsTaken) {
   EXPECT_EQ(provision("/ca-info"), 0);
   EXPECT_EQ(cas_in_store(), 1);

@@ -51,6 +51,21 @@ TEST(PkilabServe, QuietSaysNothingWhereAFileSaysIt) {
   EXPECT_EQ(lab.end(SIGTERM).out, "");
 }
 
+TEST(PkilabServe, AlgorithmThatOpenSslDoesNotKnowIsTold) {
+  tool_test::folder home;
+  lab_process lab(home / "lab", {"--scep-digest", "FOO", "--scep-cipher", "none"});
+  EXPECT_EQ(lab.end(SIGTERM).err,
+            "pkilab: warning: OpenSSL knows no digest FOO; devices take their default instead\n");
+}
+
+TEST(PkilabServe, EndsWhereNobodyCanLearnItsUrl) {
+  tool_test::folder home;
+  result done = run("/bin/sh", {"-c", "exec \"$1\" serve --port 0 --dir \"$2\" >/dev/full", "sh",
+                                std::string(TOOL_DIR) + "/pkilab", home / "lab"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkilab: cannot write to standard output: No space left on device\n");
+}
+
 TEST(PkilabServe, QuietLogsNothing) {
   tool_test::folder home;
   home.write("serialnumber", "SN-0007\n");

@@ -28,10 +28,23 @@ std::string command_path(const CLI::App &app) {
   }
 }
 
+// An option of the innermost command that stands in front of its name.
+bool is_misplaced(const CLI::App &app, const std::string &word) {
+  const CLI::App *command = &app;
+  while (!command->get_subcommands().empty())
+    command = command->get_subcommands()[0];
+  return command != &app && word.starts_with("-") && command->get_option_no_throw(word);
+}
+
 // A word that no command knows explains more than what CLI11 misses because of it.
 std::string reason(const CLI::App &app, const CLI::ParseError &error) {
   std::vector<std::string> unknown = app.remaining(true);
-  return unknown.empty() ? error.what() : "'" + unknown[0] + "' is not known here";
+  if (unknown.empty())
+    return error.what();
+  if (is_misplaced(app, unknown[0]))
+    return unknown[0] + " stands behind its command: '" + command_path(app) + " " + unknown[0] +
+           " ...'";
+  return "'" + unknown[0] + "' is not known here";
 }
 
 // The help, or the version.

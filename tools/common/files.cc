@@ -24,6 +24,25 @@ namespace {
   throw failure("cannot " + what + " " + path + ": " + strerror(errno));
 }
 
+// A terminal, a pipe or another device takes what is written: it is not replaced by a file.
+bool is_device(const std::string &path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
+}
+
+void write_to_device(const std::string &path, const std::string &bytes) {
+  descriptor device(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+  if (!device.is_open() || !write_all(device.get(), bytes.data(), bytes.size()))
+    fail("write", path);
+}
+
+// The file that a link leads to, or the path itself.
+std::string behind_links(const std::string &path) {
+  std::error_code error;
+  std::string target = std::filesystem::canonical(path, error);
+  return error ? path : target;
+}
+
 }  // namespace
 
 bool write_all(int fd, const void *bytes, size_t length) {
@@ -119,16 +138,27 @@ void write_new_file(const std::string &path, const std::string &bytes, mode_t mo
 }
 
 void require_free(const std::string &path, bool force) {
-  if (!force && file_exists(path))
+  if (!force && file_exists(path) && !is_device(path))
     throw failure(path + " is there already; take another name, or --force it");
 }
 
 void write_named_file(const std::string &path, const std::string &bytes, mode_t mode, bool force) {
   require_free(path, force);
-  if (force)
-    write_file(path, bytes, mode);
+  if (is_device(path))
+    write_to_device(path, bytes);
+  else if (force)
+    write_file(behind_links(path), bytes, mode);
   else
     write_new_file(path, bytes, mode);
+}
+
+void require_other_file(const std::string &path, const std::vector<std::string> &inputs,
+                        const std::string &advice) {
+  if (is_device(path))
+    return;
+  for (const std::string &input : inputs)
+    if (!input.empty() && is_same_file(path, input))
+      throw usage_failure("--out is the same file as " + input + "; " + advice);
 }
 
 bool is_same_file(const std::string &path, const std::string &other) {

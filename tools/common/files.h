@@ -32,9 +32,14 @@ void write_file(const std::string &path, const std::string &bytes, mode_t mode);
 void write_new_file(const std::string &path, const std::string &bytes, mode_t mode);
 
 // Writes a file that a person named. One that is there is replaced only with `force`, and refused
-// without. Throws failure.
+// without; behind a link it is the file that the link leads to. A device is written to. Throws
+// failure.
 void require_free(const std::string &path, bool force);
 void write_named_file(const std::string &path, const std::string &bytes, mode_t mode, bool force);
+
+// What a person names to be written must not be one of the inputs. Throws usage_failure.
+void require_other_file(const std::string &path, const std::vector<std::string> &inputs,
+                        const std::string &advice);
 
 // Do both name one file? Neither need be there.
 bool is_same_file(const std::string &path, const std::string &other);

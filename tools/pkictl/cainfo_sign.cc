@@ -138,8 +138,23 @@ std::vector<std::string> check_content(const context &where, const cainfo_sign_o
   return {text};
 }
 
+// Devices do not look at the date; whoever gave it may have meant another year.
+bool is_past(const std::string &expires) {
+  struct tm parts = {};
+  const char *end = strptime(expires.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &parts);
+  return end && !*end && timegm(&parts) <= time(nullptr);
+}
+
+void require_out_of_its_own(const cainfo_sign_options &given) {
+  std::vector<std::string> inputs = {given.key, given.document, given.scep_cert};
+  inputs.insert(inputs.end(), given.roots.begin(), given.roots.end());
+  inputs.insert(inputs.end(), given.additional_certs.begin(), given.additional_certs.end());
+  tools::require_other_file(given.out, inputs, "give the signed document a file of its own");
+}
+
 int sign(const context &where, const cainfo_sign_options &given) {
   check_usage(given);
+  require_out_of_its_own(given);
   tools::require_free(given.out, given.force);
   tools::key_ptr key = tools::load_private_key(given.key);
   start_library();
@@ -147,6 +162,9 @@ int sign(const context &where, const cainfo_sign_options &given) {
   if (document.expires_moved)
     tools::complain("pkictl", expires_note);
   std::vector<std::string> notes = check_content(where, given, document.xml);
+  std::string expires = tools::expires_text(document.xml);
+  if (is_past(expires))
+    notes.push_back("Expires is past: " + expires);
   std::string message = tools::sign_document(document.xml, key.get());
   tools::write_named_file(given.out, message, 0644, given.force);
   for (const std::string &note : notes)

@@ -149,7 +149,8 @@ saved_key &state_folder::key_in(saved_state *kept, const std::string &label) con
   check_label("the key", label);
   if (saved_key *key = find(&kept->keys, label))
     return *key;
-  throw tools::failure("there is no key " + label + " in " + folder_ + "; make it with " +
+  throw tools::failure("there is no key " + label + " in " + folder_ + "; see " +
+                       command("key list") + ", or make it with " +
                        command("key generate " + label));
 }
 

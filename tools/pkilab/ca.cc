@@ -58,6 +58,14 @@ ca::ca(const std::string &folder, int key_bits) : folder_(folder), key_bits_(key
   additional_ = load_or_make_pair("additional", "pkilab additional CA", &root_);
 }
 
+std::vector<std::string> ca::file_names() {
+  std::vector<std::string> names = {"doc-key.pem", "doc-key.pub.pem"};
+  for (const char *pair : {"root", "issuing", "additional"})
+    for (const char *half : {"-key.pem", "-cert.pem"})
+      names.push_back(std::string(pair) + half);
+  return names;
+}
+
 tools::key_ptr ca::load_or_make_key(const std::string &name) const {
   std::string file = path(name);
   if (tools::file_exists(file))

@@ -5,6 +5,7 @@
 #include <array>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tools/common/ossl.h"
 
@@ -35,6 +36,9 @@ class ca {
   explicit ca(const std::string &folder, int key_bits = 2048);
   ca(const ca &) = delete;
   ca &operator=(const ca &) = delete;
+
+  // Those of its keys and certificates, within the folder.
+  static std::vector<std::string> file_names();
 
   const std::string &folder() const { return folder_; }
   EVP_PKEY *document_key() const { return document_key_.get(); }

@@ -4,6 +4,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -93,10 +94,14 @@ void check_usage(const issue_options &given) {
     throw tools::usage_failure("give one of --csr, --key and --new-key");
   if (given.request.empty() && given.subject.empty())
     throw tools::usage_failure("give --subject, as in --subject \"CN=server, O=Example\"");
-  for (const std::string *other : {&given.new_key, &given.key, &given.request})
-    if (!other->empty() && tools::is_same_file(*other, given.out))
-      throw tools::usage_failure("--out is the same file as " + *other +
-                                 "; give the certificate a file of its own");
+  tools::require_other_file(given.out, {given.new_key, given.key, given.request},
+                            "give the certificate a file of its own");
+  for (const std::string &name : ca::file_names()) {
+    std::string own = given.folder + "/" + name;
+    if (tools::is_same_file(given.out, own) ||
+        (!given.new_key.empty() && tools::is_same_file(given.new_key, own)))
+      throw tools::usage_failure(own + " is the lab's own; give what is made another name");
+  }
   if (!given.new_key.empty())
     tools::require_free(given.new_key, given.force);
   tools::require_free(given.out, given.force);
@@ -147,8 +152,19 @@ void require_order(const cert_wishes &wishes) {
         " --not-before, or a later end");
 }
 
+// A lab may want such certificates; a slip of the pen is told.
+void warn_of_useless_urls(const char *option, const std::vector<std::string> &urls) {
+  for (const std::string &url : urls)
+    if (strncasecmp(url.c_str(), "http://", 7) != 0)
+      tools::complain(
+          "pkilab", std::string("warning: ") + option + " " + url + ": devices ask http URLs only");
+}
+
 int issue(const issue_options &given) {
   check_usage(given);
+  warn_of_useless_urls("--ocsp", given.ocsp_urls);
+  warn_of_useless_urls("--crl", given.crl_urls);
+  warn_of_useless_urls("--freshest-crl", given.freshest_crl_urls);
   req_ptr request = given.request.empty() ? nullptr : read_request(given.request);
   name_ptr subject = given.subject.empty() ? nullptr : read_subject(given.subject);
   cert_wishes wishes;

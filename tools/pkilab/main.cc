@@ -1,5 +1,6 @@
 // pkilab: a CA to try things on.
 #include <netinet/in.h>
+#include <openssl/evp.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -90,6 +91,18 @@ class ready_file {
   std::string written_;
 };
 
+// A device takes its own default in the place of a name that it does not know.
+void warn_of_unknown(bool known, const char *what, const std::string &name) {
+  if (!known && !name.empty())
+    tools::complain("pkilab", std::string("warning: OpenSSL knows no ") + what + " " + name +
+                                  "; devices take their default instead");
+}
+
+void warn_of_unknown_algorithms(const pkilab::scep_algorithms &named) {
+  warn_of_unknown(EVP_get_digestbyname(named.digest.c_str()), "digest", named.digest);
+  warn_of_unknown(EVP_get_cipherbyname(named.cipher.c_str()), "cipher", named.cipher);
+}
+
 int serve(const serve_options &given) {
   sigset_t signals = end_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -106,11 +119,15 @@ int serve(const serve_options &given) {
   if (!setup.document_file.empty() && !tools::file_exists(setup.document_file))
     tools::complain("pkilab", "warning: there is no " + setup.document_file +
                                   " yet; /ca-info answers 404 until it is there");
+  warn_of_unknown_algorithms(setup.algorithms);
   pkilab::lab lab(setup);
   if (ready.is_wanted())
     ready.write(lab.url());
-  if (!given.quiet || !ready.is_wanted())
-    write_line(STDOUT_FILENO, "pkilab is ready: " + lab.url("/ca-info"));
+  std::string line = "pkilab is ready: " + lab.url("/ca-info");
+  if (!ready.is_wanted())
+    tools::print(line + "\n");  // nothing else says which port it is
+  else if (!given.quiet)
+    write_line(STDOUT_FILENO, line);
   wait_for_end(signals);
   lab.stop();
   return tools::exit_done;

@@ -261,7 +261,7 @@ void misbehave(const request &request, const route_table &routes, connection &pe
     return;
   }
   std::string argument = row->argument.empty() ? "" : take_segment(&rest);
-  if (rest.empty())
+  if (rest.empty() || rest == "/")
     rest = default_rest;
   if (request.target.find('?') != std::string::npos)
     rest += "?" + request.query;

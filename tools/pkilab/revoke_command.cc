@@ -1,5 +1,6 @@
 // pkilab revoke and unrevoke.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <map>
 #include <memory>
 
@@ -40,7 +41,7 @@ serial_ptr find_serial(const revoke_options &given) {
   if (given.file.empty() == given.serial.empty())
     throw tools::usage_failure("give either a certificate's file or --serial");
   serial_ptr serial = given.serial.empty() ? nullptr : tools::require_serial(given.serial);
-  if (!tools::file_exists(given.folder + "/issuing-cert.pem"))
+  if (!tools::file_exists(given.folder + "/issuing-cert.pem") && errno == ENOENT)
     throw tools::failure("there is no lab in " + given.folder + "; pkilab serve --dir " +
                          given.folder + " makes one");
   ca keys(given.folder);
