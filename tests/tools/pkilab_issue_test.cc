@@ -1,5 +1,10 @@
 // pkilab issue, revoke and unrevoke.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "device.h"
 #include "lab_fixture.h"
@@ -206,6 +211,17 @@ TEST_F(issue_test, FilesThatHoldSomethingElseAreRefused) {
 }
 
 // ---- revoke ----
+
+TEST_F(issue_test, PipeForTheKeyIsNotRemovedWhenTheCertificateCannotBeWritten) {
+  std::string pipe = home_ / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  result done = run("pkilab", {"issue", "--dir", the_lab().file(""), "--new-key", pipe, "--subject",
+                               "CN=x", "--out", home_ / "none/cert.pem"});
+  close(reader);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+}
 
 TEST_F(issue_test, LabsOwnFilesAreNoOutput) {
   for (const char *name : {"issuing-key.pem", "doc-key.pub.pem", "root-cert.pem"}) {

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "run_tool.h"
 #include "support/certs.h"
@@ -56,6 +59,17 @@ TEST(PkilabServe, AlgorithmThatOpenSslDoesNotKnowIsTold) {
   lab_process lab(home / "lab", {"--scep-digest", "FOO", "--scep-cipher", "none"});
   EXPECT_EQ(lab.end(SIGTERM).err,
             "pkilab: warning: OpenSSL knows no digest FOO; devices take their default instead\n");
+}
+
+TEST(PkilabServe, ReadyFileIsNoDevice) {
+  tool_test::folder home;
+  std::string pipe = home / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  result done = run("pkilab", {"serve", "--dir", home / "lab", "--ready-file", pipe});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_EQ(done.err, "pkilab: --ready-file " + pipe +
+                          " is no file; give the name of one that may be made\n");
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe));
 }
 
 TEST(PkilabServe, EndsWhereNobodyCanLearnItsUrl) {

@@ -24,12 +24,6 @@ namespace {
   throw failure("cannot " + what + " " + path + ": " + strerror(errno));
 }
 
-// A terminal, a pipe or another device takes what is written: it is not replaced by a file.
-bool is_device(const std::string &path) {
-  struct stat info;
-  return stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
-}
-
 void write_to_device(const std::string &path, const std::string &bytes) {
   descriptor device(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
   if (!device.is_open() || !write_all(device.get(), bytes.data(), bytes.size()))
@@ -82,6 +76,11 @@ std::string read_file(const std::string &path) {
 bool file_exists(const std::string &path) {
   struct stat info;
   return stat(path.c_str(), &info) == 0;
+}
+
+bool is_device(const std::string &path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
 }
 
 void make_folders(const std::string &path) {

@@ -17,6 +17,10 @@ std::string read_file(const std::string &path);
 
 bool file_exists(const std::string &path);
 
+// A terminal, a pipe or another device: it takes what is written, and is neither replaced by a file
+// nor removed.
+bool is_device(const std::string &path);
+
 // Makes a folder, and the folders above it that are missing, for their owner only; one that is
 // there stays as it is. Throws failure.
 void make_folders(const std::string &path);

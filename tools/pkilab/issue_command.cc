@@ -138,7 +138,7 @@ void write_issued(const issue_options &given, X509 *cert, EVP_PKEY *key) {
   try {
     tools::write_named_file(given.out, tools::cert_pem(cert), 0644, given.force);
   } catch (const tools::failure &) {
-    if (has_key && !given.force)
+    if (has_key && !given.force && !tools::is_device(given.new_key))
       unlink(given.new_key.c_str());  // or the next attempt would stumble over it
     throw;
   }

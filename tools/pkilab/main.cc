@@ -61,6 +61,9 @@ bool is_loopback(const std::string &address) {
 class ready_file {
  public:
   explicit ready_file(std::string path) : path_(std::move(path)) {
+    if (tools::is_device(path_))
+      throw tools::usage_failure("--ready-file " + path_ +
+                                 " is no file; give the name of one that may be made");
     if (!path_.empty() && unlink(path_.c_str()) != 0 && errno != ENOENT)
       throw tools::failure("cannot remove " + path_ + ": " + strerror(errno));
   }
