@@ -155,9 +155,11 @@ void require_other_file(const std::string &path, const std::vector<std::string> 
                         const std::string &advice) {
   if (is_device(path))
     return;
-  for (const std::string &input : inputs)
-    if (!input.empty() && is_same_file(path, input))
-      throw usage_failure("--out is the same file as " + input + "; " + advice);
+  auto same = std::find_if(inputs.begin(), inputs.end(), [&](const std::string &input) {
+    return !input.empty() && is_same_file(path, input);
+  });
+  if (same != inputs.end())
+    throw usage_failure("--out is the same file as " + *same + "; " + advice);
 }
 
 bool is_same_file(const std::string &path, const std::string &other) {
