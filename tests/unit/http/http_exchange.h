@@ -18,6 +18,7 @@
 
 #include "fakes/failures.h"
 #include "fakes/log_capture.h"
+#include "support/descriptors.h"
 
 inline void PrintTo(const log_entry &entry, std::ostream *out) {
   *out << entry.level << ": " << entry.text;
@@ -125,12 +126,6 @@ void for_each_descriptor(Visit visit) {
   closedir(folder);
 }
 
-inline size_t open_descriptors() {
-  size_t count = 0;
-  for_each_descriptor([&](int) { count++; });
-  return count;
-}
-
 // Sockets of this process whose peer is `port` of 127.0.0.1: the client's ends.
 inline std::vector<int> client_sockets(int port) {
   std::vector<int> found;
@@ -164,21 +159,21 @@ class fixture : public testing::Test {
   void SetUp() override {
     fake_failures::reset();
     clear_log();
-    descriptors_ = open_descriptors();
+    descriptors_ = support::open_descriptors();
     log_setups_ = log_setup_calls();
   }
   void TearDown() override {
     call.release();
     EXPECT_EQ(fake_failures::host_setting_calls(), 0);
     EXPECT_EQ(log_setup_calls(), log_setups_);
-    EXPECT_EQ(open_descriptors(), descriptors_) << "descriptors left open";
+    EXPECT_EQ(support::open_descriptors(), descriptors_) << "descriptors left open";
     fake_failures::reset();
   }
 
   exchange call;
 
  private:
-  size_t descriptors_ = 0;
+  long descriptors_ = 0;
   int log_setups_ = 0;
 };
 

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "fakes/failures.h"
+#include "support/descriptors.h"
 #include "unit/pki/enroll_fixture.h"
 
 namespace {
@@ -236,21 +236,17 @@ TEST_F(EnrollFailures, EarlierCertificatesStayAfterAFailure) {
 }
 
 TEST_F(EnrollFailures, NoDescriptorIsLeftOpen) {
-  auto open_descriptors = [] {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
-  };
   scep_reply http, garbage, wrong;
   http.http = support::status(500);
   garbage.http = support::ok("garbage");
   wrong.issued = cert_for(2);
   scep_ca ca({http, garbage, wrong, support::refusal(1), {}});
   add_ca(ca);
-  auto before = open_descriptors();
+  auto before = support::open_descriptors();
   for (int i = 0; i < 10; i++)
     pki_get_certificate("ca", "key", "cert", nullptr);
   // The server may still be closing its end.
-  EXPECT_LE(open_descriptors(), before + 1);
+  EXPECT_LE(support::open_descriptors(), before + 1);
 }
 
 }  // namespace

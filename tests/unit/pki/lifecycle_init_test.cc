@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
 #include <openssl/err.h>
@@ -18,6 +17,7 @@
 #include "fakes/log_capture.h"
 #include "support/ca_info_doc.h"
 #include "support/certs.h"
+#include "support/descriptors.h"
 #include "support/test_server.h"
 #include "unit/pki/lifecycle_process.h"
 
@@ -28,13 +28,6 @@ using lines = std::vector<log_entry>;
 std::vector<STACK *> store_lists() {
   return {pki_store->key_store, pki_store->ca_infos, pki_store->provisioned_certs,
           pki_store->collected_certs, pki_store->global_status_rules};
-}
-
-int open_descriptors() {
-  int count = 0;
-  for (int fd = 0; fd < 256; fd++)
-    count += fcntl(fd, F_GETFD) != -1;
-  return count;
 }
 
 void store_is_empty_before_init() {
@@ -203,7 +196,7 @@ void host_keeps_its_settings() {
   std::string locale = setlocale(LC_ALL, nullptr);
   struct sigaction before, after;
   sigaction(SIGPIPE, nullptr, &before);
-  int descriptors = open_descriptors();
+  long descriptors = support::open_descriptors();
   fake_failures::reset();
   EXPECT_EQ(libpki_init(), 0);
   sigaction(SIGPIPE, nullptr, &after);
@@ -211,7 +204,7 @@ void host_keeps_its_settings() {
   EXPECT_EQ(log_setup_calls(), 0);
   EXPECT_EQ(before.sa_handler, after.sa_handler);
   EXPECT_EQ(setlocale(LC_ALL, nullptr), locale);
-  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_EQ(support::open_descriptors(), descriptors);
 }
 
 TEST(LibpkiInitDeathTest, LeavesTheHostItsSettings) {

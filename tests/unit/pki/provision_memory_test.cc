@@ -4,7 +4,6 @@
 #include <libpki/libpki.h>
 #include <openssl/err.h>
 
-#include <filesystem>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "fakes/log_capture.h"
 #include "support/ca_info_doc.h"
 #include "support/certs.h"
+#include "support/descriptors.h"
 #include "support/store_fixture.h"
 #include "support/test_server.h"
 
@@ -34,7 +34,7 @@ class ProvisionMemory : public support::store_test {
     log_openssl_errors(3);
     support::empty_store();
 
-    const auto open_before = open_descriptors();
+    const auto open_before = support::open_descriptors();
     int code = -1;
     size_t without_memory = 0, other_codes = 0;
     size_t failures =
@@ -52,14 +52,9 @@ class ProvisionMemory : public support::store_test {
     // OpenSSL and the resolver do not report every failed allocation as one.
     EXPECT_GT(without_memory, other_codes);
     // The server may still be closing its end.
-    EXPECT_LE(open_descriptors(), open_before + 1);
+    EXPECT_LE(support::open_descriptors(), open_before + 1);
     EXPECT_EQ(code, PKI_OK);
     check(code, 0);
-  }
-
-  static std::ptrdiff_t open_descriptors() {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
   }
 
   // One of each kind: text, attribute, certificate. Reading all that a document may hold has

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
 
-#include <filesystem>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -10,6 +9,7 @@
 #include "fakes/log_capture.h"
 #include "support/ca_info_doc.h"
 #include "support/certs.h"
+#include "support/descriptors.h"
 #include "support/store_fixture.h"
 #include "support/test_server.h"
 
@@ -230,17 +230,13 @@ TEST_F(ProvisionStore, FailureLeavesEarlierCasAlone) {
 }
 
 TEST_F(ProvisionStore, NoDescriptorIsLeftBehind) {
-  auto open_descriptors = [] {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
-  };
   ASSERT_EQ(add(support::sample().document), PKI_OK);
-  auto before = open_descriptors();
+  auto before = support::open_descriptors();
   for (int i = 0; i < 5; i++) {
     EXPECT_EQ(add(support::sample().document), PKI_OK);
     EXPECT_EQ(add_body("<unclosed>"), PKI_XML_CA_PTR_PARSE_ERROR);
   }
-  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(support::open_descriptors(), before);
 }
 
 }  // namespace

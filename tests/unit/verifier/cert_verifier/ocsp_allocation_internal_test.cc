@@ -1,10 +1,10 @@
 // The OCSP query when memory runs short: no record or the right one, and nothing left behind.
-#include <filesystem>
 #include <functional>
 #include <iterator>
 
 #include "fakes/allocator.h"
 #include "fakes/failures.h"
+#include "support/descriptors.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
 
 using namespace ocsp_support;
@@ -23,10 +23,6 @@ class OcspAllocation : public ocsp_query_test {
     std::string octets = support::der(cert);
     const auto *in = reinterpret_cast<const unsigned char *>(octets.data());
     return support::cert(d2i_X509(nullptr, &in, static_cast<long>(octets.size())), X509_free);
-  }
-  static std::ptrdiff_t open_descriptors() {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
   }
   // What OpenSSL looked at when memory was short is not used again.
   void renew() {
@@ -56,7 +52,7 @@ class OcspAllocation : public ocsp_query_test {
     EXPECT_EQ(right_status, status_of(query(url))) << log_dump();
     support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
     log_openssl_errors(3);
-    const auto open_before = open_descriptors();
+    const auto open_before = support::open_descriptors();
     size_t failures = 0;
     bool completed = false;
     for (size_t n = 1; n < 100000 && !completed; n += step) {
@@ -83,7 +79,7 @@ class OcspAllocation : public ocsp_query_test {
     EXPECT_TRUE(completed);
     EXPECT_GT(failures, 50u / step);
     // The responder may still be closing its end.
-    EXPECT_LE(open_descriptors(), open_before + 1);
+    EXPECT_LE(support::open_descriptors(), open_before + 1);
     renew();
   }
 

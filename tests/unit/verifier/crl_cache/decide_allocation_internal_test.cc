@@ -2,12 +2,12 @@
 #include <openssl/err.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <functional>
 #include <iterator>
 
 #include "fakes/allocator.h"
 #include "fakes/failures.h"
+#include "support/descriptors.h"
 #include "unit/verifier/crl_cache/decide_support.h"
 
 using namespace decide_support;
@@ -54,10 +54,6 @@ class DecideAllocation : public decide_both_ways {
   static support::cert copy_of(const support::cert &cert) {
     return crl_objects::decode<X509>(support::der(cert), d2i_X509, X509_free);
   }
-  static std::ptrdiff_t open_descriptors() {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
-  }
   // What OpenSSL looked at when memory was short is not used again.
   void renew() {
     support::empty_store();
@@ -97,7 +93,7 @@ class DecideAllocation : public decide_both_ways {
     ASSERT_EQ(right, status_of(ask(locator))) << log_dump();
     support::raise_openssl_error(ERR_R_MALLOC_FAILURE);
     log_openssl_errors(3);
-    const auto open_before = open_descriptors();
+    const auto open_before = support::open_descriptors();
     crl_count counting;
     size_t failures = 0;
     bool completed = false;
@@ -130,7 +126,7 @@ class DecideAllocation : public decide_both_ways {
     EXPECT_GT(failures, 50u / step);
     EXPECT_GT(decoded_crls, 0);
     // The server may still be closing its end.
-    EXPECT_LE(open_descriptors(), open_before + 1);
+    EXPECT_LE(support::open_descriptors(), open_before + 1);
     prepare = [] {};
     renew();
   }

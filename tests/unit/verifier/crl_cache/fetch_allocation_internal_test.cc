@@ -1,9 +1,9 @@
 // Downloading CRLs when memory runs short: that error or the right CRL, and nothing left behind.
-#include <filesystem>
 #include <functional>
 #include <iterator>
 
 #include "fakes/allocator.h"
+#include "support/descriptors.h"
 #include "unit/verifier/crl_cache/fetch_support.h"
 
 using namespace crl_support;
@@ -19,10 +19,6 @@ class CrlFetchAllocation : public crl_fetch_test {
       GTEST_SKIP() << "this build's allocator cannot be replaced";
   }
 
-  static std::ptrdiff_t open_descriptors() {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
-  }
   // Want of memory is no property of the CRL. Only a host that cannot be resolved is an HTTP error,
   // whatever the resolver's reason.
   static bool is_right(int code, int expected) {
@@ -51,7 +47,7 @@ class CrlFetchAllocation : public crl_fetch_test {
     ASSERT_EQ(expected, run()) << log_dump();
     raise_openssl_error(ERR_R_MALLOC_FAILURE);
     log_openssl_errors(3);
-    const auto open_before = open_descriptors();
+    const auto open_before = support::open_descriptors();
     size_t failures = 0, reported = 0;
     bool completed = false;
     for (size_t n = 1; n < 100000 && !completed; n += step) {
@@ -73,7 +69,7 @@ class CrlFetchAllocation : public crl_fetch_test {
     EXPECT_GT(reported, failures / 2);
     EXPECT_GT(failures, 20u / step);
     // The server may still be closing its end.
-    EXPECT_LE(open_descriptors(), open_before + 1);
+    EXPECT_LE(support::open_descriptors(), open_before + 1);
   }
 
   // What else holds of the `n`th run.

@@ -1,7 +1,7 @@
 // Downloading a CRL: the request, the answers that are refused, and bare CRLs.
-#include <filesystem>
 #include <iterator>
 
+#include "support/descriptors.h"
 #include "unit/verifier/crl_cache/fetch_support.h"
 
 using namespace crl_support;
@@ -16,10 +16,6 @@ class CrlFetch : public crl_fetch_test {
     fields.entries = crl_entry(4) + crl_entry(target_serial);
     fields.extensions = extensions;
     return crl_octets(fields);
-  }
-  static std::ptrdiff_t open_descriptors() {
-    std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
   }
 };
 
@@ -327,14 +323,15 @@ TEST_F(CrlFetch, EveryWaitMayTimeOut) {
 }
 
 TEST_F(CrlFetch, ConnectionsAreClosed) {
-  auto before = open_descriptors();
+  auto before = support::open_descriptors();
   test_server server({serve(body()), serve("garbage"), status(404), serve(pkcs7_octets(body())),
                       serve(body().substr(0, 50))});
-  auto with_server = open_descriptors();
+  auto with_server = support::open_descriptors();
   EXPECT_GT(with_server, before);
   for (int i = 0; i < 30; i++)
     send(server.url("/crl"));
-  EXPECT_LE(open_descriptors(), with_server + 1);  // the server may still be closing its end
+  // The server may still be closing its end.
+  EXPECT_LE(support::open_descriptors(), with_server + 1);
 }
 
 }  // namespace
