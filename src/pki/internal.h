@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include "common/alloc.h"
+#include "pki/found_certs.h"
 
 namespace pki {
 
@@ -33,7 +34,7 @@ enum match_result { match_failed = -1, no_match = 0, is_match = 1 };
 // The search behind the pki_find_certs_by_* functions.
 using cert_matcher = match_result(X509 *cert, const void *arg1, const void *arg2);
 [[nodiscard]] int pki_find_certs_by_f(cert_matcher *matches, const void *arg1, const void *arg2,
-                                      STACK **result);
+                                      STACK **result, index_range *collected = nullptr);
 
 // Matchers. pki_is_match: issuer X509_NAME and ASN1_INTEGER serial. pki_sn_match: subject
 // X509_NAME. pki_kh_match: EVP_MD and the hash of the key's bits.

@@ -7,6 +7,7 @@
 #include "common/locks.h"
 #include "common/log.h"
 #include "common/ossl_ptr.h"
+#include "pki/found_certs.h"
 #include "pki/internal.h"
 
 namespace pki {
@@ -82,21 +83,23 @@ int append_matches(const cert_search &search, const STACK *list) {
   return PKI_OK;
 }
 
-int search_all_lists(const cert_search &search) {
+int search_all_lists(const cert_search &search, index_range *collected) {
   mutex_lock lock(&list_mutex);
   if (int error = append_matches(search, pki_store->provisioned_certs))
     return error;
+  collected->begin = OPENSSL_sk_num(search.result);
   if (int error = append_matches(search, pki_store->collected_certs))
     return error;
+  collected->end = OPENSSL_sk_num(search.result);
   for (int i = 0; i < OPENSSL_sk_num(pki_store->ca_infos); i++)
     if (int error = append_matches(search, element<ca_info>(pki_store->ca_infos, i)->trusted_roots))
       return error;
   return PKI_OK;
 }
 
-int search_under_store_lock(const cert_search &search) {
+int search_under_store_lock(const cert_search &search, index_range *collected) {
   write_lock lock(&store_lock);
-  return lock.held() ? search_all_lists(search) : PKI_LOCK_FAILED;
+  return lock.held() ? search_all_lists(search, collected) : PKI_LOCK_FAILED;
 }
 
 void undo_search(STACK **result, bool created, int length_before) {
@@ -126,12 +129,15 @@ int pki_alloc_find_res(STACK **result, unsigned char *created, int *length_befor
   return PKI_OK;
 }
 
-int pki_find_certs_by_f(cert_matcher *matches, const void *arg1, const void *arg2, STACK **result) {
+int pki_find_certs_by_f(cert_matcher *matches, const void *arg1, const void *arg2, STACK **result,
+                        index_range *collected) {
   unsigned char created;
   int length_before;
+  index_range unused;
   if (int error = pki_alloc_find_res(result, &created, &length_before))
     return error;
-  int error = search_under_store_lock({matches, arg1, arg2, *result});
+  int error =
+      search_under_store_lock({matches, arg1, arg2, *result}, collected ? collected : &unused);
   if (error) {
     if (error != PKI_LOCK_FAILED)
       log_openssl_errors(log_error);
@@ -169,14 +175,25 @@ match_result pki_kh_match(X509 *cert, const void *digest, const void *hash) {
 namespace {
 
 int find_certs_by_name(cert_matcher *matches, const X509_NAME *name, const void *arg2,
-                       STACK **result) {
+                       STACK **result, index_range *collected = nullptr) {
   bool comparable = false;
   if (int error = check_comparable(name, &comparable))
     return error;
-  return pki_find_certs_by_f(comparable ? matches : matches_nothing, name, arg2, result);
+  return pki_find_certs_by_f(comparable ? matches : matches_nothing, name, arg2, result, collected);
 }
 
 }  // namespace
+
+int find_certs_by_subject(const X509_NAME *subject, STACK **result, index_range *collected) {
+  return find_certs_by_name(pki_sn_match, subject, nullptr, result, collected);
+}
+
+int find_certs_by_key_hash(const EVP_MD *digest, const unsigned char *hash, int hash_length,
+                           STACK **result, index_range *collected) {
+  if (!digest || !hash || hash_length < 1 || hash_length != EVP_MD_size(digest) || !result)
+    return PKI_INVALID_ARGS;
+  return pki_find_certs_by_f(pki_kh_match, digest, hash, result, collected);
+}
 
 }  // namespace pki
 
@@ -235,12 +252,10 @@ int pki_find_certs_by_issuer_serial(const X509_NAME *issuer, const ASN1_INTEGER 
 int pki_find_certs_by_subject(const X509_NAME *subject, STACK **result) {
   if (!subject || !result)
     return PKI_INVALID_ARGS;
-  return find_certs_by_name(pki_sn_match, subject, nullptr, result);
+  return find_certs_by_subject(subject, result, nullptr);
 }
 
 int pki_find_certs_by_key_hash(const EVP_MD *digest, const unsigned char *hash, int hash_length,
                                STACK **result) {
-  if (!digest || !hash || hash_length < 1 || hash_length != EVP_MD_size(digest) || !result)
-    return PKI_INVALID_ARGS;
-  return pki_find_certs_by_f(pki_kh_match, digest, hash, result);
+  return find_certs_by_key_hash(digest, hash, hash_length, result, nullptr);
 }

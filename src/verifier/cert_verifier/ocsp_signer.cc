@@ -1,6 +1,5 @@
 // Who signed an OCSP response, and whether that counts (RFC 6960 4.2.2.2).
 #include <libpki/error.h>
-#include <libpki/store.h>
 #include <libpki/util.h>
 #include <openssl/x509v3.h>
 
@@ -9,6 +8,7 @@
 #include "common/limits.h"
 #include "verifier/cert_verifier/internal.h"
 #include "verifier/cert_verifier/ocsp.h"
+#include "verifier/signer_candidates.h"
 
 namespace pki {
 
@@ -46,15 +46,8 @@ bool fits(X509 *cert, const responder_id &id) {
   return prepare_to_compare(subject) == PKI_OK && X509_NAME_cmp(subject, id.name) == 0;
 }
 
-bool holds(const STACK_OF(X509) * certs, X509 *cert) {
-  for (int i = 0; i < sk_X509_num(certs); i++)
-    if (is_same_cert(sk_X509_value(certs, i), cert))
-      return true;
-  return false;
-}
-
 int add_known_signer(STACK_OF(X509) * candidates, X509 *cert, const responder_id &id) {
-  if (!cert || !fits(cert, id) || holds(candidates, cert))
+  if (!cert || !fits(cert, id) || holds_cert(candidates, cert))
     return PKI_OK;
   if (!take_reference(cert))
     return PKI_CRYPTO_LOCK_FAILED;
@@ -64,40 +57,51 @@ int add_known_signer(STACK_OF(X509) * candidates, X509 *cert, const responder_id
   return PKI_OUT_OF_MEMORY;
 }
 
-int find_in_store(const responder_id &id, STACK **found) {
+int find_in_store(const responder_id &id, STACK **found, index_range *collected) {
   if (id.name)
-    return pki_find_certs_by_subject(id.name, found);
-  return pki_find_certs_by_key_hash(EVP_sha1(), ASN1_STRING_get0_data(id.key_hash),
-                                    ASN1_STRING_length(id.key_hash), found);
+    return find_certs_by_subject(id.name, found, collected);
+  return find_certs_by_key_hash(EVP_sha1(), ASN1_STRING_get0_data(id.key_hash),
+                                ASN1_STRING_length(id.key_hash), found, collected);
 }
 
-// The store's certificates, then those that the configuration, the chain and the response bring.
-// (The store may hold another certificate in the place of the one that the responder sent.)
-int add_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
-                   STACK_OF(X509) * candidates) {
-  auto *list = reinterpret_cast<STACK *>(candidates);
-  int error = find_in_store(id, &list);
-  // A hash of another length is nobody's.
-  if (error && error != PKI_INVALID_ARGS)
-    return error;
-  if ((error = add_known_signer(candidates, query.responder->signer, id)))
-    return error;
-  if ((error = add_known_signer(candidates, query.issuer, id)))
-    return error;
-  const STACK_OF(X509) *sent = OCSP_resp_get0_certs(basic);
-  for (int i = 0; i < sk_X509_num(sent) && i < ocsp_max_certs; i++)
-    if ((error = add_known_signer(candidates, sk_X509_value(sent, i), id)))
+// The store may hold another certificate in the place of the one that was sent.
+int add_sent(const STACK_OF(X509) * sent, int count, const responder_id &id,
+             STACK_OF(X509) * candidates) {
+  for (int i = 0; i < sk_X509_num(sent) && i < count; i++)
+    if (int error = add_known_signer(candidates, sk_X509_value(sent, i), id))
       return error;
   return PKI_OK;
 }
 
+// The store's certificates, then those that the configuration, the chain and the response bring.
+int add_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
+                   signer_candidates *candidates) {
+  STACK_OF(X509) *certs = candidates->certs.get();
+  auto *list = reinterpret_cast<STACK *>(certs);
+  int error = find_in_store(id, &list, &candidates->collected);
+  // A hash of another length is nobody's.
+  if (error && error != PKI_INVALID_ARGS)
+    return error;
+  X509 *const known[] = {query.responder->signer, query.issuer};
+  for (X509 *cert : known)
+    if ((error = add_known_signer(certs, cert, id)))
+      return error;
+  std::copy(std::begin(known), std::end(known), candidates->known);
+  candidates->first_sent = sk_X509_num(certs);
+  candidates->sent[0] = OCSP_resp_get0_certs(basic);
+  candidates->sent[1] = query.ctx ? X509_STORE_CTX_get0_untrusted(query.ctx) : nullptr;
+  if ((error = add_sent(candidates->sent[0], ocsp_max_certs, id, certs)))
+    return error;
+  return add_sent(candidates->sent[1], sk_X509_num(candidates->sent[1]), id, certs);
+}
+
 int find_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
-                    certs_ptr *candidates) {
+                    signer_candidates *candidates) {
   openssl_error_mark the_line_says_it_all;
-  candidates->reset(sk_X509_new_null());
-  if (!*candidates)
+  candidates->certs.reset(sk_X509_new_null());
+  if (!candidates->certs)
     return want_of_memory();
-  int error = add_candidates(query, basic, id, candidates->get());
+  int error = add_candidates(query, basic, id, candidates);
   if (error == PKI_OUT_OF_MEMORY)
     return want_of_memory();
   if (error)
@@ -124,24 +128,26 @@ EVP_PKEY *public_key_of(const X509 *cert, int *error) {
   return nullptr;
 }
 
+authorship check_response_signature(const OCSP_BASICRESP *basic, const X509 *cert) {
+  int error = PKI_OK;
+  EVP_PKEY *key = public_key_of(cert, &error);
+  if (!key)
+    return error == PKI_OUT_OF_MEMORY ? authorship::no_memory : authorship::foreign;
+  return verifies(basic, key) ? authorship::own : authorship::foreign;
+}
+
 // Drops the candidates that did not sign.
-int keep_signers(const OCSP_BASICRESP *basic, STACK_OF(X509) * candidates) {
-  for (int i = 0; i < sk_X509_num(candidates);) {
-    int error = PKI_OK;
-    EVP_PKEY *key = public_key_of(sk_X509_value(candidates, i), &error);
-    if (error == PKI_OUT_OF_MEMORY)
-      return error;
-    if (key && verifies(basic, key))
-      i++;
-    else
-      X509_free(sk_X509_delete(candidates, i));
-  }
-  if (sk_X509_num(candidates) < 1) {
+int keep_signers(const OCSP_BASICRESP *basic, const signer_candidates &candidates) {
+  signer_trial trial(candidates,
+                     [&](const X509 *cert) { return check_response_signature(basic, cert); });
+  if (!trial.run())
+    return PKI_OUT_OF_MEMORY;
+  int count = sk_X509_num(candidates.certs.get());
+  if (count < 1) {
     syslog(log_error, "No signer cert found which could verify the ocsp response");
     return PKI_NO_SIGNERS;
   }
-  syslog(log_debug, "Found %d signer certs which could verify the ocsp response",
-         sk_X509_num(candidates));
+  syslog(log_debug, "Found %d signer certs which could verify the ocsp response", count);
   return PKI_OK;
 }
 
@@ -242,13 +248,13 @@ int check_signer(const ocsp_query &query, const OCSP_BASICRESP *basic) {
   responder_id id;
   if (int error = read_responder_id(basic, &id))
     return error;
-  certs_ptr candidates;
+  signer_candidates candidates;
   if (int error = find_candidates(query, basic, id, &candidates))
     return error;
-  if (int error = keep_signers(basic, candidates.get()))
+  if (int error = keep_signers(basic, candidates))
     return error;
-  for (int i = 0; i < sk_X509_num(candidates.get()); i++) {
-    trust found = check_trust(query, sk_X509_value(candidates.get(), i));
+  for (int i = 0; i < sk_X509_num(candidates.certs.get()); i++) {
+    trust found = check_trust(query, sk_X509_value(candidates.certs.get(), i));
     if (found == trust::yes)
       return PKI_OK;
     if (found == trust::failed)

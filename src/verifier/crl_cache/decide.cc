@@ -142,7 +142,7 @@ class crl_walk {
 
   bool get_crl(const crl_info *record, cache_use use, judged_crl *crl) {
     fetches_++;
-    int error = cv_get_crl(record, asked_.cert, asked_.issuer, use, &crl->got);
+    int error = cv_get_crl(record, asked_, use, &crl->got);
     note(error);
     return !error && read_scope(crl);
   }
@@ -169,10 +169,10 @@ class crl_walk {
 
   fitness bring_up_to_date(const crl_info *record, judged_crl *crl) {
     fetched_crl delta;
-    int error = cv_find_dcrl(list_, asked_.cert, asked_.issuer, *crl, &delta, record);
+    int error = cv_find_dcrl(list_, asked_, *crl, &delta, record);
     note(error);
     if (!error)
-      return merge(record, crl, delta) ? fitness::fits : fitness::useless;
+      return merge(record, crl, &delta) ? fitness::fits : fitness::useless;
     if (error != PKI_NO_ENTRY)
       return fitness::useless;
     error = cv_crl_check_update_dates(crl->got.crl.get());
@@ -188,10 +188,10 @@ class crl_walk {
 
   // The cached CRL is everybody's: the merged one takes its place, unless it lacks entries, or the
   // issuer that was written into it is this certificate's only.
-  bool merge(const crl_info *record, judged_crl *crl, const fetched_crl &delta) {
+  bool merge(const crl_info *record, judged_crl *crl, fetched_crl *delta) {
     x509_crl_ptr merged;
     const X509_NAME *first_issuer = first_entry_issuer(record, *crl);
-    int error = cv_merge_crl_dcrl(crl->got.crl.get(), delta.crl.get(), &merged, first_issuer);
+    int error = cv_merge_crl_dcrl(crl->got.crl.get(), delta->crl.get(), &merged, first_issuer);
     note(error);
     if (error)
       return false;
@@ -202,6 +202,7 @@ class crl_walk {
         (void)zv_cv_add_crl_to_cache(merged.get(), sk_X509_value(crl->got.signers.get(), 0));
     }
     crl->got.crl = std::move(merged);
+    crl->delta_signers = std::move(delta->signers);
     return true;
   }
 
@@ -225,7 +226,7 @@ class crl_walk {
     STACK_OF(X509) *signers = crl.got.signers.get();
     for (; signer_position_ < sk_X509_num(signers); signer_position_++) {
       accepted_signer_ = sk_X509_value(signers, signer_position_);
-      if (may_sign_crl(asked_, record, accepted_signer_))
+      if (made_delta_too(crl, accepted_signer_) && may_sign_crl(asked_, record, accepted_signer_))
         return true;
     }
     syslog(log_info, "no crl-signer certs trusted - ignoring CRL");

@@ -15,8 +15,7 @@ namespace {
 
 struct delta_search {
   STACK *list;
-  X509 *cert;
-  X509 *issuer;
+  const crl_question &asked;
   const judged_crl *base;
   const crl_info *base_record;  // may be null
   asn1_integer_ptr number;      // the base's
@@ -192,12 +191,20 @@ bool is_current(const delta_search &search, const X509_CRL *delta) {
   return error == PKI_OK;
 }
 
+bool has_key_of_any(const X509 *signer, const STACK_OF(X509) * others) {
+  for (int i = 0; signer && i < sk_X509_num(others); i++) {
+    const X509 *other = sk_X509_value(others, i);
+    if (other && X509_PUBKEY_cmp(X509_get_X509_PUBKEY(signer), X509_get_X509_PUBKEY(other)) == 0)
+      return true;
+  }
+  return false;
+}
+
 bool has_same_signer_key(const delta_search &search, const fetched_crl &delta) {
-  X509 *base_signer = sk_X509_value(search.base->got.signers.get(), 0);
-  X509 *delta_signer = sk_X509_value(delta.signers.get(), 0);
-  if (base_signer && delta_signer &&
-      X509_PUBKEY_cmp(X509_get_X509_PUBKEY(base_signer), X509_get_X509_PUBKEY(delta_signer)) == 0)
-    return true;
+  const STACK_OF(X509) *base_signers = search.base->got.signers.get();
+  for (int i = 0; i < sk_X509_num(base_signers); i++)
+    if (has_key_of_any(sk_X509_value(base_signers, i), delta.signers.get()))
+      return true;
   return refuse("delta-crl signer-key != base-crl signer-key => delta-crl rejected");
 }
 
@@ -215,8 +222,7 @@ bool is_delta_of_base(const delta_search &search, const fetched_crl &delta, cons
 
 // Returns 0; 81 not this one; 2: what it might revoke must not go unsaid.
 int try_record(const delta_search &search, const crl_info *record, fetched_crl *delta) {
-  int error = cv_get_crl(record, search.cert, search.issuer, cache_use::only_deltas, delta,
-                         search.base_record);
+  int error = cv_get_crl(record, search.asked, cache_use::only_deltas, delta, search.base_record);
   if (!error && is_delta_of_base(search, *delta, text_or_null(record->url)) &&
       !search.out_of_memory)
     return PKI_OK;
@@ -226,10 +232,14 @@ int try_record(const delta_search &search, const crl_info *record, fetched_crl *
 
 }  // namespace
 
-int cv_find_dcrl(STACK *list, X509 *cert, X509 *issuer, const judged_crl &base, fetched_crl *delta,
+bool made_delta_too(const judged_crl &crl, const X509 *signer) {
+  return !crl.delta_signers || has_key_of_any(signer, crl.delta_signers.get());
+}
+
+int cv_find_dcrl(STACK *list, const crl_question &asked, const judged_crl &base, fetched_crl *delta,
                  const crl_info *base_record) {
   *delta = fetched_crl();
-  delta_search search = {list, cert, issuer, &base, base_record, nullptr, false};
+  delta_search search = {list, asked, &base, base_record, nullptr, false};
   if (int error = read_base_number(&search))
     return error;
   dist_points_ptr points;

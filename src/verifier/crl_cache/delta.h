@@ -11,6 +11,7 @@ namespace pki {
 struct judged_crl {
   fetched_crl got;
   issuing_dist_point_ptr idp;
+  certs_ptr delta_signers;  // of the delta CRL that was merged into it, or null
   bool is_for_one = false;  // merged for the certificate that is asked about, not for others
 };
 
@@ -18,8 +19,12 @@ struct judged_crl {
 // from the delta records of `list` (of crl_info), 16 in all. The list is as before afterwards.
 // `base_record`, which may be null, is where the base came from: its configured signer counts for
 // the delta too. Returns 0; 81 none; 2.
-[[nodiscard]] int cv_find_dcrl(STACK *list, X509 *cert, X509 *issuer, const judged_crl &base,
+[[nodiscard]] int cv_find_dcrl(STACK *list, const crl_question &asked, const judged_crl &base,
                                fetched_crl *delta, const crl_info *base_record = nullptr);
+
+// Keys under which a signature verifies are no proof of who made it: others can be made to fit. So
+// what counts for a CRL that a delta was merged into is a signer whose key fits both.
+[[nodiscard]] bool made_delta_too(const judged_crl &crl, const X509 *signer);
 
 // A CRL with the base's entries behind the delta's, and the delta's number and times. Entries stay
 // as they are, removeFromCRL included. `first_issuer` is whose certificates entries are about that

@@ -5,6 +5,8 @@
 #include <libpki/records.h>
 
 #include "verifier/crl_cache/decoder.h"
+#include "verifier/crl_cache/signer_trust.h"
+#include "verifier/signer_candidates.h"
 
 namespace pki {
 
@@ -24,12 +26,11 @@ enum class cache_use : unsigned char { allowed, only_deltas, forbidden };
 
 // Returns 0; the codes of cv_send_crl_request; 15 an extension cannot be read; 85 thisUpdate is in
 // the future; 86 an unknown critical extension; 67, 29 nobody known made the signature; 49 and 80
-// as elsewhere. `issuer`, which may be null, and a configured signer are tried behind the store's
-// certificates. `base_record`: for a delta, where its base came from; may be null.
-[[nodiscard]] int cv_get_crl(const crl_info *crli, X509 *cert, X509 *issuer, cache_use use,
+// as elsewhere. A configured signer, the issuer, which may be null, and what the peer sent along
+// are tried behind the store's certificates. `base_record`: for a delta, where its base came from;
+// may be null.
+[[nodiscard]] int cv_get_crl(const crl_info *crli, const crl_question &asked, cache_use use,
                              fetched_crl *found, const crl_info *base_record = nullptr);
-
-enum class authorship : unsigned char { own, foreign, no_memory };
 
 // Is the CRL's signature, over what `tbs_digest` has seen, of the certificate's key? Leaves
 // OpenSSL's queue.

@@ -1,6 +1,5 @@
 // A downloaded CRL is accepted when somebody known made its signature.
 #include <libpki/error.h>
-#include <libpki/store.h>
 #include <libpki/util.h>
 #include <openssl/x509v3.h>
 
@@ -25,7 +24,7 @@ constexpr int known_critical_extensions[] = {
 struct download {
   const crl_info *crli;
   const crl_info *base_record;
-  X509 *issuer;
+  const crl_question &asked;
   crl_request request;
   evp_md_ctx_ptr digest;
 };
@@ -47,17 +46,10 @@ int check_critical_extensions(const X509_CRL *crl) {
   return PKI_OK;
 }
 
-bool is_listed(const STACK_OF(X509) * certs, X509 *cert) {
-  for (int i = 0; i < sk_X509_num(certs); i++)
-    if (is_same_cert(sk_X509_value(certs, i), cert))
-      return true;
-  return false;
-}
-
 // A certificate that the store need not hold.
 int add_candidate(STACK_OF(X509) * candidates, X509 *cert, const X509_NAME *issuer) {
   if (!cert || X509_NAME_cmp(X509_get_subject_name(cert), issuer) != 0 ||
-      is_listed(candidates, cert))
+      holds_cert(candidates, cert))
     return PKI_OK;
   if (!take_reference(cert))
     return PKI_CRYPTO_LOCK_FAILED;
@@ -67,22 +59,34 @@ int add_candidate(STACK_OF(X509) * candidates, X509 *cert, const X509_NAME *issu
   return openssl_failure(PKI_OUT_OF_MEMORY);
 }
 
-int find_candidates(const download &now, certs_ptr *candidates) {
-  const X509_NAME *issuer = X509_CRL_get_issuer(now.request.crl);
-  candidates->reset(sk_X509_new_null());
-  if (!*candidates)
-    return openssl_failure(PKI_OUT_OF_MEMORY);
-  auto *list = reinterpret_cast<STACK *>(candidates->get());
-  if (int error = pki_find_certs_by_subject(issuer, &list))
-    return error;
-  if (int error = add_candidate(candidates->get(), now.crli->crl_signer, issuer))
-    return error;
-  if (now.base_record)
-    if (int error = add_candidate(candidates->get(), now.base_record->crl_signer, issuer))
+// The store may hold another certificate in the place of the one that the peer sent.
+int add_sent(const STACK_OF(X509) * sent, STACK_OF(X509) * candidates, const X509_NAME *issuer) {
+  for (int i = 0; i < sk_X509_num(sent); i++)
+    if (int error = add_candidate(candidates, sk_X509_value(sent, i), issuer))
       return error;
-  if (int error = add_candidate(candidates->get(), now.issuer, issuer))
+  return PKI_OK;
+}
+
+int find_candidates(const download &now, signer_candidates *candidates) {
+  const X509_NAME *issuer = X509_CRL_get_issuer(now.request.crl);
+  STACK_OF(X509) *certs = sk_X509_new_null();
+  candidates->certs.reset(certs);
+  if (!certs)
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  auto *list = reinterpret_cast<STACK *>(certs);
+  if (int error = find_certs_by_subject(issuer, &list, &candidates->collected))
     return error;
-  if (sk_X509_num(candidates->get()) > 0)
+  X509 *const known[] = {now.crli->crl_signer,
+                         now.base_record ? now.base_record->crl_signer : nullptr, now.asked.issuer};
+  for (X509 *cert : known)
+    if (int error = add_candidate(certs, cert, issuer))
+      return error;
+  std::copy(std::begin(known), std::end(known), candidates->known);
+  candidates->first_sent = sk_X509_num(certs);
+  candidates->sent[0] = now.asked.trust ? X509_STORE_CTX_get0_untrusted(now.asked.trust) : nullptr;
+  if (int error = add_sent(candidates->sent[0], certs, issuer))
+    return error;
+  if (sk_X509_num(certs) > 0)
     return PKI_OK;
   syslog(log_error, "No signer cert found for CRL (%s)", name_line(issuer).get());
   return PKI_NO_SIGNERS;
@@ -110,7 +114,7 @@ bool fits_authority_key_id(const AUTHORITY_KEYID *id, X509 *cert) {
   return !id || (fits_key_id(id, cert) && fits_serial(id, cert) && fits_issuer(id, cert));
 }
 
-int keep_signers(const download &now, STACK_OF(X509) * candidates) {
+int keep_signers(const download &now, const signer_candidates &candidates) {
   authority_keyid_ptr key_id;
   presence found = read_crl_extension(now.request.crl, NID_authority_key_identifier, &key_id);
   if (found == presence::no_memory)
@@ -122,21 +126,17 @@ int keep_signers(const download &now, STACK_OF(X509) * candidates) {
   }
   memory_watch memory;
   ERR_set_mark();
-  for (int i = 0; i < sk_X509_num(candidates);) {
-    X509 *cert = sk_X509_value(candidates, i);
+  signer_trial trial(candidates, [&](X509 *cert) {
     authorship author = fits_authority_key_id(key_id.get(), cert)
                             ? check_crl_signature(now.request.crl, now.digest.get(), cert)
-                            : authorship::foreign;
-    if (author == authorship::no_memory || memory.ran_out()) {
-      ERR_clear_last_mark();
-      return openssl_failure(PKI_OUT_OF_MEMORY);
-    }
-    if (author == authorship::own)
-      i++;
-    else
-      X509_free(sk_X509_delete(candidates, i));
+                            : authorship::unfit;
+    return memory.ran_out() ? authorship::no_memory : author;
+  });
+  if (!trial.run()) {
+    ERR_clear_last_mark();
+    return openssl_failure(PKI_OUT_OF_MEMORY);
   }
-  if (sk_X509_num(candidates) > 0) {
+  if (sk_X509_num(candidates.certs.get()) > 0) {
     ERR_pop_to_mark();  // what is queued is about those that did not sign
     return PKI_OK;
   }
@@ -163,7 +163,7 @@ int check_scope_is_readable(const X509_CRL *crl) {
   return openssl_failure(PKI_ASN1_DECODE_ERROR);
 }
 
-int accept(const download &now, certs_ptr *signers) {
+int accept(const download &now, signer_candidates *signers) {
   X509_CRL *crl = now.request.crl;
   if (int error = check_this_update(crl))
     return error;
@@ -173,31 +173,31 @@ int accept(const download &now, certs_ptr *signers) {
     return error;
   if (int error = find_candidates(now, signers))
     return error;
-  if (int error = keep_signers(now, signers->get()))
+  if (int error = keep_signers(now, *signers))
     return error;
   syslog(log_debug, "downloaded a valid CRL (%s)", now.crli->url);
   return now.request.truncated ? cv_crl_mark_truncated(crl) : PKI_OK;
 }
 
-int fetch(const crl_info *crli, X509 *cert, X509 *issuer, const crl_info *base_record,
+int fetch(const crl_info *crli, const crl_question &asked, const crl_info *base_record,
           fetched_crl *found) {
-  download now = {crli, base_record, issuer, {}, evp_md_ctx_ptr(EVP_MD_CTX_new())};
+  download now = {crli, base_record, asked, {}, evp_md_ctx_ptr(EVP_MD_CTX_new())};
   if (!now.digest)
     return PKI_OUT_OF_MEMORY;
   now.request.tbs_digest = now.digest.get();
-  now.request.target_cert = cert;
+  now.request.target_cert = asked.cert;
   now.request.entries_may_start_at_target =
       has_configured_signer(crli) || (base_record && has_configured_signer(base_record));
   if (int error = cv_send_crl_request(&now.request, crli->url, crli->format))
     return error;
   x509_crl_ptr crl(now.request.crl);
-  certs_ptr signers;
+  signer_candidates signers;
   if (int error = accept(now, &signers)) {
     syslog(log_warning, "discarding downloaded CRL (%s)", crli->url);
     return error;
   }
   found->crl = std::move(crl);
-  found->signers = std::move(signers);
+  found->signers = std::move(signers.certs);
   return PKI_OK;
 }
 
@@ -264,13 +264,13 @@ bool is_delta_crl(const X509_CRL *crl) {
   return X509_CRL_get_ext_by_NID(crl, NID_delta_crl, -1) >= 0;
 }
 
-int cv_get_crl(const crl_info *crli, X509 *cert, X509 *issuer, cache_use use, fetched_crl *found,
+int cv_get_crl(const crl_info *crli, const crl_question &asked, cache_use use, fetched_crl *found,
                const crl_info *base_record) {
   *found = fetched_crl();
-  int error = find_cached(crli, cert, use, found);
+  int error = find_cached(crli, asked.cert, use, found);
   if (error == PKI_NO_ENTRY)
-    error = fetch(crli, cert, issuer, base_record, found);
-  trace_crl(base_record ? PKI_TRACE_DELTA_GOT : PKI_TRACE_CRL_GOT, cert, crli->url, error,
+    error = fetch(crli, asked, base_record, found);
+  trace_crl(base_record ? PKI_TRACE_DELTA_GOT : PKI_TRACE_CRL_GOT, asked.cert, crli->url, error,
             found->crl.get(), found->from_cache);
   return error;
 }

@@ -1,4 +1,5 @@
 // Whose signature an answer carries: the candidates, and those that are believed as they are.
+#include "common/limits.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
 
 using namespace ocsp_support;
@@ -83,6 +84,21 @@ TEST_F(OcspSigner, IssuerInTheStoreIsOneCandidate) {
     EXPECT_EQ(PKI_CERT_OK, status_of(ask(options)));
     EXPECT_EQ(accepted_from_issuer(), judgement());
   }
+}
+
+// Anybody can send certificates of any name: of those that did not sign, few are tried.
+TEST_F(OcspSigner, ResponderIsTriedWhereItCameLatelyOrWithTheAnswer) {
+  support::cert responder = issue_responder();
+  pki_add_untrusted_cert(responder.get(), 0);
+  ocsp_options alone = by(responder);
+  alone.certs.clear();
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(alone))) << log_dump();
+  for (int i = 0; i < pki::max_foreign_signers; i++)
+    pki_add_untrusted_cert(issue("responder", 1000 + i, stranger_key).get(), 0);
+  EXPECT_EQ(nullptr, ask(alone)) << log_dump();
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(by(responder)))) << log_dump();
+  pki_add_untrusted_cert(responder.get(), 1);
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(alone))) << log_dump();
 }
 
 TEST_F(OcspSigner, EverySignatureAlgorithmOfOpensslsWillDo) {

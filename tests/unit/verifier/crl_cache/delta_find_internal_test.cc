@@ -44,7 +44,8 @@ class DeltaFind : public decide_both_ways {
     clear_log();
     found = {};
     const std::vector<std::string> before = list.urls();
-    int result = pki::cv_find_dcrl(list.get(), device.get(), issuer.get(), base, &found);
+    int result = pki::cv_find_dcrl(list.get(), {device.get(), issuer.get(), nullptr, false, 0},
+                                   base, &found);
     EXPECT_EQ(before, list.urls());
     EXPECT_EQ(result == 0, found.crl != nullptr);
     EXPECT_EQ(result == 0, found.signers != nullptr);
@@ -388,7 +389,8 @@ TEST_P(DeltaFind, WantOfMemoryLeavesTheList) {
     clear_log();
     found = {};
     fake_allocator::fail_at(n);
-    int result = pki::cv_find_dcrl(list.get(), device.get(), issuer.get(), base, &found);
+    int result = pki::cv_find_dcrl(list.get(), {device.get(), issuer.get(), nullptr, false, 0},
+                                   base, &found);
     completed = !fake_allocator::has_failed();
     fake_allocator::stop_failing();
     EXPECT_TRUE(result == 0 || result == no_entry || result == 2) << n << ": " << result;

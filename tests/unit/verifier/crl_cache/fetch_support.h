@@ -3,6 +3,7 @@
 #ifndef TESTS_UNIT_VERIFIER_CRL_CACHE_FETCH_SUPPORT_H
 #define TESTS_UNIT_VERIFIER_CRL_CACHE_FETCH_SUPPORT_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,7 @@ struct get_options {
   support::cert signer = {};  // configured
   support::cert target = crl_support::target();
   support::cert issuer = {};
+  std::vector<support::cert> sent = {};  // untrusted, with the verification
   pki::cache_use use = pki::cache_use::allowed;
 };
 
@@ -66,14 +68,30 @@ class crl_fetch_test : public support::store_test {
     fake_clock::set(support::crl_der_now);
   }
 
+  static std::shared_ptr<X509_STORE_CTX> verification_with(const std::vector<support::cert> &sent) {
+    if (sent.empty())
+      return nullptr;
+    STACK_OF(X509) *untrusted = sk_X509_new_null();
+    for (const support::cert &cert : sent)
+      sk_X509_push(untrusted, cert.get());
+    std::shared_ptr<X509_STORE_CTX> made(X509_STORE_CTX_new(), [untrusted](X509_STORE_CTX *ctx) {
+      X509_STORE_CTX_free(ctx);
+      sk_X509_free(untrusted);
+    });
+    X509_STORE_CTX_init(made.get(), nullptr, nullptr, untrusted);
+    return made;
+  }
+
   got_crl get(const std::string &url, const get_options &options = {}) {
     crl_info *record = create_crl_info(url.c_str(), options.format, options.reasons, 0,
                                        options.crl_issuer.get(), options.signer.get());
+    std::shared_ptr<X509_STORE_CTX> verification = verification_with(options.sent);
     pki::fetched_crl found;
     got_crl got;
     got.out = output_of([&] {
-      got.code =
-          pki::cv_get_crl(record, options.target.get(), options.issuer.get(), options.use, &found);
+      got.code = pki::cv_get_crl(
+          record, {options.target.get(), options.issuer.get(), verification.get(), false, 0},
+          options.use, &found);
     });
     free_crl_info(record);
     // A failure leaves nothing; a success has a CRL and a signer.
