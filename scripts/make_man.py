@@ -84,6 +84,11 @@ def conditions(item):
     return sentences
 
 
+def text_lines(text):
+    """A paragraph behind a tag, which may be empty but not missing."""
+    return roff.filled(text) if text else [r"\&"]
+
+
 def option_lines(item):
     names, _, rest = item.form.partition(" ")
     value = CONDITIONS.sub("", rest).strip()
@@ -93,7 +98,7 @@ def option_lines(item):
     text, sentences = item.text, conditions(item)
     if sentences and text and not text.endswith("."):
         text += "."
-    return [".TP", shown, *roff.filled(" ".join([text, *sentences]).strip() or "\\&")]
+    return [".TP", shown, *text_lines(" ".join([text, *sentences]).strip())]
 
 
 TITLES = {"Positionals": "ARGUMENTS", "Options": "OPTIONS", "Subcommands": "SUBCOMMANDS",
@@ -111,7 +116,7 @@ def group_lines(command, group):
             page = "-".join([*command.words, item.form])
             lines += [".TP", f"{roff.bold(page)}(1)", *roff.filled(item.text)]
         elif not item.flags() and group.title not in TITLES:
-            lines += [".TP", roff.bold(item.form), *roff.filled(item.text or "\\&")]
+            lines += [".TP", roff.bold(item.form), *text_lines(item.text)]
         else:
             lines += option_lines(item)
     return lines

@@ -1,7 +1,8 @@
 /*
  * marshal.h: the marshal stream, a tagged binary form of a host's own structures, driven by
- * tables that the host declares, under a digest or a signature where it wants one. The format is
- * described, with an example octet by octet, in docs/marshal-format.md.
+ * tables that the host declares, under a digest or a signature where it wants one.
+ * docs/marshalling.md has a whole program, docs/marshal-format.md the format with an example octet
+ * by octet.
  *
  * A stream is a run of blocks. A block is a tag (one octet), the length of its data in base 128
  * (most significant group first, 0x80 set in all octets but the last) and the data. Numbers are in
@@ -242,7 +243,8 @@ PKI_API int dec_struct_tm(BIO *bio, int tag, const unsigned char *data, int len,
 
 /*
  * Write and read a text (char *, malloc), without its NUL. Null is not written. Reading replaces a
- * text that is there, with a line at level 4. Octets 0 are not looked for.
+ * text that is there, with a line at level 4. Octets 0 are not looked for. A text of 16384 octets or
+ * more is written, but may not be read again, and all behind it neither: see above at "Lengths".
  * Return 0; 2; 63 a null argument; else as write_block.
  */
 PKI_API int enc_str(BIO *bio, void *field, int tag, void *arg);

@@ -96,7 +96,13 @@ typedef struct cert_query_info {
   int32_t ref_count;
 } cert_query_info;
 
-/* One condition of a status rule. A name or low bound that is null never holds. */
+/*
+ * One condition of a status rule. A name or low bound that is null never holds. A name holds for a
+ * certificate whose name has its attributes in their order, possibly with others between them; they
+ * are compared octet by octet, with their kind of string. So take it out of a certificate: a text
+ * (parse_rfc1779_str, and with it the name in a CA-info document) does not say that the CA writes
+ * UTF8String, say.
+ */
 typedef struct cert_match_rule {
   int32_t type;       /* PKI_MATCH_* */
   void *name_or_low;  /* X509_NAME of the issuer or subject, or the lowest ASN1_INTEGER */

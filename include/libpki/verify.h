@@ -1,8 +1,10 @@
 /*
  * verify.h: the verify callbacks, certificate statuses, the status cache and the CRL cache.
  *
- * Any thread may use all of it once libpki_init has run. Records and CRLs that are in a cache are
- * shared: treat them as constant.
+ * Any thread may use all of it once libpki_init has run. (Before, there are no rules, so that only
+ * what certificates name themselves is asked.) Records and CRLs that are in a cache are shared: treat
+ * them as constant. docs/validation.md has a program that judges certificates, and a picture of how
+ * a status is decided.
  */
 #ifndef LIBPKI_VERIFY_H
 #define LIBPKI_VERIFY_H
@@ -17,9 +19,10 @@ PKI_BEGIN_DECLS
 /*
  * Verify callbacks for OpenSSL, the internet and the local flavour. They are for
  * X509_STORE_set_verify_cb, X509_STORE_CTX_set_verify_cb or SSL_CTX_set_verify. The internet
- * flavour is for devices with a clock and a network: dates count, and every certificate needs a
- * good status by OCSP or CRLs. The local flavour is for devices without: it forgives dates and asks
- * nobody. OpenSSL builds the chain and checks signatures, names and constraints; the callback
+ * flavour is for devices with a clock and a network: dates count, and responders and CRLs are asked
+ * about every certificate below the top; one that names none, and that no rule is about, counts as
+ * good, so add a rule for those (pki_add_ocsp_info, pki_add_crl_info). The local flavour is for
+ * devices without: it forgives dates and asks nobody. OpenSSL builds the chain and checks signatures, names and constraints; the callback
  * judges what it reports, certificate by certificate from the top down. Return 1 to accept, 0 to
  * reject.
  *

@@ -145,7 +145,7 @@ TEST(PkictlKeyExport, WrongUsageIsTwo) {
   export_test test;
   for (const strings &arguments :
        {strings{"key", "export"}, strings{"key", "export", "../device"},
-        strings{"key", "export", "device", "--force"}, strings{"cert", "export", "device"},
+        strings{"key", "export", "device", "--force"}, strings{"cert", "export"},
         strings{"cert", "export", "device", "../cert"}}) {
     result done = test.pkictl(arguments);
     EXPECT_EQ(done.exit_code, 2);
@@ -181,6 +181,7 @@ TEST(PkictlCertExport, GivesTheCertificateThatWasIssued) {
   result done = test.pkictl({"cert", "export", "device", "cert"});
   EXPECT_EQ(done.exit_code, 0) << done.err;
   EXPECT_EQ(done.out, tools::cert_pem(cert));
+  EXPECT_EQ(test.pkictl({"cert", "export", "device"}).out, done.out);
   json printed = json::parse(test.pkictl({"cert", "export", "device", "cert", "--json"}).out);
   EXPECT_EQ(printed["key"], "device");
   EXPECT_EQ(printed["label"], "cert");

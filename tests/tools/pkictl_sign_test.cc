@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "lab_fixture.h"
 #include "run_tool.h"
 
@@ -173,6 +175,36 @@ TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyOnInsistence) {
       EXPECT_TRUE(done.err.starts_with("pkictl: note: devices cannot use the " + what + " URL"))
           << done.err;
     }
+}
+
+// Devices would take MD5 or DES-CBC.
+TEST(PkictlSign, AlgorithmsThatDevicesDoNotKnowAreSignedOnlyOnInsistence) {
+  for (const auto &[element, name, advice] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"Digest", "digest", "SHA256"}, {"Cipher", "cipher", "DES-EDE3-CBC"}}) {
+    signing test;
+    std::string xml =
+        "<QRNPkiConfig><IssuerName>CN=a</IssuerName><CertReqMethod>"
+        "<SCEP url='http://ca/scep'><" +
+        element + " alg='FOO'/></SCEP></CertReqMethod></QRNPkiConfig>";
+    std::string complaint = "devices know no " + name + " FOO and take an old one; try " + advice;
+    result done = test.sign_text(xml);
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_EQ(done.err, "pkictl: " + complaint + "; --despite-faults signs it anyway\n");
+    EXPECT_EQ(tool_test::read_file(test.out), "");
+    done = test.sign_text(xml, {"--despite-faults"});
+    EXPECT_EQ(done.exit_code, 0) << done.err;
+    EXPECT_TRUE(done.err.starts_with("pkictl: note: " + complaint + "\n")) << done.err;
+  }
+}
+
+TEST(PkictlSign, AMissingIssuerNameIsNoted) {
+  signing test;
+  result done = test.sign({"--root", the_lab().file("issuing-cert.pem")});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(done.err,
+            "pkictl: note: the document names no IssuerName, by which devices look"
+            " certificates up\n");
 }
 
 TEST(PkictlSign, AFailureLeavesTheOldFile) {

@@ -197,6 +197,8 @@ TEST_F(issue_test, WrongUsageIsTwo) {
   expect_usage({"--key", key, "--subject", "CN=x", "--not-after", "2026-02-30"}, "is no time");
   expect_usage({"--key", key, "--subject", "CN=x", "--ca", "other"}, "--ca");
   expect_usage({"--key", key, "--subject", "CN=x", "--days", "0"}, "--days");
+  expect_usage({"--key", key, "--subject", "CN=x", "--days", "3", "--not-after", "2035-01-01"},
+               "--days excludes --not-after");
 }
 
 TEST_F(issue_test, FilesThatHoldSomethingElseAreRefused) {

@@ -182,6 +182,9 @@ TEST(PkilabScepUsage, UnknownNamesAreOneLineAndTwo) {
     EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
     EXPECT_NE(done.err.find(option[0]), std::string::npos) << done.err;
   }
+  EXPECT_NE(run("pkilab", {"serve", "--dir", home / "lab", "--scep-misbehave", "nothing"})
+                .err.find("nothing not in {wrong-transaction-id,"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ class help_formatter : public CLI::Formatter {
   std::string make_option_opts(const CLI::Option *option) const override {
     const std::string needs = " Needs: ";
     std::string text = CLI::Formatter::make_option_opts(option);
+    text.resize(std::min(text.find(" Excludes: "), text.size()));  // the option's help says which
     size_t at = text.find(needs);
     return at == std::string::npos
                ? text

@@ -14,7 +14,7 @@ namespace {
 struct cert_export_options {
   export_options to;
   std::string key;
-  std::string cert;
+  std::string cert = "cert";
 };
 
 int export_cert(const context &where, const cert_export_options &given) {
@@ -32,7 +32,7 @@ void add_cert_export_command(CLI::App &cert, action *chosen) {
   auto given = std::make_shared<cert_export_options>();
   CLI::App *command = cert.add_subcommand("export", "Print a kept certificate as PEM");
   command->add_option("KEY", given->key, "The label of its key")->required();
-  command->add_option("CERT", given->cert, "Its own label")->required();
+  command->add_option("CERT", given->cert, "Its own label")->capture_default_str();
   add_export_options(command, &given->to);
   command->callback(
       [=] { *chosen = [=](const context &where) { return export_cert(where, *given); }; });

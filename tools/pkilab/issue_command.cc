@@ -221,12 +221,11 @@ void add_issue_command(CLI::App &app, action *chosen) {
           "Delta CRL that the certificate names");
   text("--crl-issuer", &given->crl_issuer, "FILE",
        "Certificate of whoever issues those CRLs, where that is not --ca");
-  command->add_option("--days", given->days, "Valid for so many days")
-      ->check(CLI::Range(1, 36500))
-      ->capture_default_str();
+  CLI::Option *days = command->add_option("--days", given->days, "Valid for so many days");
+  days->check(CLI::Range(1, 36500))->capture_default_str();
   text("--not-before", &given->not_before, "TIME",
        "Valid from; 2031-05-06 or 2031-05-06T07:08:09Z; yesterday unless it is given");
-  text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days");
+  text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days")->excludes(days);
   text("-o,--out", &given->out, "FILE", "Receives the certificate as PEM (mode 0644)")->required();
   command->add_flag("--force", given->force, "Replace files that are there");
   command->footer(

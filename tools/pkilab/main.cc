@@ -144,8 +144,7 @@ std::string serve_footer() {
          "\n"
          "What is in the folder: doc-key.pem and doc-key.pub.pem (signs documents), root-,\n"
          "issuing- and additional-key.pem and -cert.pem. GET / lists what is served.\n\n"
-         "Bad answers on request, where \"...\" is the path to answer badly (/ca-info by\n"
-         "default):\n\n" +
+         "Bad answers on request. \"...\" is the path to answer badly, /ca-info by default:\n" +
          pkilab::misbehaviour_list() +
          "\nSCEP is at /scep. It issues at once, unless the options say otherwise.\n\n"
          "Values of --scep-misbehave:\n" +

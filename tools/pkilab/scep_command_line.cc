@@ -18,10 +18,13 @@ std::map<std::string, int> fail_info_choices() {
 }
 
 misdeed find_misdeed(const std::string &name) {
-  for (const misdeed_row &row : misdeed_rows())
+  std::string names;
+  for (const misdeed_row &row : misdeed_rows()) {
     if (row.name == name)
       return row.what;
-  throw CLI::ValidationError("--scep-misbehave", name + " is none of the names in the help");
+    names += (names.empty() ? "" : ",") + std::string(row.name);
+  }
+  throw CLI::ValidationError("--scep-misbehave", name + " not in {" + names + "}");
 }
 
 void add_algorithm(CLI::App *serve, const char *option, std::string *name, const char *help) {
