@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Checks the manual: a page for each exported function and each subcommand, and no formatter
-complains about any.
+"""Checks the manual: a page for each function of the library and of the board library and for each
+subcommand, and no formatter complains about any.
 
     check_manual.py SOURCE_DIR MAN_DIR TOOL...
 """
@@ -35,9 +35,16 @@ def check_page(path, name):
     return text
 
 
+def functions_of(path, pattern):
+    names = re.findall(pattern, (source / path).read_text(encoding="utf-8"), re.MULTILINE)
+    if not names:
+        complaints.append(f"{path}: no functions")
+    return names
+
+
 def check_functions():
-    exports = (source / "packaging/libpki.map").read_text(encoding="utf-8")
-    names = re.findall(r"^    (\w+);$", exports, re.MULTILINE)
+    names = functions_of("packaging/libpki.map", r"^    (\w+);$")
+    names += functions_of("board/include/board/board.h", r"^BOARD_API\b[^;(]*?\b(\w+)\(")
     for name in names:
         text = check_page(manual / "man3" / f"{name}.3", name)
         synopsis = text.partition(".SH SYNOPSIS\n")[2].partition(".SH ")[0]
@@ -46,7 +53,8 @@ def check_functions():
     for path in sorted((source / "include/libpki").glob("*.h")):
         if path.stem != "libpki":
             check_page(manual / "man3" / f"libpki_{path.stem}.3", f"libpki_{path.stem}")
-    check_page(manual / "man3/libpki.3", "libpki")
+    for name in ("libpki_board", "libpki"):
+        check_page(manual / "man3" / f"{name}.3", name)
     return len(names)
 
 
@@ -76,7 +84,22 @@ def check_tool(program):
             for flag in option.flags():
                 if text and roff.bold(flag) not in text:
                     complaints.append(f"{name}.1: nothing about {flag}")
+        for row in rows_of_help(program, command):
+            if f".TP\n{roff.bold(row)}\n" not in text:
+                complaints.append(f"{name}.1: {row} has no paragraph of its own")
+        if r"\(rs&" in text:
+            complaints.append(f"{name}.1: an escape was escaped")
     return len(commands)
+
+
+def rows_of_help(program, command):
+    """What the help lists but options, arguments and subcommands: the names of the rows."""
+    if command.children:
+        return []
+    shown = subprocess.run([program, *command.words[1:], "--help"], check=True, text=True,
+                           capture_output=True).stdout
+    lists = shown.partition("\nOptions:")[2].partition("\n\n")[2]
+    return re.findall(r"^  (/?[\w-]+[/\w.-]*)(?: {3,}\S.*|)\n", lists, re.MULTILINE)
 
 
 def run_checker(command):

@@ -78,7 +78,9 @@ fi
 
 examples=$root/usr/share/doc/libpki-dev/examples
 programs=("$examples"/*.c)
-((${#programs[@]} > 0)) || { echo "no examples are installed" >&2; exit 1; }
+for name in tls_client marshal_record host office device judge servers; do
+  [[ -s $examples/$name.c ]] || { echo "not installed: the example $name.c" >&2; exit 1; }
+done
 
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 flags=$(pkg-config --define-variable=prefix="$root/usr" --cflags --libs libpki libssl)
@@ -127,6 +129,7 @@ for way in pkg-config cmake; do
         quietly "$name" write "$work/record-$way"
         quietly "$name" read "$work/record-$way"
         ;;
+      */servers) quietly "$name" ;;
       */tls_client) quietly "$name" localhost "$port" "$work/cert.pem" ;;
       *) [[ -x $name ]] || { echo "$name was not built" >&2; exit 1; } ;;
     esac

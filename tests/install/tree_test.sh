@@ -1,6 +1,6 @@
 #!/bin/bash
 # tree_test.sh BUILD_DIR: what `cmake --install` puts down, below another prefix than the configured
-# one.
+# one, and that hosts build with it and run. CC, CFLAGS and CMAKE_GENERATOR are theirs.
 set -euo pipefail
 build=${1:?usage: tree_test.sh BUILD_DIR}
 work=$(mktemp -d)
@@ -32,7 +32,7 @@ expect "$lib/libpki.so" "$lib/libpki.so.0" "$lib/libpki.so.0.*" \
   share/man/man1/pkictl-verify.1 \
   share/bash-completion/completions/pkictl share/bash-completion/completions/pkilab \
   share/doc/libpki/README.md share/doc/libpki/docs/security.md \
-  share/doc/libpki/examples/tls_client.c
+  share/doc/libpki/examples/{tls_client,marshal_record,host,office,device,judge,servers}.c
 
 # Links in documents lead to what is installed, and what is for the sources only is not there.
 "$(dirname "$0")/installed_links.py" "$prefix/share/doc/libpki" || failed=1
@@ -58,13 +58,54 @@ for variable in libdir includedir; do
   fi
 done
 
-# A host links with what pkg-config says, also where linkers do not look for the board library.
-echo '#include <libpki/libpki.h>
-int main(void) { return libpki_init(); }' >"$work/host.c"
-# shellcheck disable=SC2046  # flags are words
-if ! ${CC:-cc} "$work/host.c" $(pkg-config --cflags --libs libpki) -o "$work/host"; then
-  failed=1
-fi
+# quietly COMMAND...: says what the command said only if it fails.
+quietly() {
+  if ! "$@" >"$work/log" 2>&1; then
+    echo "failed: $*" >&2
+    cat "$work/log" >&2
+    return 1
+  fi
+}
+
+# Hosts link with what pkg-config says, also where linkers do not look for the board library. It
+# brings libcrypto: only those that use TLS ask for more.
+examples=$prefix/share/doc/libpki/examples
+build_by_pkg_config() {
+  local source name packages flags
+  mkdir "$work/pkg-config"
+  for source in "$examples"/*.c; do
+    name=$(basename "$source" .c)
+    packages=libpki
+    [[ $name != @(host|tls_client) ]] || packages='libpki libssl'
+    # shellcheck disable=SC2086  # packages and flags are words
+    flags=$(pkg-config --cflags --libs $packages) &&
+      quietly ${CC:-cc} ${CFLAGS:-} -std=c99 "$source" $flags -o "$work/pkg-config/$name" ||
+      return 1
+  done
+}
+
+build_by_cmake() {
+  quietly cmake -S "$examples" -B "$work/cmake" "-DCMAKE_PREFIX_PATH=$prefix" || return 1
+  grep -q "^libpki_DIR:PATH=$prefix/" "$work/cmake/CMakeCache.txt" ||
+    { echo "find_package(libpki) found another one" >&2; return 1; }
+  quietly cmake --build "$work/cmake"
+}
+
+# expect_hosts WAY: all examples were built that way, and one does its work.
+expect_hosts() {
+  local source name
+  for source in "$examples"/*.c; do
+    name=$(basename "$source" .c)
+    [[ -x $work/$1/$name ]] || { echo "$1: $name was not built" >&2; return 1; }
+  done
+  for name in write read; do
+    LD_LIBRARY_PATH=$prefix/$lib quietly "$work/$1/marshal_record" $name "$work/record-$1" ||
+      return 1
+  done
+}
+
+{ build_by_pkg_config && expect_hosts pkg-config; } || failed=1
+{ build_by_cmake && expect_hosts cmake; } || failed=1
 
 # In the system's own folder they find it: hosts get no flag beyond the library's.
 DESTDIR=$work/system cmake --install "$build" --prefix /usr >>"$work/log" 2>&1
