@@ -41,7 +41,8 @@ PKI_API int read_line(int fd, char *buffer, size_t *length, int *error);
  * are followed.
  *
  * host, path          as parse_url gives them; `host` is changed in place. "[address]:port" is an
- *                     IPv6 address. Addresses are tried in order, 60 seconds each.
+ *                     IPv6 address. The first 8 addresses of a name are tried in order, 60
+ *                     seconds each.
  * accept              (GET) value of the Accept line; null writes the text "(null)".
  * request_type, request_body, request_length
  *                     (POST) media type (or null) and octets to send.
@@ -57,11 +58,12 @@ PKI_API int read_line(int fd, char *buffer, size_t *length, int *error);
  * body, sock          the one that `stream` asks for must be given; null or -1 unless the status
  *                     is 200.
  *
- * Return 0; 2 out of memory, or a body above 64 MiB; 47 no such host, no connection, a port
- * outside 1 to 65535, nothing sent, no valid status line, no announced length (body), a body cut
- * short; 48 the head of the answer could not be read, has a line above 699 characters or is
- * above 64 KiB; 63 a required argument is null, or a negative length. 47 and 48 are logged at
- * level 3, redirects at level 7.
+ * Return 0; 2 out of memory (also the system's, for the host's name or the connection: that is
+ * logged at level 3), or a body above 64 MiB; 47 no such host, no connection, a port outside 1 to
+ * 65535, nothing sent, no valid status line, no announced length (body), a body cut short; 48 the
+ * head of the answer could not be read, has a line above 699 characters or is above 64 KiB; 63 a
+ * required argument is null, or a negative length. 47 and 48 are logged at level 3, redirects at
+ * level 7.
  */
 PKI_API int send_http_get(char *host, const char *path, int *status, const char *accept,
                           int *content_length, char **content_type, unsigned char stream,

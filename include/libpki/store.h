@@ -24,7 +24,7 @@ typedef struct pki_store_object {
   STACK *key_store;           /* of key_info: the device's key pairs and their certificates */
   STACK *ca_infos;            /* of ca_info: the provisioned CAs */
   STACK *provisioned_certs;   /* of X509: untrusted, kept */
-  STACK *collected_certs;     /* of X509: untrusted, met at run time; at most 512 */
+  STACK *collected_certs;     /* of X509: untrusted, met at run time; bounded */
   STACK *global_status_rules; /* of cert_status_info: apply when no CA is given */
 } pki_store_object;
 
@@ -148,7 +148,9 @@ PKI_API int pki_remove_certificate(const char *key_label, const char *cert_label
 
 /*
  * Adds a certificate to a list. `list` (of X509) stays as it is when a certificate of the same
- * issuer and serial number is in it. Returns 0; 2; 49 no reference could be taken; 63.
+ * issuer and serial number is in it. The store's collected list keeps the limits of
+ * pki_add_untrusted_cert.
+ * Returns 0; 2; 49 no reference could be taken; 63.
  */
 PKI_API int pki_add_cert(STACK *list, X509 *cert);
 
@@ -157,8 +159,10 @@ PKI_API int pki_add_trusted_cert(X509 *cert, ca_info *info);
 
 /*
  * Adds an untrusted certificate to the store. It goes to the provisioned list when `keep` is
- * non-zero, else to the collected list, which holds 512 and drops its oldest. Returns 0; 2; 49; 63;
- * 80 no lock.
+ * non-zero, else to the collected list. That holds 512 certificates and 2 MiB of DER, and drops its
+ * oldest; a certificate of more than 16 KiB of DER does not enter it, which is no failure.
+ * Returns 0; 2, also for a certificate that the collected list cannot measure, as it cannot be
+ * encoded; 49; 63; 80 no lock.
  */
 PKI_API int pki_add_untrusted_cert(X509 *cert, unsigned char keep);
 

@@ -55,7 +55,8 @@ PKI_BEGIN_DECLS
  * The top of the chain is trusted as it is, and nobody is asked about it: so is a single
  * certificate that the X509_STORE holds. When OpenSSL accepts the top, every certificate above the
  * end entity, and the caller's untrusted ones but the first, go into the store's collected
- * certificates; behind a forgiven error 2 it does not ask again about the top, and none do.
+ * certificates, whose limits pki_add_untrusted_cert has; behind a forgiven error 2 it does not ask
+ * again about the top, and none do.
  *
  * Internet flavour: blocks while responders are asked; there is no limit on the whole, so give the
  * connection that waits for the verdict a time-out of its own. RFC 5280 6.1 and 6.3, RFC 6960.

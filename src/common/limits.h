@@ -15,6 +15,9 @@ constexpr size_t http_location_capacity = 101;
 constexpr size_t http_max_head_bytes = 64 * 1024;
 // A body that is held in memory.
 constexpr int http_max_body_bytes = 64 * 1024 * 1024;
+// Addresses of one name that are tried: each may cost a time-out, and whoever answers for the name
+// may give thousands.
+constexpr int http_max_addresses = 8;
 // Each wait for a connection, for room to send, and for data.
 constexpr int http_timeout_ms = 60000;
 // The first request and 19 redirects.
@@ -22,6 +25,10 @@ constexpr int http_max_requests = 20;
 
 // Store. Collected certificates: a device runs for years, so the oldest makes room.
 constexpr int max_collected_certs = 512;
+// DER of one of them, and of them all: a peer sends what it likes, and decoded it takes ten times
+// as much; what is made for that, fifty times.
+constexpr size_t max_collected_cert_bytes = 16 * 1024;
+constexpr size_t max_collected_bytes = 2 * 1024 * 1024;
 // Start-up steps that ran out of memory are tried again after this many seconds.
 constexpr unsigned init_retry_seconds = 60;
 

@@ -56,16 +56,28 @@ void set_port(sockaddr *address, int port) {
     reinterpret_cast<sockaddr_in *>(address)->sin_port = number;
 }
 
+// Want of memory says nothing about the host.
+int failure_code(int reason) {
+  return reason == ENOMEM || reason == ENOBUFS ? PKI_OUT_OF_MEMORY : PKI_HTTP_ERROR;
+}
+
+// The C library calls a host unknown, too, when it had no memory to look for it.
+int resolver_failure_code(int failure, int reason) {
+  return failure == EAI_MEMORY ? PKI_OUT_OF_MEMORY : failure_code(reason);
+}
+
 int resolve(const endpoint &peer, addrinfo_ptr *addresses) {
   addrinfo hints = {};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo *found = nullptr;
+  errno = 0;
   int failure = getaddrinfo(peer.name, nullptr, &hints, &found);
   if (failure) {
-    const char *reason = failure == EAI_SYSTEM ? strerror(errno) : gai_strerror(failure);
-    syslog(log_error, "Error getting hostname-info for %s: %s", peer.name, reason);
-    return PKI_HTTP_ERROR;
+    int reason = errno;
+    syslog(log_error, "Error getting hostname-info for %s: %s", peer.name,
+           failure == EAI_SYSTEM ? strerror(reason) : gai_strerror(failure));
+    return resolver_failure_code(failure, reason);
   }
   addresses->reset(found);
   return PKI_OK;
@@ -96,25 +108,45 @@ int connect_within_timeout(int fd, const addrinfo &address) {
   return fcntl(fd, F_SETFL, flags) == 0 ? 0 : errno;
 }
 
-int connect_to_address(const endpoint &peer, const addrinfo &address, bool is_last,
-                       socket_owner *sock) {
+// How the try of an address ended.
+struct attempt {
+  bool has_socket;
+  int reason;  // an errno value; 0: connected
+};
+
+attempt connect_to_address(const endpoint &peer, const addrinfo &address, socket_owner *sock) {
   set_port(address.ai_addr, peer.port);
   sock->reset(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (sock->get() < 0) {
-    int reason = errno;
-    if (is_last)
-      syslog(log_error, "Error creating socket to %s:%d: %s", peer.name, peer.port,
-             strerror(reason));
-    return PKI_HTTP_ERROR;
+  if (sock->get() < 0)
+    return {false, errno};
+  attempt tried = {true, connect_within_timeout(sock->get(), address)};
+  if (tried.reason)
+    sock->reset();
+  return tried;
+}
+
+int report(const endpoint &peer, const attempt &failed) {
+  if (failed.has_socket)
+    syslog(log_error, "Error connecting to %s:%d: %s", peer.name, peer.port,
+           strerror(failed.reason));
+  else
+    syslog(log_error, "Error creating socket to %s:%d: %s", peer.name, peer.port,
+           strerror(failed.reason));
+  return failure_code(failed.reason);
+}
+
+// An address that fails is no news while another is left to try. Behind the last one, want of
+// memory is: the address that met it might have answered.
+int connect_to_one_of(const endpoint &peer, const addrinfo *address, socket_owner *sock) {
+  attempt failed = {};
+  for (int i = 0; address && i < http_max_addresses; i++, address = address->ai_next) {
+    attempt tried = connect_to_address(peer, *address, sock);
+    if (!tried.reason)
+      return PKI_OK;
+    if (failure_code(failed.reason) != PKI_OUT_OF_MEMORY)
+      failed = tried;
   }
-  int failure = connect_within_timeout(sock->get(), address);
-  if (!failure)
-    return PKI_OK;
-  sock->reset();
-  // An address that fails is no news while another is left to try.
-  if (is_last)
-    syslog(log_error, "Error connecting to %s:%d: %s", peer.name, peer.port, strerror(failure));
-  return PKI_HTTP_ERROR;
+  return report(peer, failed);
 }
 
 }  // namespace
@@ -128,10 +160,7 @@ int connect_to(char *host, socket_owner *sock) {
   addrinfo_ptr addresses;
   if (int error = resolve(peer, &addresses))
     return error;
-  for (const addrinfo *address = addresses.get(); address; address = address->ai_next)
-    if (connect_to_address(peer, *address, !address->ai_next, sock) == PKI_OK)
-      return PKI_OK;
-  return PKI_HTTP_ERROR;
+  return connect_to_one_of(peer, addresses.get(), sock);
 }
 
 }  // namespace pki

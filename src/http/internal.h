@@ -38,8 +38,9 @@ struct http_head {
 void clear_head(http_head *head);
 
 // Connects to "name", "name:port", "[address]" or "[address]:port" and cuts
-// the port off in place.
-// Returns 0 or PKI_HTTP_ERROR, logged.
+// the port off in place. The first http_max_addresses of a name are tried in order.
+// Returns 0; PKI_OUT_OF_MEMORY when the resolver or an address's connection lacked memory;
+// PKI_HTTP_ERROR. Both logged.
 [[nodiscard]] int connect_to(char *host, socket_owner *sock);
 
 // Sends head and body. Returns 0, PKI_OUT_OF_MEMORY, or PKI_HTTP_ERROR, logged.
@@ -58,7 +59,8 @@ void clear_head(http_head *head);
 // PKI_HTTP_READ_RESP_ERROR, logged. head->status holds the status as soon as it is known.
 [[nodiscard]] int read_head(int fd, http_head *head);
 
-// Reads a body of the announced length. Returns 0, PKI_OUT_OF_MEMORY or PKI_HTTP_ERROR, logged.
+// Reads a body of the announced length, at most http_max_body_bytes. Returns 0, PKI_OUT_OF_MEMORY
+// or PKI_HTTP_ERROR, logged.
 [[nodiscard]] int read_body(int fd, int length, void **body);
 
 }  // namespace pki

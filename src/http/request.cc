@@ -4,12 +4,14 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "common/log.h"
 #include "common/text.h"
 #include "http/internal.h"
+#include "http/post_within.h"
 
 namespace pki {
 
@@ -25,6 +27,7 @@ struct http_outputs {
   bool stream;
   void **body;
   int *sock;
+  int limit = INT_MAX;  // of a body: a longer one is of no use and stays unread
 };
 
 bool is_redirect(int status) {
@@ -150,6 +153,10 @@ int deliver(const http_outputs &out, socket_owner *sock, const http_head &head) 
     syslog(log_error, "Won't buffer http response with indeterminate length");
     return PKI_HTTP_ERROR;
   }
+  if (head.content_length > http_max_body_bytes)
+    return PKI_OUT_OF_MEMORY;
+  if (head.content_length > out.limit)
+    return PKI_OK;
   return read_body(sock->get(), head.content_length, out.body);
 }
 
@@ -208,6 +215,13 @@ int send_request(int fd, const char *head, const http_request &request) {
     return PKI_HTTP_ERROR;
   }
   return PKI_OK;
+}
+
+int send_http_post_within(int limit, char *host, const char *path, const char *request_type,
+                          const void *request_body, int request_length, int *status,
+                          int *content_length, char **content_type, void **body) {
+  http_request request = {"POST", host, path, nullptr, request_type, request_body, request_length};
+  return do_req(request, {status, content_length, content_type, false, body, nullptr, limit});
 }
 
 }  // namespace pki

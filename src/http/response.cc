@@ -117,8 +117,6 @@ int read_head(int fd, http_head *head) {
 }
 
 int read_body(int fd, int length, void **body) {
-  if (length > http_max_body_bytes)
-    return PKI_OUT_OF_MEMORY;
   malloc_ptr<char> buffer(static_cast<char *>(allocate(static_cast<size_t>(length))));
   if (!buffer)
     return PKI_OUT_OF_MEMORY;

@@ -19,18 +19,82 @@ bool holds_same_cert(STACK *list, X509 *cert) {
                                         X509_get0_serialNumber(cert)) != nullptr;
 }
 
-// A device runs for years: the list of what it met stays bounded.
-X509 *take_oldest_if_over_full() {
-  mutex_lock lock(&list_mutex);
-  STACK *list = pki_store->collected_certs;
-  return OPENSSL_sk_num(list) > max_collected_certs ? static_cast<X509 *>(OPENSSL_sk_shift(list))
-                                                    : nullptr;
+// They wait on the stack for the lock's end.
+constexpr int unlinked_at_once = 16;
+
+// No fewer octets than the collected list holds. What others take out of it still counts, until the
+// octets are counted anew. Guarded by list_mutex.
+size_t collected_bytes = 0;
+
+// 0: it cannot be encoded.
+size_t der_length(X509 *cert) {
+  int length = i2d_X509(cert, nullptr);
+  return length > 0 ? static_cast<size_t>(length) : 0;
 }
 
-// Called without a lock: a host can hang calls of its own on a certificate's end.
+void count_collected_bytes_locked() {
+  openssl_error_mark they_were_encoded_before;
+  STACK *list = pki_store->collected_certs;
+  collected_bytes = 0;
+  for (int i = 0; i < OPENSSL_sk_num(list); i++)
+    collected_bytes += der_length(static_cast<X509 *>(OPENSSL_sk_value(list, i)));
+}
+
+bool is_over_full_locked() {
+  return OPENSSL_sk_num(pki_store->collected_certs) > max_collected_certs ||
+         collected_bytes > max_collected_bytes;
+}
+
+X509 *unlink_oldest_locked() {
+  openssl_error_mark it_was_encoded_before;
+  auto *oldest = static_cast<X509 *>(OPENSSL_sk_shift(pki_store->collected_certs));
+  size_t length = der_length(oldest);
+  collected_bytes -= length < collected_bytes ? length : collected_bytes;
+  return oldest;
+}
+
+// Takes the oldest out of an over-full list, and says how many.
+int unlink_surplus(x509_ptr *unlinked) {
+  mutex_lock lock(&list_mutex);
+  if (collected_bytes > max_collected_bytes)
+    count_collected_bytes_locked();
+  int count = 0;
+  while (count < unlinked_at_once && is_over_full_locked())
+    unlinked[count++].reset(unlink_oldest_locked());
+  return count;
+}
+
+// A device runs for years: the list of what it met stays bounded. Called without a lock: a host can
+// hang calls of its own on a certificate's end.
 void trim_collected_certs() {
-  while (x509_ptr oldest{take_oldest_if_over_full()})
-    continue;
+  int count;
+  do {
+    x509_ptr unlinked[unlinked_at_once];
+    count = unlink_surplus(unlinked);
+  } while (count > 0);
+}
+
+int push_cert_locked(STACK *list, X509 *cert) {
+  if (!take_reference(cert))
+    return PKI_CRYPTO_LOCK_FAILED;
+  if (OPENSSL_sk_push(list, cert) <= 0) {
+    X509_free(cert);
+    return PKI_OUT_OF_MEMORY;
+  }
+  return PKI_OK;
+}
+
+// What is too large to be collected is met again where it is needed.
+int collect_locked(X509 *cert) {
+  size_t length = der_length(cert);
+  if (length == 0)
+    return PKI_OUT_OF_MEMORY;
+  if (length > max_collected_cert_bytes)
+    return PKI_OK;
+  int error = push_cert_locked(pki_store->collected_certs, cert);
+  if (!error)
+    collected_bytes += length;
+  return error;
 }
 
 int add_cert(STACK *list, X509 *cert) {
@@ -60,13 +124,7 @@ int end_of_adding(int error) {
 int add_cert_locked(STACK *list, X509 *cert) {
   if (holds_same_cert(list, cert))
     return PKI_OK;
-  if (!take_reference(cert))
-    return PKI_CRYPTO_LOCK_FAILED;
-  if (OPENSSL_sk_push(list, cert) <= 0) {
-    X509_free(cert);
-    return PKI_OUT_OF_MEMORY;
-  }
-  return PKI_OK;
+  return list == pki_store->collected_certs ? collect_locked(cert) : push_cert_locked(list, cert);
 }
 
 }  // namespace pki

@@ -57,9 +57,10 @@ std::mutex &mutex() {
 struct state {
   trap wrlock, rdlock, rwlock_init, x509_up_ref, x509_get0_pubkey, responder_id, produced_at,
       single_status, crl_up_ref, pkey_up_ref, rand_bytes, serialnumber, serial_octet, secret_length,
-      poll_error, poll_timeout, socket, send_error, send_short, verify_cert, resolver;
+      poll_error, poll_timeout, socket, connect_error, send_error, send_short, verify_cert,
+      resolver, resolver_errno;
   std::map<std::string, std::vector<std::string>> names;
-  int wrlocks = 0, rdlocks = 0, host_settings = 0;
+  int connects = 0, wrlocks = 0, rdlocks = 0, host_settings = 0;
 };
 
 state &current() {
@@ -178,6 +179,9 @@ void time_out_polls_when(const std::function<bool()> &silent) {
 void fail_socket(int error, int after) {
   arm(&state::socket, error, after);
 }
+void fail_connect(int error, int after) {
+  arm(&state::connect_error, error, after);
+}
 void fail_send(int error, int after) {
   arm(&state::send_error, error, after);
 }
@@ -198,14 +202,18 @@ void resolve(const std::string &host, const std::vector<std::string> &addresses)
   current().names[host] = addresses;
 }
 
-void fail_resolver(int error) {
-  arm(&state::resolver, error, 0);
+void fail_resolver(int failure, int error) {
+  arm(&state::resolver_errno, error, 0);
+  arm(&state::resolver, failure, 0);
 }
 
 int last_poll_timeout() {
   return poll_timeout;
 }
 
+int connect_calls() {
+  return current().connects;
+}
 int wrlock_calls() {
   return current().wrlocks;
 }
@@ -389,6 +397,16 @@ int socket(int domain, int type, int protocol) noexcept {
   return NEXT(socket)(domain, type, protocol);
 }
 
+int connect(int fd, const sockaddr *address, socklen_t length) {
+  int error;
+  count(&state::connects);
+  if (fires_here(&state::connect_error, &error)) {
+    errno = error;
+    return -1;
+  }
+  return NEXT(connect)(fd, address, length);
+}
+
 ssize_t send(int fd, const void *data, size_t length, int flags) {
   int error;
   if (!(flags & MSG_NOSIGNAL))
@@ -403,10 +421,10 @@ ssize_t send(int fd, const void *data, size_t length, int flags) {
 }
 
 int getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **result) {
-  int error;
-  if (fires(&state::resolver, &error)) {
+  int failure, error;
+  if (fires(&state::resolver, &failure) && fires(&state::resolver_errno, &error)) {
     errno = error;
-    return EAI_SYSTEM;
+    return failure;
   }
   {
     fake_allocator::pause no_failures;

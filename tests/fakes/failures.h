@@ -32,22 +32,25 @@ void time_out_poll(int after = 0);                // poll returns 0 at once
 // Polls of this thread that find nothing to read time out at once when `silent()` says that nothing
 // more will come; until then they wait.
 void time_out_polls_when(const std::function<bool()> &silent);
-void fail_socket(int error, int after = 0);  // socket returns -1 with errno `error`
-void fail_send(int error, int after = 0);    // send returns -1 with errno `error`
-void short_send(int after = 0);              // send takes one octet only
-void refuse_verify_cert(int after = 0);      // X509_verify_cert returns 0 and sets no error
+void fail_socket(int error, int after = 0);   // socket returns -1 with errno `error`
+void fail_connect(int error, int after = 0);  // connect returns -1 with errno `error`
+void fail_send(int error, int after = 0);     // send returns -1 with errno `error`
+void short_send(int after = 0);               // send takes one octet only
+void refuse_verify_cert(int after = 0);       // X509_verify_cert returns 0 and sets no error
 // The next dlopen of this thread loads `name` (a text that lasts) instead.
 void load_instead(const char *name);
 
 // Answers name resolution of `host` with numeric addresses, in order, instead of the resolver;
 // an empty list gives EAI_NONAME.
 void resolve(const std::string &host, const std::vector<std::string> &addresses);
-// The next resolution gives EAI_SYSTEM with errno `error`.
-void fail_resolver(int error);
+// The next resolution gives `failure`, one of EAI_*, and sets errno to `error`.
+void fail_resolver(int failure, int error);
 
 // The time-out, in milliseconds, of the last poll of the calling thread.
 int last_poll_timeout();
 
+// Calls of connect since the last reset.
+int connect_calls();
 // Calls of pthread_rwlock_wrlock and _rdlock since the last reset.
 int wrlock_calls();
 int rdlock_calls();

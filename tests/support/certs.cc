@@ -183,6 +183,23 @@ cert simple_cert(const std::string &issuer, const std::string &subject, long ser
   return make_cert(options);
 }
 
+cert cert_of_size(size_t size, const std::string &issuer, const std::string &subject, long serial) {
+  cert_options options;
+  options.subject = common_name(subject);
+  options.issuer = common_name(issuer);
+  options.serial = serial;
+  size_t padding = size > 400 ? size - 400 : 1;
+  for (int tries = 0; tries < 20; tries++) {
+    options.extensions = {{"1.2.3.4", "DER:" + std::string(2 * padding, '0')}};
+    cert made = make_cert(options);
+    size_t got = der(made).size();
+    if (got == size)
+      return made;
+    padding += size - got;
+  }
+  give_up("certificate of an exact size");
+}
+
 crl make_crl(const crl_options &options) {
   X509_CRL *made = X509_CRL_new();
   X509_CRL_set_version(made, 1);

@@ -64,6 +64,8 @@ cert make_cert(const cert_options &options = {});
 cert make_ca(const std::string &cn, int which = 0, long serial = 1);
 // A plain certificate with this issuer CN, subject CN and serial, signed with test_key(0).
 cert simple_cert(const std::string &issuer, const std::string &subject, long serial);
+// The same, with an extension that makes its DER exactly `size` octets (at least about 400).
+cert cert_of_size(size_t size, const std::string &issuer, const std::string &subject, long serial);
 
 struct crl_options {
   name issuer;                // default: CN=issuer

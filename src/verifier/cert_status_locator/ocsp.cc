@@ -21,14 +21,18 @@ bool is_ocsp(const ACCESS_DESCRIPTION *description) {
   return OBJ_obj2nid(description->method) == NID_ad_OCSP;
 }
 
-bool is_acceptable(const ACCESS_DESCRIPTION *description) {
-  const GENERAL_NAME *location = description->location;
-  if (location->type != GEN_URI) {
-    syslog(log_debug, "ignoring ocsp AIA with a non-uri location name (type=%d)", location->type);
-    return false;
-  }
-  if (is_text(location->d.uniformResourceIdentifier))
+bool is_uri(const ACCESS_DESCRIPTION *description) {
+  int type = description->location->type;
+  if (type != GEN_URI)
+    syslog(log_debug, "ignoring ocsp AIA with a non-uri location name (type=%d)", type);
+  return type == GEN_URI;
+}
+
+// Whoever it would have named is missing, but not the will to name one.
+bool is_readable(const ACCESS_DESCRIPTION *description, cert_sts_locator_list *list) {
+  if (is_text(description->location->d.uniformResourceIdentifier))
     return true;
+  list->incomplete = true;
   syslog(log_warning, "ignoring ocsp AIA with a NUL in its uri");
   return false;
 }
@@ -83,7 +87,7 @@ int add_ocsp_locators(X509 *cert, cert_sts_locator_list *list) {
   int added = 0;
   for (int i = 0; i < total; i++) {
     const ACCESS_DESCRIPTION *description = sk_ACCESS_DESCRIPTION_value(access.get(), i);
-    if (!is_ocsp(description) || !is_acceptable(description))
+    if (!is_ocsp(description) || !is_uri(description) || !is_readable(description, list))
       continue;
     if (added == max_responders) {
       syslog(log_warning, "ignoring ocsp AIA entries behind the first %d", max_responders);

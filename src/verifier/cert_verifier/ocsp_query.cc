@@ -1,11 +1,11 @@
 // Asking an OCSP responder.
 #include <libpki/error.h>
-#include <libpki/http.h>
 #include <libpki/store.h>
 #include <libpki/util.h>
 
 #include "common/limits.h"
 #include "common/text.h"
+#include "http/post_within.h"
 #include "verifier/cert_status.h"
 #include "verifier/cert_verifier/internal.h"
 #include "verifier/cert_verifier/ocsp.h"
@@ -75,8 +75,8 @@ int post(const char *url, http_address *address, const unsigned char *request, i
   void *body = nullptr;
   // Many responders' URLs end with the host.
   const char *path = *address->path ? address->path : "/";
-  int error = send_http_post(address->host, path, request_type, request, length, &status,
-                             &reply->length, &content_type, 0, &body, nullptr);
+  int error = send_http_post_within(ocsp_max_response_bytes, address->host, path, request_type,
+                                    request, length, &status, &reply->length, &content_type, &body);
   malloc_ptr<char> type_owner(content_type);
   reply->body.reset(static_cast<unsigned char *>(body));
   if (int refused = judge_head(url, error, status, content_type))

@@ -67,9 +67,11 @@ cert_sts_info *eviction_victim() {
   return victim;
 }
 
-void drop(cert_sts_info *info) {
+// Freeing what this gives comes after unlocking: a host can hang calls of its own on a
+// certificate's end.
+sts_info_ptr take_out(cert_sts_info *info) {
   unlink(info);
-  cv_free_cert_sts_info(info);
+  return sts_info_ptr(info);
 }
 
 cert_sts_info *first_record_of(const X509 *cert) {
@@ -105,13 +107,14 @@ int zv_cv_add_cert_sts_info_cache(cert_sts_info *info) {
     return PKI_INVALID_ARGS;
   if (has_expired(info) || (info->cert && !is_comparable(info->cert)))
     return PKI_OK;
+  sts_info_ptr victim;
   write_lock lock(&pki_csi_cache.lock);
   if (!lock.held())
     return PKI_LOCK_FAILED;
   if (is_linked(info))
     return PKI_OK;
   if (pki_csi_cache.count >= status_cache_records)
-    drop(eviction_victim());
+    victim = take_out(eviction_victim());
   append(cv_dup_cert_sts_info(info));
   return PKI_OK;
 }
@@ -143,12 +146,12 @@ int zv_cv_remove_cert_sts_info_cache(cert_sts_info *info) {
 }
 
 int zv_cv_clear_cert_sts_info_cache(void) {
+  sts_info_ptr records[status_cache_records];
   write_lock lock(&pki_csi_cache.lock);
   if (!lock.held())
     return lock.error();
-  while (pki_csi_cache.first)
-    drop(pki_csi_cache.first);
-  pki_csi_cache.count = 0;
+  for (int i = 0; pki_csi_cache.first && i < status_cache_records; i++)
+    records[i] = take_out(pki_csi_cache.first);
   return lock.unlock();
 }
 

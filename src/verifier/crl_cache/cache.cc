@@ -68,13 +68,23 @@ bool has_room(uint32_t size) {
   return size <= crl_cache_bytes - cv_crl_cache.total_size;
 }
 
-bool make_room(uint32_t size) {
+// What one turn with the lock evicts; freed behind it.
+struct evicted_crls {
+  static constexpr uint32_t capacity = 16;
+  crl_references references[capacity];
+  uint32_t count = 0;
+};
+
+bool make_room(uint32_t size, evicted_crls *evicted) {
   if (has_room(size))
     return true;
   std::qsort(cv_crl_cache.entries, cv_crl_cache.capacity, sizeof(crl_cache_entry), compare_access);
-  for (uint32_t i = 0; i < cv_crl_cache.capacity && !has_room(size); i++)
+  for (uint32_t i = 0; i < cv_crl_cache.capacity && !has_room(size); i++) {
+    if (evicted->count == evicted_crls::capacity)
+      break;
     if (cv_crl_cache.entries[i].crl)
-      cv_free_crl_entry(&cv_crl_cache.entries[i]);
+      evicted->references[evicted->count++] = cv_free_crl_entry(&cv_crl_cache.entries[i]);
+  }
   return has_room(size);
 }
 
@@ -111,21 +121,39 @@ int covered_reasons(const X509_CRL *crl, uint32_t *reasons) {
   return PKI_OK;
 }
 
-int add_locked(X509_CRL *crl, X509 *signer, uint32_t size, uint32_t reasons) {
-  if (!make_room(size))
-    return PKI_OUT_OF_MEMORY;
+struct new_crl {
+  X509_CRL *crl;
+  X509 *signer;
+  uint32_t size;
+  uint32_t reasons;
+};
+
+int add_locked(const new_crl &added) {
   crl_cache_entry *slot = free_slot();
   if (!slot)
     return PKI_OUT_OF_MEMORY;
-  if (!take_references(crl, signer))
+  if (!take_references(added.crl, added.signer))
     return PKI_CRYPTO_LOCK_FAILED;
-  slot->crl = crl;
-  slot->signer = signer;
-  slot->size = size;
-  slot->reasons = reasons;
-  cv_crl_cache.total_size += size;
+  slot->crl = added.crl;
+  slot->signer = added.signer;
+  slot->size = added.size;
+  slot->reasons = added.reasons;
+  cv_crl_cache.total_size += added.size;
   touch(slot);
   return PKI_OK;
+}
+
+// One turn with the lock. *again: there is no room yet, but more can be evicted.
+int add_in_turn(const new_crl &added, bool *again) {
+  *again = false;
+  evicted_crls evicted;
+  write_lock lock(&cv_crl_cache.lock);
+  if (!lock.held())
+    return PKI_LOCK_FAILED;
+  if (make_room(added.size, &evicted))
+    return add_locked(added);
+  *again = evicted.count == evicted_crls::capacity;
+  return PKI_OUT_OF_MEMORY;
 }
 
 // The object itself, else the first CRL of the same issuer.
@@ -167,12 +195,12 @@ X509_CRL *find_locked(crl_search *search) {
 
 }  // namespace
 
-void cv_free_crl_entry(crl_cache_entry *entry) {
-  X509_CRL_free(entry->crl);
-  X509_free(entry->signer);
+crl_references cv_free_crl_entry(crl_cache_entry *entry) {
+  crl_references held = {x509_crl_ptr(entry->crl), x509_ptr(entry->signer)};
   entry->crl = nullptr;
   entry->signer = nullptr;
   cv_crl_cache.total_size -= entry->size;
+  return held;
 }
 
 }  // namespace pki
@@ -216,16 +244,14 @@ int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer) {
     return openssl_failure(PKI_ASN1_ENCODE_ERROR);
   if (static_cast<uint32_t>(size) > crl_cache_bytes)
     return PKI_ENTRY_TOO_LARGE;
-  uint32_t reasons = 0;
-  if (int error = covered_reasons(crl, &reasons))
+  new_crl added = {crl, signer, static_cast<uint32_t>(size), 0};
+  if (int error = covered_reasons(crl, &added.reasons))
     return error;
   int error;
-  {
-    write_lock lock(&cv_crl_cache.lock);
-    if (!lock.held())
-      return PKI_LOCK_FAILED;
-    error = add_locked(crl, signer, static_cast<uint32_t>(size), reasons);
-  }
+  bool again;
+  do
+    error = add_in_turn(added, &again);
+  while (again);
   if (error == PKI_CRYPTO_LOCK_FAILED)
     log_openssl_errors(log_error);
   return error;
@@ -234,13 +260,14 @@ int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer) {
 int zv_cv_rem_crl_from_cache(const X509_CRL *crl) {
   if (!crl)
     return PKI_INVALID_ARGS;
+  crl_references removed;
   write_lock lock(&cv_crl_cache.lock);
   if (!lock.held())
     return PKI_LOCK_FAILED;
   crl_cache_entry *entry = entry_of(crl);
   if (!entry)
     return PKI_NO_ENTRY;
-  cv_free_crl_entry(entry);
+  removed = cv_free_crl_entry(entry);
   return PKI_OK;
 }
 
@@ -248,12 +275,13 @@ int zv_cv_clear_crl_cache(void) {
   write_lock lock(&cv_crl_cache.lock);
   if (!lock.held())
     return lock.error();
-  for (uint32_t i = 0; i < cv_crl_cache.capacity; i++)
-    if (cv_crl_cache.entries[i].crl)
-      cv_free_crl_entry(&cv_crl_cache.entries[i]);
-  std::free(cv_crl_cache.entries);
+  malloc_ptr<crl_cache_entry> entries(cv_crl_cache.entries);
+  uint32_t capacity = cv_crl_cache.capacity;
   cv_crl_cache.entries = nullptr;
   cv_crl_cache.capacity = 0;
   cv_crl_cache.total_size = 0;
-  return lock.unlock();
+  int result = lock.unlock();
+  for (uint32_t i = 0; i < capacity; i++)
+    (void)crl_references{x509_crl_ptr(entries.get()[i].crl), x509_ptr(entries.get()[i].signer)};
+  return result;
 }

@@ -6,6 +6,8 @@
 #include <pthread.h>
 #include <ctime>
 
+#include "common/ossl_ptr.h"
+
 namespace pki {
 
 struct crl_cache_entry {
@@ -26,8 +28,15 @@ struct crl_cache {
 extern crl_cache cv_crl_cache;
 extern bool crl_is_init;
 
-// Empties a slot; the caller holds the write lock.
-void cv_free_crl_entry(crl_cache_entry *entry);
+// What a slot held.
+struct crl_references {
+  x509_crl_ptr crl;
+  x509_ptr signer;
+};
+
+// Empties a slot. The caller holds the write lock, and frees what this gives when he has unlocked:
+// a host can hang calls of its own on a certificate's end.
+crl_references cv_free_crl_entry(crl_cache_entry *entry);
 
 }  // namespace pki
 

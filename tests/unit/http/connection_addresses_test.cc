@@ -1,6 +1,7 @@
 // From a host name to a connection.
 #include <netdb.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -122,12 +123,114 @@ TEST_F(HttpAddress, UnknownHostGivesTheReasonOfTheResolver) {
 }
 
 TEST_F(HttpAddress, SystemErrorOfTheResolverIsNamed) {
-  for (int error : {EMFILE, ENOBUFS}) {
+  for (int error : {EMFILE, EIO}) {
     clear_log();
-    fake_failures::fail_resolver(error);
+    fake_failures::fail_resolver(EAI_SYSTEM, error);
     call.get("ca.example:8080", "/a");
     EXPECT_EQ(call.code, 47);
     EXPECT_LOG({3, std::string("Error getting hostname-info for ca.example: ") + strerror(error)});
+  }
+}
+
+TEST_F(HttpAddress, ResolverThatFailsOtherwiseIsAFailure) {
+  for (int failure : {EAI_NONAME, EAI_AGAIN, EAI_FAIL, EAI_FAMILY}) {
+    clear_log();
+    fake_failures::fail_resolver(failure, EAGAIN);
+    call.get("ca.example:8080", "/a");
+    EXPECT_EQ(call.code, 47);
+    EXPECT_LOG(
+        {3, std::string("Error getting hostname-info for ca.example: ") + gai_strerror(failure)});
+  }
+}
+
+// ---- want of memory ----
+
+TEST_F(HttpAddress, ResolverWithoutMemoryIsWantOfMemory) {
+  // Without memory the C library may also say that there is no such host.
+  for (const auto &[failure, error] :
+       {std::pair(EAI_MEMORY, 0), std::pair(EAI_MEMORY, ENOMEM), std::pair(EAI_SYSTEM, ENOMEM),
+        std::pair(EAI_SYSTEM, ENOBUFS), std::pair(EAI_NONAME, ENOMEM),
+        std::pair(EAI_AGAIN, ENOMEM)}) {
+    SCOPED_TRACE(failure);
+    clear_log();
+    fake_failures::fail_resolver(failure, error);
+    call.get("ca.example:8080", "/a");
+    EXPECT_EQ(call.code, 2);
+    EXPECT_EQ(call.body, nullptr);
+    EXPECT_LOG({3, std::string("Error getting hostname-info for ca.example: ") +
+                       (failure == EAI_SYSTEM ? strerror(error) : gai_strerror(failure))});
+  }
+}
+
+TEST_F(HttpAddress, WantOfMemoryBeforeTheCallIsNotTheResolvers) {
+  fake_failures::resolve("gone.example", {});
+  errno = ENOMEM;
+  call.get("gone.example:8080", "/a");
+  EXPECT_EQ(call.code, 47);
+}
+
+TEST_F(HttpAddress, SocketOrConnectionWithoutMemoryIsWantOfMemory) {
+  const std::string to = "to 127.0.0.1:81: ";
+  for (int error : {ENOMEM, ENOBUFS}) {
+    clear_log();
+    fake_failures::fail_socket(error);
+    call.get("127.0.0.1:81", "/a");
+    EXPECT_EQ(call.code, 2);
+    EXPECT_LOG({3, "Error creating socket " + to + strerror(error)});
+
+    clear_log();
+    fake_failures::fail_connect(error);
+    call.get("127.0.0.1:81", "/a");
+    EXPECT_EQ(call.code, 2);
+    EXPECT_LOG({3, "Error connecting " + to + strerror(error)});
+  }
+}
+
+TEST_F(HttpAddress, OneThatMetWantOfMemoryIsPassedOver) {
+  support::test_server server({support::ok("found")});
+  fake_failures::fail_connect(ENOMEM);
+  call.get(named({"127.0.0.2", "127.0.0.1"}, server.port()), "/a");
+  expect_answered(server);
+}
+
+// It might have answered, whatever the others do.
+TEST_F(HttpAddress, OneThatMetWantOfMemoryIsWhatCountsWhenNoneAnswers) {
+  const int port = support::unused_port();
+  for (int others_before : {0, 1, 2}) {
+    SCOPED_TRACE(others_before);
+    clear_log();
+    fake_failures::fail_connect(ENOBUFS, others_before);
+    call.get(named({"127.0.0.2", "::1", "127.0.0.1"}, port), "/a");
+    EXPECT_EQ(call.code, 2);
+    EXPECT_LOG(
+        {3, "Error connecting to ca.example:" + std::to_string(port) + ": " + strerror(ENOBUFS)});
+  }
+}
+
+// ---- many ----
+
+TEST_F(HttpAddress, EighthIsTried) {
+  support::test_server server({support::ok("found")});
+  std::vector<std::string> addresses(7, "127.0.0.2");
+  addresses.emplace_back("127.0.0.1");
+  call.get(named(addresses, server.port()), "/a");
+  expect_answered(server);
+  EXPECT_EQ(fake_failures::connect_calls(), 8);
+}
+
+TEST_F(HttpAddress, NinthIsNotTriedNorAreThousandsBehindIt) {
+  http_test::silent_listener other;
+  for (size_t more : {1, 5000}) {
+    clear_log();
+    const int before = fake_failures::connect_calls();
+    std::vector<std::string> addresses(8, "127.0.0.2");
+    addresses.resize(8 + more, "127.0.0.1");
+    call.get(named(addresses, other.port()), "/a");
+    EXPECT_EQ(call.code, 47);
+    EXPECT_EQ(fake_failures::connect_calls() - before, 8);
+    EXPECT_FALSE(other.has_connection());
+    EXPECT_LOG({3, "Error connecting to ca.example:" + std::to_string(other.port()) +
+                       ": Connection refused"});
   }
 }
 

@@ -72,12 +72,8 @@ class HttpAllocation : public http_test::fixture {
     EXPECT_GT(failures, 0u);
     EXPECT_TRUE(succeeded_) << code_ << " " << status_;
   }
-  // A failure inside the resolver is the resolver's.
   void expect_clean_failure() {
-    if (logged_containing(3, "Error getting hostname-info for "))
-      EXPECT_TRUE(code_ == 2 || code_ == 47) << code_;
-    else
-      EXPECT_EQ(code_, 2) << log_dump();
+    EXPECT_EQ(code_, 2) << log_dump();
     EXPECT_EQ(body_, nullptr);
     EXPECT_EQ(sock_, -1);
   }

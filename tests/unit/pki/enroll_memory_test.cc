@@ -69,7 +69,6 @@ class EnrollMemory : public support::enroll_test {
                                              PKI_P7_DATAINIT_FAILED,
                                              PKI_P7_DATAFINAL_FAILED,
                                              PKI_SIGN_FAILED,
-                                             PKI_HTTP_ERROR,
                                              PKI_INVALID_SCEP_RSP,
                                              PKI_KEY_MISMATCH,
                                              PKI_INTERNAL_ERROR,

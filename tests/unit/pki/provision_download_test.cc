@@ -1,8 +1,10 @@
 // pki_add_ca up to the document: arguments, URL, serial number, download, signature.
 #include <gtest/gtest.h>
 #include <libpki/libpki.h>
+#include <netdb.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -245,6 +247,15 @@ TEST_F(ProvisionDownload, RedirectToAnotherSchemeIsAFailedDownload) {
   EXPECT_EQ(add(server.url()), PKI_HTTP_ERROR);
   EXPECT_TRUE(was_logged(4, "failed to download ca-info: url=" + server.url() + " sts=302\n(null)"))
       << log_dump();
+}
+
+TEST_F(ProvisionDownload, WantOfMemoryOnTheWayToTheServerIsOne) {
+  fake_failures::fail_resolver(EAI_MEMORY, ENOMEM);
+  EXPECT_EQ(add("http://ca.example/"), PKI_OUT_OF_MEMORY);
+  EXPECT_TRUE(was_logged(4, failed("http://ca.example/", "OUT OF MEMORY"))) << log_dump();
+  fake_failures::fail_socket(ENOBUFS);
+  EXPECT_EQ(add("http://127.0.0.1:81/"), PKI_OUT_OF_MEMORY);
+  expect_empty_store();
 }
 
 TEST_F(ProvisionDownload, UrlIsLoggedAsItStands) {

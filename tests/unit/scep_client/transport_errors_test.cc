@@ -1,7 +1,9 @@
 // send_scep_msg: what goes wrong, its code and its line in the log.
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <openssl/err.h>
 
+#include <cerrno>
 #include <string>
 
 #include "fakes/allocator.h"
@@ -101,6 +103,16 @@ TEST_F(ScepTransportErrors, NobodyListening) {
   EXPECT_EQ(own_lines()[1], failed("http://" + host + "/x", PKI_HTTP_ERROR));
 }
 
+TEST_F(ScepTransportErrors, WantOfMemoryOnTheWayToTheServerIsOne) {
+  for (int error : {ENOMEM, ENOBUFS}) {
+    fake_failures::fail_resolver(EAI_SYSTEM, error);
+    EXPECT_EQ(send("http://ca.example/x"), PKI_OUT_OF_MEMORY);
+    fake_failures::fail_connect(error);
+    EXPECT_EQ(send("http://127.0.0.1:81/x"), PKI_OUT_OF_MEMORY);
+    EXPECT_EQ(own_lines().back(), failed("http://127.0.0.1:81/x", PKI_OUT_OF_MEMORY));
+  }
+}
+
 TEST_F(ScepTransportErrors, AnswerWithoutALengthIsRefused) {
   test_server server({support::raw("HTTP/1.0 200 OK\r\n\r\nbody")});
   EXPECT_EQ(send(server.url()), PKI_HTTP_ERROR);
@@ -167,8 +179,7 @@ TEST_F(ScepTransportErrors, EveryFailedAllocationIsACodeAndNoBody) {
           free(octets);
       },
       [&](size_t n) {
-        EXPECT_TRUE(code == PKI_OUT_OF_MEMORY || code == PKI_HTTP_ERROR || code == PKI_OK)
-            << n << ": " << code;
+        EXPECT_TRUE(code == PKI_OUT_OF_MEMORY || code == PKI_OK) << n << ": " << code;
         EXPECT_TRUE(code == PKI_OK || octets == nullptr) << n;
         EXPECT_EQ(length, code == PKI_OK ? 4 : 0) << n;
         EXPECT_EQ(count_logged(3, "invalid scep url: " + url), 0u) << n;

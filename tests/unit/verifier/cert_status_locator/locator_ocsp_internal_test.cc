@@ -103,6 +103,7 @@ TEST_F(LocatorOcsp, UriWithAnInnerNulIsNoUri) {
     clear_log();
     list_ptr list = find_locators(make_cert({aia({url, "http://b/"})}));
     EXPECT_EQ(lines{"ocsp http://b/"}, describe(list));
+    EXPECT_TRUE(list->incomplete);
     EXPECT_TRUE(was_logged(7, "found 1 acceptable ocsp AIA entries (out of 2)")) << log_dump();
     EXPECT_EQ(lines{"ignoring ocsp AIA with a NUL in its uri"}, logged(4));
   }

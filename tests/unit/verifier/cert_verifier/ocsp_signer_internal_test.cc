@@ -56,6 +56,18 @@ TEST_F(OcspSigner, CertificatesOfAnUntimelyAnswerAreNotCollected) {
   EXPECT_EQ(0, OPENSSL_sk_num(pki_store->collected_certs));
 }
 
+TEST_F(OcspSigner, WhatIsTooLargeToBeCollectedStillSigns) {
+  const std::pair<std::string, std::string> padding = {"1.2.3.4",
+                                                       "DER:" + std::string(32 * 1024, '0')};
+  support::cert large = issue_responder({ocsp_signing, no_check, padding});
+  support::cert other = make_stranger("other");
+  ocsp_options options = by(large);
+  options.certs = {large, other};
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(options)));
+  EXPECT_EQ(1, OPENSSL_sk_num(pki_store->collected_certs));
+  EXPECT_TRUE(in_list(pki_store->collected_certs, other));
+}
+
 TEST_F(OcspSigner, AnswerWithoutCertificatesLeavesTheStoreAlone) {
   EXPECT_EQ(PKI_CERT_OK, status_of(ask(by_issuer())));
   EXPECT_EQ(0, OPENSSL_sk_num(pki_store->collected_certs));

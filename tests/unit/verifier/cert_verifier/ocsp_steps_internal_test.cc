@@ -1,4 +1,6 @@
 // The steps of an OCSP query one by one: the code that each returns, and what it says.
+#include <netdb.h>
+
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -113,6 +115,14 @@ TEST_F(OcspSteps, TransportErrorIsPassedOn) {
   EXPECT_EQ(http_failed,
             exchange_with("http://127.0.0.1:" + std::to_string(support::unused_port()) + "/"));
   EXPECT_EQ(no_head, exchange_with(support::raw("HTTP/1.0 200 OK\r\nContent-Ty")));
+}
+
+TEST_F(OcspSteps, WantOfMemoryOnTheWayToTheResponderIsOne) {
+  fake_failures::fail_resolver(EAI_MEMORY, ENOMEM);
+  EXPECT_EQ(out_of_memory, exchange_with("http://ocsp.example/"));
+  fake_failures::fail_connect(ENOMEM);
+  EXPECT_EQ(out_of_memory, exchange_with("http://127.0.0.1:81/"));
+  EXPECT_TRUE(was_logged(3, "Error sending OCSP request to '" + url + "': OUT OF MEMORY"));
 }
 
 TEST_F(OcspSteps, AnswerOfAnotherKindIsAnOcspError) {

@@ -93,6 +93,26 @@ TEST_F(StatusSources, SourceWithoutAnswerLeavesItUnknown) {
   EXPECT_FALSE(logged_containing(7, "Cert-status for cert"));
 }
 
+// Its issuer wanted somebody to be asked.
+TEST_F(StatusSources, OneThatCannotBeReadIsNotTakenForNone) {
+  using namespace std::string_literals;
+  const std::string url = "http://a/\0b"s;
+  const extension ocsp = aia({url}), crls = crl_dp_of(point_at(url));
+  for (const std::vector<extension> &extensions :
+       {std::vector{ocsp}, std::vector{crls}, std::vector{ocsp, crls}}) {
+    forget();
+    EXPECT_EQ(PKI_CERT_UNKNOWN, check(make_leaf(extensions)));
+    EXPECT_EQ(nothing_line, complaints().back()) << log_dump();
+  }
+}
+
+TEST_F(StatusSources, OneThatCannotBeReadLeavesTheOthers) {
+  using namespace std::string_literals;
+  support::ocsp_responder good(signed_by_issuer(V_OCSP_CERTSTATUS_GOOD));
+  know_issuer();
+  EXPECT_EQ(PKI_CERT_OK, check(make_leaf({aia({"http://a/\0b"s, good.url()})}))) << log_dump();
+}
+
 TEST_F(StatusSources, UnknownIsCachedForThirtySeconds) {
   add_ocsp(broken_.url(), false, false);
   check();

@@ -108,6 +108,19 @@ TEST_F(ValidatorCollect, ReferencesAreTheStoresOwn) {
   EXPECT_EQ(0, X509_NAME_cmp(subject, support::common_name("inter").get()));
 }
 
+TEST_F(ValidatorCollect, WhatIsTooLargeIsPassedOver) {
+  verification what = chain();
+  what.untrusted = {extra(100), inter_,
+                    support::cert_of_size(16 * 1024 + 1, "elsewhere", "large", 101), extra(102)};
+  for (const named_callback &each : all_callbacks) {
+    support::empty_store();
+    clear_log();
+    EXPECT_TRUE(accepts(what, each.call)) << each.name;
+    EXPECT_EQ((serials{2, 1, 102}), collected()) << each.name;
+    EXPECT_EQ(lines{}, complaints()) << each.name;
+  }
+}
+
 TEST_F(ValidatorCollect, ThousandUntrustedOnesKeepTheLimit) {
   verification what = chain();
   for (long serial = 1000; serial < 1600; serial++)
