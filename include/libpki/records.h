@@ -239,7 +239,9 @@ PKI_API crl_info *dup_crl_info(crl_info *info);
  * issuer    who issues the CRL, where that is not the issuer of the certificates (an indirect CRL);
  *           copied, or null.
  * signer    the certificate of whoever signs the CRL, where the host knows it; one more reference
- *           is taken. Of no effect when `issuer` is given. Or null.
+ *           is taken, and nobody else's signature counts. Or null. With another name than the
+ *           certificates' issuer, and without `issuer`, its CRLs are about that issuer's
+ *           certificates, and are not cached (unless they are indirect).
  */
 PKI_API crl_info *create_crl_info(const char *url, int format, uint32_t reasons,
                                   unsigned char flags, const X509_NAME *issuer, X509 *signer);

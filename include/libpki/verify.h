@@ -28,7 +28,8 @@ PKI_BEGIN_DECLS
  *
  * Of OpenSSL's errors these are forgiven, deliberately:
  *   2        a missing issuer behind a certificate of the X509_STORE: the chain ends there. (A
- *            chain without any certificate of the store's is error 20, and rejected.)
+ *            chain without any certificate of the store's is error 20, and rejected.) The internet
+ *            flavour wants that certificate to be in date.
  *   21       a single certificate whose signature nobody could check; OpenSSL 3 reports 20 first.
  *   9, 10    the validity period, by the local flavour only: for devices without a clock.
  *   19       a self-signed top that is not trusted, when the X509_STORE has an issuer for the
@@ -68,7 +69,9 @@ PKI_API int zv_cv_cert_validator_internet_ex(int ok, X509_STORE_CTX *ctx);
 PKI_API int zv_cv_cert_validator_local_ex(int ok, X509_STORE_CTX *ctx);
 
 /*
- * The status of `cert`, issued by `issuer`. It comes from the cache, else from the first source
+ * The status of `cert`, issued by `issuer`. Only for an issuer out of a chain that was verified, who
+ * did issue `cert`: what he and those whom he certified sign is believed, and the status cache keeps
+ * it for every later verification of `cert`, whatever its X509_STORE. It comes from the cache, else from the first source
  * that knows it: status rules of the store with flag 0 clear, up to 8 responders and the CRLs that
  * the certificate names, status rules with flag 0 set. A rule with flag 1 ends the search. The
  * answer is cached until it expires; that no source answered, for 30 seconds. Blocks while sources
@@ -155,7 +158,13 @@ PKI_API int zv_cv_clear_cert_sts_info_cache(void);
 PKI_API int zv_cv_disable_crl_check(int flag);
 PKI_API int zv_cv_is_disabled_crl_check(void);
 
-/* ---- the CRL cache: 50000 octets of DER ---- */
+/*
+ * ---- the CRL cache: 50000 octets of DER ----
+ *
+ * It serves all verifications of the process. A CRL that the library put there is believed again for
+ * the issuer who vouched for its signer; for others its signer is judged anew. One that the host put
+ * there is believed as it is.
+ */
 
 /* Sets the CRL cache up, once; libpki_init calls it. */
 PKI_API void zv_crl_init(void);

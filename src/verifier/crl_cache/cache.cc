@@ -41,14 +41,24 @@ bool fits(const crl_cache_entry *entry, const X509_NAME *issuer, uint32_t reason
          X509_NAME_cmp(X509_CRL_get_issuer(entry->crl), issuer) == 0;
 }
 
-// Both references or none.
-bool take_references(X509_CRL *crl, X509 *signer) {
-  if (!take_reference(crl))
+// Takes all references of `entry`, or none; the signer's and the issuer's where they are wanted.
+bool take_references(const crl_cache_entry &entry, bool wants_signer, crl_references *taken) {
+  crl_references made;
+  if (!take_reference(entry.crl))
     return false;
-  if (signer && !take_reference(signer)) {
-    X509_CRL_free(crl);
-    return false;
+  made.crl.reset(entry.crl);
+  if (wants_signer && entry.signer) {
+    if (!take_reference(entry.signer))
+      return false;
+    made.signer.reset(entry.signer);
   }
+  if (wants_signer && entry.issuer) {
+    if (!take_reference(entry.issuer))
+      return false;
+    made.issuer.reset(entry.issuer);
+  }
+  made.accepted = entry.accepted;
+  *taken = std::move(made);
   return true;
 }
 
@@ -62,6 +72,11 @@ int compare_access(const void *a, const void *b) {
   time_t access1 = load_access(first);
   time_t access2 = load_access(second);
   return access2 > access1 ? 1 : access2 < access1 ? -1 : 0;
+}
+
+// The slot's own references.
+crl_references held_by(const crl_cache_entry &entry) {
+  return {x509_crl_ptr(entry.crl), x509_ptr(entry.signer), entry.accepted, x509_ptr(entry.issuer)};
 }
 
 bool has_room(uint32_t size) {
@@ -121,30 +136,24 @@ int covered_reasons(const X509_CRL *crl, uint32_t *reasons) {
   return PKI_OK;
 }
 
-struct new_crl {
-  X509_CRL *crl;
-  X509 *signer;
-  uint32_t size;
-  uint32_t reasons;
-};
-
-int add_locked(const new_crl &added) {
+int add_locked(const crl_cache_entry &added) {
   crl_cache_entry *slot = free_slot();
   if (!slot)
     return PKI_OUT_OF_MEMORY;
-  if (!take_references(added.crl, added.signer))
+  crl_references taken;
+  if (!take_references(added, true, &taken))
     return PKI_CRYPTO_LOCK_FAILED;
-  slot->crl = added.crl;
-  slot->signer = added.signer;
-  slot->size = added.size;
-  slot->reasons = added.reasons;
+  *slot = added;
+  (void)taken.crl.release();
+  (void)taken.signer.release();
+  (void)taken.issuer.release();
   cv_crl_cache.total_size += added.size;
   touch(slot);
   return PKI_OK;
 }
 
 // One turn with the lock. *again: there is no room yet, but more can be evicted.
-int add_in_turn(const new_crl &added, bool *again) {
+int add_in_turn(const crl_cache_entry &added, bool *again) {
   *again = false;
   evicted_crls evicted;
   write_lock lock(&cv_crl_cache.lock);
@@ -172,35 +181,76 @@ crl_cache_entry *entry_of(const X509_CRL *crl) {
 struct crl_search {
   const X509_NAME *issuer;
   uint32_t reasons;
-  X509 **signer;          // may be null
+  bool wants_signer;
   bool reference_failed;  // an entry was passed over for that
 };
 
-X509_CRL *find_locked(crl_search *search) {
+crl_references find_locked(crl_search *search) {
+  crl_references found;
   for (uint32_t i = 0; i < cv_crl_cache.capacity; i++) {
     crl_cache_entry *entry = &cv_crl_cache.entries[i];
-    if (!fits(entry, search->issuer, search->reasons, search->signer != nullptr))
+    if (!fits(entry, search->issuer, search->reasons, search->wants_signer))
       continue;
-    if (!take_references(entry->crl, search->signer ? entry->signer : nullptr)) {
+    if (!take_references(*entry, search->wants_signer, &found)) {
       search->reference_failed = true;
       continue;
     }
-    if (search->signer)
-      *search->signer = entry->signer;
     touch(entry);
-    return entry->crl;
+    break;
   }
-  return nullptr;
+  return found;
+}
+
+crl_references find(const X509_NAME *issuer, uint32_t reasons, bool wants_signer) {
+  crl_references found;
+  if (!issuer || prepare_to_compare(issuer))
+    return found;
+  crl_search search = {issuer, reasons, wants_signer, false};
+  {
+    read_lock lock(&cv_crl_cache.lock);
+    if (!lock.held())
+      return found;
+    found = find_locked(&search);
+  }
+  if (search.reference_failed)
+    log_openssl_errors(log_error);
+  return found;
 }
 
 }  // namespace
 
 crl_references cv_free_crl_entry(crl_cache_entry *entry) {
-  crl_references held = {x509_crl_ptr(entry->crl), x509_ptr(entry->signer)};
+  crl_references held = held_by(*entry);
   entry->crl = nullptr;
   entry->signer = nullptr;
+  entry->issuer = nullptr;
   cv_crl_cache.total_size -= entry->size;
   return held;
+}
+
+crl_references cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons) {
+  return find(issuer, reasons, true);
+}
+
+int cv_add_crl_to_cache(X509_CRL *crl, X509 *signer, acceptance accepted, X509 *issuer) {
+  if (!crl || is_marked_truncated(crl))
+    return PKI_INVALID_ARGS;
+  int size = i2d_X509_CRL(crl, nullptr);
+  if (size < 1)
+    return openssl_failure(PKI_ASN1_ENCODE_ERROR);
+  if (static_cast<uint32_t>(size) > crl_cache_bytes)
+    return PKI_ENTRY_TOO_LARGE;
+  crl_cache_entry added = {crl, 0, signer, accepted, issuer, static_cast<uint32_t>(size), 0};
+  if (int error = covered_reasons(crl, &added.reasons))
+    return error;
+  int error;
+  bool again;
+  do
+    error = add_in_turn(added, &again);
+  while (again);
+  if (error == PKI_CRYPTO_LOCK_FAILED)
+    log_openssl_errors(log_error);
+  return error;
 }
 
 }  // namespace pki
@@ -219,42 +269,14 @@ void zv_crl_init(void) {
 }
 
 X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons, X509 **signer) {
+  crl_references found = find(issuer, reasons, signer != nullptr);
   if (signer)
-    *signer = nullptr;
-  if (!issuer || prepare_to_compare(issuer))
-    return nullptr;
-  crl_search search = {issuer, reasons, signer, false};
-  X509_CRL *found;
-  {
-    read_lock lock(&cv_crl_cache.lock);
-    if (!lock.held())
-      return nullptr;
-    found = find_locked(&search);
-  }
-  if (search.reference_failed)
-    log_openssl_errors(log_error);
-  return found;
+    *signer = found.signer.release();
+  return found.crl.release();
 }
 
 int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer) {
-  if (!crl || is_marked_truncated(crl))
-    return PKI_INVALID_ARGS;
-  int size = i2d_X509_CRL(crl, nullptr);
-  if (size < 1)
-    return openssl_failure(PKI_ASN1_ENCODE_ERROR);
-  if (static_cast<uint32_t>(size) > crl_cache_bytes)
-    return PKI_ENTRY_TOO_LARGE;
-  new_crl added = {crl, signer, static_cast<uint32_t>(size), 0};
-  if (int error = covered_reasons(crl, &added.reasons))
-    return error;
-  int error;
-  bool again;
-  do
-    error = add_in_turn(added, &again);
-  while (again);
-  if (error == PKI_CRYPTO_LOCK_FAILED)
-    log_openssl_errors(log_error);
-  return error;
+  return cv_add_crl_to_cache(crl, signer, acceptance::everywhere, nullptr);
 }
 
 int zv_cv_rem_crl_from_cache(const X509_CRL *crl) {
@@ -282,6 +304,6 @@ int zv_cv_clear_crl_cache(void) {
   cv_crl_cache.total_size = 0;
   int result = lock.unlock();
   for (uint32_t i = 0; i < capacity; i++)
-    (void)crl_references{x509_crl_ptr(entries.get()[i].crl), x509_ptr(entries.get()[i].signer)};
+    (void)held_by(entries.get()[i]);
   return result;
 }

@@ -132,6 +132,9 @@ class crl_walk {
     *crl = judged_crl();
     if (!get_crl(record, use, crl) || !is_base(record, crl->got))
       return fitness::useless;
+    crl->is_for_one = is_about_one_issuer(record, *crl);
+    if (crl->got.from_cache && (crl->is_for_one || !is_signer_accepted_here(record, crl->got)))
+      return fitness::out_of_scope;
     fitness found = bring_up_to_date(record, crl);
     if (found != fitness::fits)
       return found;
@@ -195,11 +198,11 @@ class crl_walk {
     note(error);
     if (error)
       return false;
-    crl->is_for_one = X509_NAME_cmp(first_issuer, X509_CRL_get_issuer(merged.get())) != 0;
     if (crl->got.from_cache && !crl->is_for_one && !is_marked_truncated(merged.get())) {
       (void)zv_cv_rem_crl_from_cache(crl->got.crl.get());
       if (X509_CRL_get0_nextUpdate(merged.get()))
-        (void)zv_cv_add_crl_to_cache(merged.get(), sk_X509_value(crl->got.signers.get(), 0));
+        (void)cv_add_crl_to_cache(merged.get(), sk_X509_value(crl->got.signers.get(), 0),
+                                  crl->got.accepted, crl->got.accepting_issuer.get());
     }
     crl->got.crl = std::move(merged);
     crl->delta_signers = std::move(delta->signers);
@@ -217,8 +220,19 @@ class crl_walk {
     return true;
   }
 
+  // The cache is all hosts' stores' and all issuers'. Whom another one vouched for is judged again.
+  bool is_signer_accepted_here(const crl_info *record, const fetched_crl &cached) const {
+    X509 *signer = sk_X509_value(cached.signers.get(), 0);
+    if (cached.accepted == acceptance::everywhere)
+      return true;
+    if (cached.accepted == acceptance::by_issuer && asked_.issuer_trusted && !record->crl_signer &&
+        is_same_cert(cached.accepting_issuer.get(), asked_.issuer))
+      return true;
+    return who_vouches(asked_, record, signer) != voucher::nobody;
+  }
+
   // Leaves the position and the signer that were accepted. A cached CRL's signer was accepted when
-  // it came.
+  // it came, or before.
   bool find_signer(const crl_info *record, const judged_crl &crl) {
     signer_position_ = 0;
     if (crl.got.from_cache)
@@ -226,7 +240,10 @@ class crl_walk {
     STACK_OF(X509) *signers = crl.got.signers.get();
     for (; signer_position_ < sk_X509_num(signers); signer_position_++) {
       accepted_signer_ = sk_X509_value(signers, signer_position_);
-      if (made_delta_too(crl, accepted_signer_) && may_sign_crl(asked_, record, accepted_signer_))
+      if (!made_delta_too(crl, accepted_signer_))
+        continue;
+      voucher_ = who_vouches(asked_, record, accepted_signer_);
+      if (voucher_ != voucher::nobody)
         return true;
     }
     syslog(log_info, "no crl-signer certs trusted - ignoring CRL");
@@ -236,8 +253,12 @@ class crl_walk {
   void keep(const judged_crl &crl) const {
     X509_CRL *got = crl.got.crl.get();
     if (!crl.got.from_cache && !crl.is_for_one && !is_marked_truncated(got) &&
-        X509_CRL_get0_nextUpdate(got))
-      (void)zv_cv_add_crl_to_cache(got, accepted_signer_);
+        X509_CRL_get0_nextUpdate(got)) {
+      bool by_issuer = voucher_ == voucher::issuer;
+      (void)cv_add_crl_to_cache(got, accepted_signer_,
+                                by_issuer ? acceptance::by_issuer : acceptance::each_time,
+                                by_issuer ? asked_.issuer : nullptr);
+    }
   }
 
   // A signer that the configuration names under another name than the certificate's issuer speaks
@@ -247,6 +268,12 @@ class crl_walk {
     if (has_configured_signer(record) && !indirect)
       return X509_get_issuer_name(asked_.cert);
     return X509_CRL_get_issuer(crl.got.crl.get());
+  }
+
+  // Nobody else may take it for the list of the name that it bears.
+  bool is_about_one_issuer(const crl_info *record, const judged_crl &crl) const {
+    return X509_NAME_cmp(first_entry_issuer(record, crl), X509_CRL_get_issuer(crl.got.crl.get())) !=
+           0;
   }
 
   bool is_wanted(const X509_REVOKED *entry, const X509_NAME *issuer) const {
@@ -328,6 +355,7 @@ class crl_walk {
   uint32_t trusted_mask_ = 0;  // those of CRLs that may be believed and do not list it
   int signer_position_ = not_judged;
   X509 *accepted_signer_ = nullptr;
+  voucher voucher_ = voucher::nobody;
   listing listed_ = listing::failed;  // what the CRL at hand says
   int fetches_ = 0;
   bool out_of_memory_ = false;

@@ -5,6 +5,7 @@
 #include <libpki/records.h>
 
 #include "verifier/crl_cache/decoder.h"
+#include "verifier/crl_cache/internal.h"
 #include "verifier/crl_cache/signer_trust.h"
 #include "verifier/signer_candidates.h"
 
@@ -16,6 +17,8 @@ struct fetched_crl {
   x509_crl_ptr crl;
   certs_ptr signers;
   bool from_cache = false;
+  acceptance accepted = acceptance::everywhere;  // from the cache: where its signer is
+  x509_ptr accepting_issuer;
 };
 
 enum class cache_use : unsigned char { allowed, only_deltas, forbidden };

@@ -10,10 +10,16 @@
 
 namespace pki {
 
+// Where a cached CRL's signer is accepted. By the host: everywhere. By an issuer's word: for what
+// that issuer issued. Else it is judged each time, for each host's store has other paths.
+enum class acceptance : unsigned char { everywhere, by_issuer, each_time };
+
 struct crl_cache_entry {
   X509_CRL *crl;  // null: a free slot
   uint32_t reasons;
-  X509 *signer;        // verified the CRL; may be null
+  X509 *signer;  // verified the CRL; may be null
+  acceptance accepted;
+  X509 *issuer;        // by_issuer: that one; else null
   uint32_t size;       // DER length when it was added
   time_t last_access;  // atomic: look-ups write it under the read lock
 };
@@ -32,7 +38,16 @@ extern bool crl_is_init;
 struct crl_references {
   x509_crl_ptr crl;
   x509_ptr signer;
+  acceptance accepted = acceptance::everywhere;
+  x509_ptr issuer;
 };
+
+// zv_cv_add_crl_to_cache for a CRL that the library came by. `issuer` goes with by_issuer.
+[[nodiscard]] int cv_add_crl_to_cache(X509_CRL *crl, X509 *signer, acceptance accepted,
+                                      X509 *issuer);
+
+// zv_cv_find_crl_in_cache, for CRLs with a signer.
+[[nodiscard]] crl_references cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons);
 
 // Empties a slot. The caller holds the write lock, and frees what this gives when he has unlocked:
 // a host can hang calls of its own on a certificate's end.

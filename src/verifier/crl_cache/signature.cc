@@ -212,20 +212,20 @@ const X509_NAME *crl_issuer_of(const crl_info *crli, const X509 *cert) {
 int find_cached(const crl_info *crli, const X509 *cert, cache_use use, fetched_crl *found) {
   if (use == cache_use::forbidden)
     return PKI_NO_ENTRY;
-  X509 *signer = nullptr;
-  x509_crl_ptr crl(zv_cv_find_crl_in_cache(
-      crl_issuer_of(crli, cert), crli->reasons ? crli->reasons : PKI_ALL_REASONS, &signer));
-  x509_ptr signer_owner(signer);
-  if (!crl || (use == cache_use::only_deltas && !is_delta_crl(crl.get())))
+  crl_references cached = cv_find_crl_in_cache(crl_issuer_of(crli, cert),
+                                               crli->reasons ? crli->reasons : PKI_ALL_REASONS);
+  if (!cached.crl || (use == cache_use::only_deltas && !is_delta_crl(cached.crl.get())))
     return PKI_NO_ENTRY;
   syslog(log_debug, "found CRL in cache");
   certs_ptr signers(sk_X509_new_null());
-  if (!signers || sk_X509_push(signers.get(), signer) <= 0)
+  if (!signers || sk_X509_push(signers.get(), cached.signer.get()) <= 0)
     return openssl_failure(PKI_OUT_OF_MEMORY);
-  (void)signer_owner.release();
-  found->crl = std::move(crl);
+  (void)cached.signer.release();
+  found->crl = std::move(cached.crl);
   found->signers = std::move(signers);
   found->from_cache = true;
+  found->accepted = cached.accepted;
+  found->accepting_issuer = std::move(cached.issuer);
   return PKI_OK;
 }
 

@@ -115,22 +115,23 @@ bool is_path_good(const crl_question &asked, X509 *signer) {
 
 }  // namespace
 
-bool may_sign_crl(const crl_question &asked, const crl_info *record, X509 *signer) {
+voucher who_vouches(const crl_question &asked, const crl_info *record, X509 *signer) {
   if (!key_usage_allows_crls(signer))
-    return false;
+    return voucher::nobody;
   if (record->crl_signer)
-    return is_configured_one(record, signer);
+    return is_configured_one(record, signer) ? voucher::configuration : voucher::nobody;
   if (asked.issuer_trusted && is_same_cert(signer, asked.issuer)) {
     syslog(log_debug, "crl signer == cert issuer => crl ok");
-    return true;
+    return voucher::issuer;
   }
   if (may_be_same_cert(signer, asked.cert)) {
     syslog(log_warning, "crl signer's cert == cert we're trying to validate! => crl rejected");
-    return false;
+    return voucher::nobody;
   }
   if (asked.issuer_trusted && asked.issuer && is_issued_by(signer, asked.issuer))
-    return is_signer_valid_now(signer) && is_status_good(asked, signer);
-  return is_path_good(asked, signer);
+    return is_signer_valid_now(signer) && is_status_good(asked, signer) ? voucher::issuer
+                                                                        : voucher::nobody;
+  return is_path_good(asked, signer) ? voucher::path : voucher::nobody;
 }
 
 }  // namespace pki

@@ -16,8 +16,11 @@ struct crl_question {
   int depth;
 };
 
+// On whose word somebody may sign CRLs for the certificate's issuer.
+enum class voucher : unsigned char { nobody, issuer, configuration, path };
+
 // Logs why, or why not.
-[[nodiscard]] bool may_sign_crl(const crl_question &asked, const crl_info *record, X509 *signer);
+[[nodiscard]] voucher who_vouches(const crl_question &asked, const crl_info *record, X509 *signer);
 
 }  // namespace pki
 

@@ -82,6 +82,23 @@ TEST_F(ValidatorErrors, ChainMayEndAtATrustedCertificateWithoutItsIssuer) {
   }
 }
 
+// OpenSSL does not look at its dates: its issuer is missing.
+TEST_F(ValidatorErrors, TrustedEndOfAChainHasToBeInDateForInternetUse) {
+  cert future_inter = make({.subject = "inter",
+                            .issuer = "root",
+                            .key = 1,
+                            .serial = 2,
+                            .ca = true,
+                            .not_before = time(nullptr) + day,
+                            .not_after = time(nullptr) + 3 * day});
+  for (const cert &inter : {expired_inter_, future_inter})
+    for (const named_callback &each : all_callbacks) {
+      verdict result = verify({.leaf = leaf_, .trusted = {inter}}, each.call);
+      EXPECT_EQ(!each.is_internet, result.accepted == 1) << each.name;
+      EXPECT_EQ(X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT, result.error) << each.name;
+    }
+}
+
 TEST_F(ValidatorErrors, MissingIssuerStillLeavesTheStatusToCheck) {
   cache_status(leaf_, PKI_CERT_REVOKED);
   verdict result = verify({.leaf = leaf_, .trusted = {inter_}}, internet);
