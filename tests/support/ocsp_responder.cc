@@ -59,6 +59,8 @@ std::string single_response(const ocsp_single &single, const ocsp_request &reque
   if (single.next_update != ocsp_left_out || !single.next_update_text.empty())
     content += tlv(explicit_tag(0),
                    any_time(single.next_update_text, single.next_update, time(nullptr) + 3600));
+  if (!single.extensions.empty())
+    content += tlv(explicit_tag(1), tlv(sequence, single.extensions));
   return tlv(sequence, content);
 }
 
@@ -76,8 +78,9 @@ std::string responder_id(const ocsp_options &options) {
              tlv(V_ASN1_OCTET_STRING, std::string(reinterpret_cast<char *>(hash), length)));
 }
 
-std::string extension(const std::string &type, const std::string &value) {
-  return tlv(sequence, oid(type) + tlv(V_ASN1_OCTET_STRING, value));
+std::string extension(const std::string &type, const std::string &value, bool critical = false) {
+  return tlv(sequence, oid(type) + (critical ? tlv(V_ASN1_BOOLEAN, "\xFF") : "") +
+                           tlv(V_ASN1_OCTET_STRING, value));
 }
 
 std::string response_nonce(ocsp_nonce how, const ocsp_request &request) {
@@ -91,7 +94,8 @@ std::string response_nonce(ocsp_nonce how, const ocsp_request &request) {
     octets.push_back('x');
   if (how == ocsp_nonce::shorter)
     octets.pop_back();
-  return extension("1.3.6.1.5.5.7.48.1.2", tlv(V_ASN1_OCTET_STRING, octets));
+  return extension("1.3.6.1.5.5.7.48.1.2", tlv(V_ASN1_OCTET_STRING, octets),
+                   how == ocsp_nonce::critical);
 }
 
 std::string response_data(const ocsp_options &options, const ocsp_request &request) {
@@ -103,6 +107,7 @@ std::string response_data(const ocsp_options &options, const ocsp_request &reque
   extensions = response_nonce(options.nonce, request);
   if (options.padding)
     extensions += extension("1.3.6.1.4.1.32473.99", std::string(options.padding, 'x'));
+  extensions += options.extensions;
   std::string content = responder_id(options);
   content += any_time(options.produced_at_text, options.produced_at, time(nullptr));
   content += tlv(sequence, singles);
@@ -154,6 +159,10 @@ std::string basic_response(const ocsp_options &options, const ocsp_request &requ
 
 std::string tlv(unsigned char tag, const std::string &content) {
   return der_tlv(tag, content);
+}
+
+std::string ocsp_extension(const std::string &type, bool critical) {
+  return extension(type, tlv(V_ASN1_NULL, ""), critical);
 }
 
 std::string generalized_time(time_t when) {

@@ -31,7 +31,10 @@ ocsp_request decode_ocsp_request(const std::string &http_request);
 // The octets of the nonce extension's value, with their own tag and length; "" without nonce.
 std::string ocsp_nonce_of(const ocsp_request &request);
 
-enum class ocsp_nonce { mirrored, none, changed, longer, shorter };
+enum class ocsp_nonce { mirrored, none, changed, longer, shorter, critical };
+
+// The DER of an extension whose value is NULL.
+std::string ocsp_extension(const std::string &type, bool critical);
 
 // A time of a response that is not there.
 constexpr time_t ocsp_left_out = -1;
@@ -44,6 +47,7 @@ struct ocsp_single {
   time_t next_update = 0;               // default: in an hour; may be ocsp_left_out
   std::string this_update_text = {};    // instead
   std::string next_update_text = {};    // instead
+  std::string extensions = {};          // concatenated; none leaves singleExtensions out
 };
 
 struct ocsp_options {
@@ -59,7 +63,8 @@ struct ocsp_options {
   bool with_single = true;
   const EVP_MD *digest = nullptr;  // default: SHA-256
   bool damaged_signature = false;
-  size_t padding = 0;  // adds a private extension of so many octets
+  size_t padding = 0;           // adds a private extension of so many octets
+  std::string extensions = {};  // concatenated; behind the nonce
 
   long response_status = 0;
   bool with_bytes = true;

@@ -21,7 +21,7 @@ struct ocsp_query {
   X509 *cert;
   X509 *issuer;
   X509_STORE_CTX *ctx;
-  unsigned char issuer_may_sign;
+  unsigned char issuer_may_sign;  // himself, or through a delegate
   int depth;
   ocsp_request_ptr request;
   OCSP_CERTID *cert_id;  // the request's
@@ -48,7 +48,8 @@ struct ocsp_status {
 [[nodiscard]] int exchange(const ocsp_query &query, ocsp_reply *reply);
 // 15 no OCSP response; 87 the responder answers with an error, or not with a basic response.
 [[nodiscard]] int open_basic_response(const ocsp_reply &reply, ocsp_basicresp_ptr *basic);
-// 85 a time is out of bounds; 87 another nonce, or no status for that certificate.
+// 85 a time is out of bounds; 87 another nonce, an unknown critical extension, or no status for
+// that certificate.
 [[nodiscard]] int find_status(const ocsp_query &query, OCSP_BASICRESP *basic, ocsp_status *found);
 // 67 nobody known made the signature, or nobody who made it is trusted; 75 the issuer has no key.
 [[nodiscard]] int check_signer(const ocsp_query &query, const OCSP_BASICRESP *basic);

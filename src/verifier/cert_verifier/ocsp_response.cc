@@ -122,6 +122,25 @@ int find_single(const ocsp_query &query, OCSP_BASICRESP *basic, OCSP_SINGLERESP 
   return refuse("No single-responses found in ocsp response which match the requested cert-id");
 }
 
+bool is_known_or_harmless(X509_EXTENSION *extension) {
+  ASN1_OBJECT *object = X509_EXTENSION_get_object(extension);
+  if (!X509_EXTENSION_get_critical(extension) || OBJ_obj2nid(object) == NID_id_pkix_OCSP_Nonce)
+    return true;
+  syslog(log_warning, "Found unknown critical ocsp extension: %s", oid_line(object).get());
+  return false;
+}
+
+// RFC 6960 4.4: those of the answer as a whole, and of the single response that is used.
+int check_critical_extensions(OCSP_BASICRESP *basic, OCSP_SINGLERESP *single) {
+  for (int i = 0; i < OCSP_BASICRESP_get_ext_count(basic); i++)
+    if (!is_known_or_harmless(OCSP_BASICRESP_get_ext(basic, i)))
+      return PKI_OCSP_ERROR;
+  for (int i = 0; i < OCSP_SINGLERESP_get_ext_count(single); i++)
+    if (!is_known_or_harmless(OCSP_SINGLERESP_get_ext(single, i)))
+      return PKI_OCSP_ERROR;
+  return PKI_OK;
+}
+
 void log_time_violation(const char *what, const ASN1_TIME *time, const char *end) {
   openssl_error_mark no_text_is_no_error;
   bio_ptr memory(BIO_new(BIO_s_mem()));
@@ -198,6 +217,8 @@ int find_status(const ocsp_query &query, OCSP_BASICRESP *basic, ocsp_status *fou
     return error;
   OCSP_SINGLERESP *single = nullptr;
   if (int error = find_single(query, basic, &single))
+    return error;
+  if (int error = check_critical_extensions(basic, single))
     return error;
   ASN1_GENERALIZEDTIME *this_update = nullptr;
   found->next_update = nullptr;

@@ -161,13 +161,18 @@ bool may_sign_for_others(X509 *signer) {
   return false;
 }
 
-trust is_issued_by(X509 *signer, X509 *issuer) {
+bool is_issued_by(X509 *signer, X509 *issuer) {
+  openssl_error_mark another_issuer_is_no_error;
+  EVP_PKEY *key = X509_get0_pubkey(issuer);
+  return key && X509_check_issued(issuer, signer) == X509_V_OK && X509_verify(signer, key) == 1;
+}
+
+// An issuer who may not sign answers himself cannot delegate them either.
+trust check_issuer_of_delegate(const ocsp_query &query, X509 *signer) {
   int error = PKI_OK;
-  EVP_PKEY *key = public_key_of(issuer, &error);
-  if (!key)
+  if (!public_key_of(query.issuer, &error))
     return trust::failed;
-  openssl_error_mark another_key_is_no_error;
-  if (X509_check_issued(issuer, signer) == X509_V_OK && X509_verify(signer, key) == 1)
+  if (query.issuer_may_sign && is_issued_by(signer, query.issuer))
     return trust::yes;
   syslog(log_warning, "ocsp-response signer cert (%s) was not issued by cert-issuer - discarding",
          subject_text(signer).get());
@@ -200,13 +205,15 @@ bool is_cert_in_question(const ocsp_query &query, X509 *signer) {
   return true;
 }
 
-trust check_status_of_signer(const ocsp_query &query, X509 *signer) {
+trust check_status_of_signer(const ocsp_query &query, X509 *signer, bool is_issuers) {
   if (is_cert_in_question(query, signer))
     return trust::no;
   subject_text subject(signer);
   syslog(log_debug, "checking certificate status of ocsp-response signer's cert (%s)",
          subject.get());
-  int status = zv_cv_check_cert_status(signer, query.issuer, query.ctx, 1, query.depth + 1);
+  unsigned char issuer_may_sign = is_issuers ? 1 : 0;
+  int status =
+      zv_cv_check_cert_status(signer, query.issuer, query.ctx, issuer_may_sign, query.depth + 1);
   if (status == PKI_CERT_OK) {
     syslog(log_debug, "ocsp-response signer's cert (%s) is ok", subject.get());
     return trust::yes;
@@ -216,17 +223,22 @@ trust check_status_of_signer(const ocsp_query &query, X509 *signer) {
   return trust::no;
 }
 
+// The certificate's issuer speaks for a responder that he issued, and for nobody else's.
+trust check_configured_signer(const ocsp_query &query, X509 *signer) {
+  return check_status_of_signer(query, signer, is_issued_by(signer, query.issuer));
+}
+
 // A responder that the issuer has delegated.
 trust check_delegation(const ocsp_query &query, X509 *signer) {
   if (!may_sign_for_others(signer))
     return trust::no;
-  trust issued = is_issued_by(signer, query.issuer);
+  trust issued = check_issuer_of_delegate(query, signer);
   if (issued != trust::yes)
     return issued;
   if (!is_signer_valid_now(signer))
     return trust::no;
   bool is_spared = !may_be_same_cert(signer, query.cert) && is_spared_status_check(signer);
-  return is_spared ? trust::yes : check_status_of_signer(query, signer);
+  return is_spared ? trust::yes : check_status_of_signer(query, signer, true);
 }
 
 trust check_trust(const ocsp_query &query, X509 *signer) {
@@ -239,7 +251,7 @@ trust check_trust(const ocsp_query &query, X509 *signer) {
     syslog(log_debug, "ocsp-response signer is the same as the cert issuer - accepting it");
     return trust::yes;
   }
-  return is_configured ? check_status_of_signer(query, signer) : check_delegation(query, signer);
+  return is_configured ? check_configured_signer(query, signer) : check_delegation(query, signer);
 }
 
 }  // namespace

@@ -164,6 +164,21 @@ TEST_F(OcspAllocation, WrongNonceStaysOne) {
   sweep(responder, -1, fake_allocator::sweep_step(usual_step));
 }
 
+TEST_F(OcspAllocation, UnknownCriticalExtensionStaysOne) {
+  ocsp_options options = by_issuer();
+  options.single.extensions = support::ocsp_extension("1.2.3.4.5", true);
+  ocsp_responder responder(options);
+  sweep(responder, -1, fake_allocator::sweep_step(usual_step));
+}
+
+TEST_F(OcspAllocation, StrangersWordAboutTheConfiguredResponderStaysOne) {
+  ocsp_responder second(by_issuer());
+  configured =
+      issue("configured", 77, stranger_key, {ask_at(second.url())}, "authority", authority_key);
+  ocsp_responder first(by(configured, stranger_key));
+  sweep(first, -1, fake_allocator::sweep_step(nested_step));
+}
+
 TEST_F(OcspAllocation, ResponderWithoutUsageStaysOne) {
   ocsp_responder responder(by(issue_responder({no_check})));
   sweep(responder, -1, fake_allocator::sweep_step(costly_step));

@@ -101,9 +101,11 @@ TEST_F(OcspDelegated, NoCheckMeansThatNobodyIsAsked) {
   EXPECT_EQ(0u, elsewhere.requests().size());
 }
 
-TEST_F(OcspDelegated, WithoutTheFlagItIsBelievedAllTheSame) {
+// Who may not sign himself may not delegate either.
+TEST_F(OcspDelegated, WithoutTheFlagItIsDiscarded) {
   internet = 0;
-  expect_believed(issue_responder());
+  expect_discarded(issue_responder(), not_issued_line());
+  expect_discarded(issue_responder({ocsp_signing}), not_issued_line());
 }
 
 // ---- extended key usage ----

@@ -215,6 +215,54 @@ TEST_F(OcspResponse, AnswerOfAnEarlierQueryIsRefused) {
             judgement());
 }
 
+TEST_F(OcspResponse, CriticalNonceIsANonce) {
+  ocsp_options options = by_issuer();
+  options.nonce = ocsp_nonce::critical;
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(options)));
+  EXPECT_EQ(accepted_from_issuer(), judgement());
+}
+
+// ---- extensions (RFC 6960 4.4) ----
+
+TEST_F(OcspResponse, UnknownCriticalExtensionOfTheAnswerIsRefused) {
+  ocsp_options options = by_issuer();
+  options.extensions =
+      support::ocsp_extension("1.2.3.4.4", false) + support::ocsp_extension("1.2.3.4.5", true);
+  EXPECT_EQ(nullptr, ask(options));
+  EXPECT_EQ("4: Found unknown critical ocsp extension: 1.2.3.4.5\n", judgement());
+}
+
+TEST_F(OcspResponse, UnknownCriticalExtensionOfTheSingleResponseIsRefused) {
+  ocsp_options options = by_issuer();
+  options.single.extensions =
+      support::ocsp_extension("1.2.3.4.4", false) + support::ocsp_extension("1.2.3.4.5", true);
+  EXPECT_EQ(nullptr, ask(options));
+  EXPECT_EQ("4: Found unknown critical ocsp extension: 1.2.3.4.5\n", judgement());
+}
+
+TEST_F(OcspResponse, CriticalExtensionThatOnlyOpensslKnowsIsRefused) {
+  ocsp_options options = by_issuer();
+  options.single.extensions = support::ocsp_extension("1.3.6.1.5.5.7.48.1.6", true);
+  EXPECT_EQ(nullptr, ask(options));
+  EXPECT_EQ("4: Found unknown critical ocsp extension: OCSP Archive Cutoff\n", judgement());
+}
+
+TEST_F(OcspResponse, OtherExtensionsAreIgnored) {
+  ocsp_options options = by_issuer();
+  options.extensions = support::ocsp_extension("1.2.3.4.5", false);
+  options.single.extensions = support::ocsp_extension("1.3.6.1.5.5.7.48.1.6", false);
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(options)));
+  EXPECT_EQ(accepted_from_issuer(), judgement());
+}
+
+TEST_F(OcspResponse, CriticalExtensionsOfOtherSingleResponsesAreIgnored) {
+  ocsp_options options = by_issuer();
+  options.in_front = {single(id_of(issue("other", 100, device_key)), V_OCSP_CERTSTATUS_GOOD)};
+  options.in_front[0].extensions = support::ocsp_extension("1.2.3.4.5", true);
+  EXPECT_EQ(PKI_CERT_OK, status_of(ask(options)));
+  EXPECT_EQ(accepted_from_issuer(), judgement());
+}
+
 // ---- single responses ----
 
 TEST_F(OcspResponse, WithoutSingleResponsesItIsRefused) {
@@ -283,6 +331,18 @@ TEST_F(OcspResponse, NonceIsCheckedBeforeTheSingleResponses) {
   EXPECT_EQ(nullptr, ask(options));
   EXPECT_EQ("3: Nonce returned in ocsp response did not match nonce sent in request\n",
             judgement());
+}
+
+TEST_F(OcspResponse, ExtensionsAreCheckedBetweenTheSingleResponsesAndTheTimes) {
+  ocsp_options options = by_issuer();
+  options.extensions = support::ocsp_extension("1.2.3.4.5", true);
+  options.produced_at = start + 1000;
+  EXPECT_EQ(nullptr, ask(options));
+  EXPECT_EQ("4: Found unknown critical ocsp extension: 1.2.3.4.5\n", judgement());
+  clear_log();
+  options.with_single = false;
+  EXPECT_EQ(nullptr, ask(options));
+  EXPECT_EQ("3: No single-responses found in ocsp response\n", judgement());
 }
 
 TEST_F(OcspResponse, SingleResponsesAreCheckedBeforeTheTimes) {

@@ -91,7 +91,7 @@ class ocsp_query_test : public support::store_test {
                                  ocsp_flag};
     last_url = url;
     return cache_support::hold(
-        pki::zv_cv_ocsp_get_sts_info(&locator, cert.get(), issuer.get(), nullptr, internet, depth));
+        pki::zv_cv_ocsp_get_sts_info(&locator, cert.get(), issuer.get(), context, internet, depth));
   }
   record ask(ocsp_responder &responder) { return query(responder.url("/ocsp")); }
   // Asks a responder that answers like this.
@@ -145,6 +145,7 @@ class ocsp_query_test : public support::store_test {
   support::cert configured;  // the locator's signer
   int ocsp_flag = 0;
   unsigned char internet = 1;
+  X509_STORE_CTX *context = nullptr;
   int depth = 0;
   std::string last_url;
 };
