@@ -243,8 +243,8 @@ PKI_API int dec_struct_tm(BIO *bio, int tag, const unsigned char *data, int len,
 
 /*
  * Write and read a text (char *, malloc), without its NUL. Null is not written. Reading replaces a
- * text that is there, with a line at level 4. Octets 0 are not looked for. A text of 16384 octets or
- * more is written, but may not be read again, and all behind it neither: see above at "Lengths".
+ * text that is there, with a line at level 4. Octets 0 are not looked for. A text of 16384 octets
+ * or more is written, but may not be read again, and all behind it neither: see above at "Lengths".
  * Return 0; 2; 63 a null argument; else as write_block.
  */
 PKI_API int enc_str(BIO *bio, void *field, int tag, void *arg);

@@ -2,9 +2,9 @@
  * verify.h: the verify callbacks, certificate statuses, the status cache and the CRL cache.
  *
  * Any thread may use all of it once libpki_init has run. (Before, there are no rules, so that only
- * what certificates name themselves is asked.) Records and CRLs that are in a cache are shared: treat
- * them as constant. docs/validation.md has a program that judges certificates, and a picture of how
- * a status is decided.
+ * what certificates name themselves is asked.) Records and CRLs that are in a cache are shared:
+ * treat them as constant. docs/validation.md has a program that judges certificates, and a picture
+ * of how a status is decided.
  */
 #ifndef LIBPKI_VERIFY_H
 #define LIBPKI_VERIFY_H
@@ -22,9 +22,9 @@ PKI_BEGIN_DECLS
  * flavour is for devices with a clock and a network: dates count, and responders and CRLs are asked
  * about every certificate below the top; one that names none, and that no rule is about, counts as
  * good, so add a rule for those (pki_add_ocsp_info, pki_add_crl_info). The local flavour is for
- * devices without: it forgives dates and asks nobody. OpenSSL builds the chain and checks signatures, names and constraints; the callback
- * judges what it reports, certificate by certificate from the top down. Return 1 to accept, 0 to
- * reject.
+ * devices without: it forgives dates and asks nobody. OpenSSL builds the chain and checks
+ * signatures, names and constraints; the callback judges what it reports, certificate by
+ * certificate from the top down. Return 1 to accept, 0 to reject.
  *
  * Of OpenSSL's errors these are forgiven, deliberately:
  *   2        a missing issuer behind a certificate of the X509_STORE: the chain ends there. (A
@@ -69,13 +69,13 @@ PKI_API int zv_cv_cert_validator_internet_ex(int ok, X509_STORE_CTX *ctx);
 PKI_API int zv_cv_cert_validator_local_ex(int ok, X509_STORE_CTX *ctx);
 
 /*
- * The status of `cert`, issued by `issuer`. Only for an issuer out of a chain that was verified, who
- * did issue `cert`: what he and those whom he certified sign is believed, and the status cache keeps
- * it for every later verification of `cert`, whatever its X509_STORE. It comes from the cache, else from the first source
- * that knows it: status rules of the store with flag 0 clear, up to 8 responders and the CRLs that
- * the certificate names, status rules with flag 0 set. A rule with flag 1 ends the search. The
- * answer is cached until it expires; that no source answered, for 30 seconds. Blocks while sources
- * are asked.
+ * The status of `cert`, issued by `issuer`. Only for an issuer out of a chain that was verified,
+ * who did issue `cert`: what he and those whom he certified sign is believed, and the status cache
+ * keeps it for every later check with him, whatever the X509_STORE. It comes from the cache, else
+ * from the first source that knows it: status rules of the store with flag 0 clear, up to 8
+ * responders and the CRLs that the certificate names, status rules with flag 0 set. A rule with
+ * flag 1 ends the search. The answer is cached until it expires; that no source answered, for 30
+ * seconds. Blocks while sources are asked.
  *
  * ctx       the verification that this belongs to; its trusted certificates are of use to the
  *           sources. May be null.
@@ -122,7 +122,12 @@ PKI_API void cv_free_cert_sts_info(cert_sts_info *info);
 /* A status as text: "unknown", "ok", "revoked", or "<invalid cert status>". */
 PKI_API const char *zv_cv_cert_sts_to_str(int status);
 
-/* ---- the status cache: 20 records ---- */
+/*
+ * ---- the status cache: 20 records ----
+ *
+ * It serves all verifications of the process. A status that the library put there counts for the
+ * issuer with whom it was found; one that the host put there counts whoever the issuer is.
+ */
 
 /* Sets the status cache up, once; libpki_init calls it. */
 PKI_API void zv_cv_init(void);
@@ -161,9 +166,9 @@ PKI_API int zv_cv_is_disabled_crl_check(void);
 /*
  * ---- the CRL cache: 50000 octets of DER ----
  *
- * It serves all verifications of the process. A CRL that the library put there is believed again for
- * the issuer who vouched for its signer; for others its signer is judged anew. One that the host put
- * there is believed as it is.
+ * It serves all verifications of the process. A CRL that the library put there is believed again
+ * for the issuer who vouched for its signer; for others its signer is judged anew. One that the
+ * host put there is believed as it is.
  */
 
 /* Sets the CRL cache up, once; libpki_init calls it. */

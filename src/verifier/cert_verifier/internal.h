@@ -24,6 +24,13 @@ extern cert_sts_info_cache pki_csi_cache;
 extern int csi_is_init;
 extern int disable_crl_check;  // read and written atomically
 
+// The status cache's add and find for what the library finds out itself: a status counts for the
+// issuer whose word it was found with, as another certificate of the same name may vouch for
+// others. What the host adds counts for all. `issuer` may be null. Without memory to tell the
+// issuer, *is_issuers is false and the record may be another's.
+[[nodiscard]] int cv_add_status(cert_sts_info *info, X509 *issuer);
+[[nodiscard]] cert_sts_info *cv_find_status(X509 *cert, X509 *issuer, bool *is_issuers);
+
 // Has its time come? Unknown where it cannot be read, be it for want of memory.
 enum class expiry : unsigned char { ahead, passed, unknown };
 [[nodiscard]] expiry expiry_of(const cert_sts_info *info);

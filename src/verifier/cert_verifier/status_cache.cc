@@ -1,7 +1,9 @@
 // The status cache: a short list that saves repeated fetches, not a large working set.
 #include <libpki/error.h>
+#include <openssl/evp.h>
 
 #include <climits>
+#include <cstring>
 #include <ctime>
 
 #include "common/limits.h"
@@ -32,6 +34,36 @@ bool has_expired(const cert_sts_info *info) {
   return expiry_of(info) != expiry::ahead;
 }
 
+// Which issuer a record counts for. Not part of the record, which is the host's to make.
+struct issuer_mark {
+  const cert_sts_info *record;  // null: free
+  unsigned char digest[20];     // OpenSSL's own of the issuer's certificate; zeros: there is none
+};
+
+// Guarded by the cache's lock; each is of a record in the cache.
+issuer_mark marks[status_cache_records];
+
+// OpenSSL has the digest of a certificate that it has looked at. False: out of memory.
+bool make_mark(X509 *issuer, issuer_mark *mark) {
+  *mark = {};
+  if (!issuer)
+    return true;
+  openssl_error_mark the_caller_knows_what_to_do;
+  return is_comparable(issuer) && X509_digest(issuer, EVP_sha1(), mark->digest, nullptr) == 1;
+}
+
+issuer_mark *mark_of(const cert_sts_info *record) {
+  for (issuer_mark &mark : marks)
+    if (mark.record == record)
+      return &mark;
+  return nullptr;
+}
+
+bool counts_for(const cert_sts_info *record, const issuer_mark *wanted) {
+  const issuer_mark *mark = wanted ? mark_of(record) : nullptr;
+  return !mark || std::memcmp(mark->digest, wanted->digest, sizeof mark->digest) == 0;
+}
+
 bool is_linked(const cert_sts_info *info) {
   return info->link.previous != nullptr;
 }
@@ -45,6 +77,8 @@ void append(cert_sts_info *info) {
 }
 
 void unlink(cert_sts_info *info) {
+  if (issuer_mark *mark = mark_of(info))
+    mark->record = nullptr;
   if (info->link.next)
     info->link.next->link.previous = info->link.previous;
   else
@@ -74,19 +108,65 @@ sts_info_ptr take_out(cert_sts_info *info) {
   return sts_info_ptr(info);
 }
 
-cert_sts_info *first_record_of(const X509 *cert) {
+// `mark`, which may be null, says which issuer it has to count for.
+cert_sts_info *first_record_of(const X509 *cert, const issuer_mark *mark) {
   for (cert_sts_info *info = pki_csi_cache.first; info; info = info->link.next) {
     uint32_t holders = __atomic_load_n(&info->ref_count, __ATOMIC_RELAXED);
     if (holders == 0)
       syslog(log_error, "bad ref count idx %p - %d", static_cast<void *>(info),
              static_cast<int>(holders));
-    if (info->cert && X509_cmp(info->cert, cert) == 0)
+    if (info->cert && X509_cmp(info->cert, cert) == 0 && counts_for(info, mark))
       return info;
   }
   return nullptr;
 }
 
+int add(cert_sts_info *info, const issuer_mark *mark) {
+  if (has_expired(info) || (info->cert && !is_comparable(info->cert)))
+    return PKI_OK;
+  sts_info_ptr victim;
+  write_lock lock(&pki_csi_cache.lock);
+  if (!lock.held())
+    return PKI_LOCK_FAILED;
+  if (is_linked(info))
+    return PKI_OK;
+  if (pki_csi_cache.count >= status_cache_records)
+    victim = take_out(eviction_victim());
+  append(cv_dup_cert_sts_info(info));
+  issuer_mark *free_mark = mark ? mark_of(nullptr) : nullptr;
+  if (free_mark) {
+    *free_mark = *mark;
+    free_mark->record = info;
+  }
+  return PKI_OK;
+}
+
+cert_sts_info *find(const X509 *cert, const issuer_mark *mark) {
+  if (!cert || !is_comparable(const_cast<X509 *>(cert)))
+    return nullptr;
+  write_lock lock(&pki_csi_cache.lock);
+  if (!lock.held())
+    return nullptr;
+  cert_sts_info *found = first_record_of(cert, mark);
+  if (!found)
+    return nullptr;
+  if (found->hits < UINT32_MAX)
+    found->hits++;
+  return cv_dup_cert_sts_info(found);
+}
+
 }  // namespace
+
+int cv_add_status(cert_sts_info *info, X509 *issuer) {
+  issuer_mark mark;
+  return make_mark(issuer, &mark) ? add(info, &mark) : PKI_OUT_OF_MEMORY;
+}
+
+cert_sts_info *cv_find_status(X509 *cert, X509 *issuer, bool *is_issuers) {
+  issuer_mark mark;
+  *is_issuers = make_mark(issuer, &mark);
+  return find(cert, *is_issuers ? &mark : nullptr);
+}
 
 }  // namespace pki
 
@@ -103,34 +183,11 @@ void zv_cv_init(void) {
 }
 
 int zv_cv_add_cert_sts_info_cache(cert_sts_info *info) {
-  if (!info)
-    return PKI_INVALID_ARGS;
-  if (has_expired(info) || (info->cert && !is_comparable(info->cert)))
-    return PKI_OK;
-  sts_info_ptr victim;
-  write_lock lock(&pki_csi_cache.lock);
-  if (!lock.held())
-    return PKI_LOCK_FAILED;
-  if (is_linked(info))
-    return PKI_OK;
-  if (pki_csi_cache.count >= status_cache_records)
-    victim = take_out(eviction_victim());
-  append(cv_dup_cert_sts_info(info));
-  return PKI_OK;
+  return info ? add(info, nullptr) : PKI_INVALID_ARGS;
 }
 
 cert_sts_info *zv_cv_find_cert_sts_info_cache(const X509 *cert) {
-  if (!cert || !is_comparable(const_cast<X509 *>(cert)))
-    return nullptr;
-  write_lock lock(&pki_csi_cache.lock);
-  if (!lock.held())
-    return nullptr;
-  cert_sts_info *found = first_record_of(cert);
-  if (!found)
-    return nullptr;
-  if (found->hits < UINT32_MAX)
-    found->hits++;
-  return cv_dup_cert_sts_info(found);
+  return find(cert, nullptr);
 }
 
 int zv_cv_remove_cert_sts_info_cache(cert_sts_info *info) {

@@ -52,14 +52,17 @@ void trace_status(int kind, const question &asked, const cert_sts_info *info, in
 }
 
 // Null unless the cache holds a status. An expired one is taken out.
-sts_info_ptr find_cached(X509 *cert, int *status) {
-  sts_info_ptr found(zv_cv_find_cert_sts_info_cache(cert));
+sts_info_ptr find_cached(const question &asked, int *status) {
+  bool is_issuers = false;
+  sts_info_ptr found(cv_find_status(asked.cert, asked.issuer, &is_issuers));
   if (!found)
     return nullptr;
   expiry ends = expiry_of(found.get());
   // What is in the cache could be read once: want of memory must not turn "revoked" into "not
   // cached".
   *status = ends == expiry::ahead ? found->status : PKI_CERT_UNKNOWN;
+  if (!is_issuers && *status == PKI_CERT_OK)
+    *status = PKI_CERT_UNKNOWN;
   if (ends != expiry::passed)
     return found;
   if (zv_cv_remove_cert_sts_info_cache(found.get()) == 0)
@@ -105,7 +108,7 @@ void log_no_information(const X509 *cert) {
 }
 
 int remember(const question &asked, cert_sts_info *info) {
-  (void)zv_cv_add_cert_sts_info_cache(info);
+  (void)cv_add_status(info, asked.issuer);
   trace_status(PKI_TRACE_STATUS_END, asked, info, info->status);
   return info->status;
 }
@@ -149,7 +152,7 @@ int status_from_sources(const question &asked) {
 
 int status_of(const question &asked) {
   int status = PKI_CERT_UNKNOWN;
-  if (sts_info_ptr cached = find_cached(asked.cert, &status)) {
+  if (sts_info_ptr cached = find_cached(asked, &status)) {
     trace_status(PKI_TRACE_CACHE, asked, cached.get(), status);
     trace_status(PKI_TRACE_STATUS_END, asked, cached.get(), status);
     cached.reset();

@@ -116,6 +116,54 @@ TEST_F(StatusCheck, CachedStatusOfAnotherCertificateIsNotTheAnswer) {
   EXPECT_EQ(PKI_CERT_OK, check());
 }
 
+// Another certificate of the issuer's name may vouch for somebody else.
+class StatusCheckIssuers : public StatusCheck {
+ protected:
+  bool finds_cached(const cert &issuer) {
+    clear_log();
+    EXPECT_EQ(PKI_CERT_OK, zv_cv_check_cert_status(leaf_.get(), issuer.get(), ctx_.get(), 1, 0));
+    return was_logged(7, "Found cert-status for cert '/CN=leaf' in cache - status is: ok");
+  }
+  const cert other_inter_ = make_inter({}, 22);
+};
+
+TEST_F(StatusCheckIssuers, StatusThatWasFoundCountsForItsIssuer) {
+  add_always_ok();
+  EXPECT_FALSE(finds_cached(inter_));
+  EXPECT_TRUE(finds_cached(inter_));
+  EXPECT_FALSE(finds_cached(other_inter_));
+  EXPECT_FALSE(finds_cached(nullptr));
+  for (const cert &issuer : {inter_, other_inter_, cert()})
+    EXPECT_TRUE(finds_cached(issuer));
+}
+
+TEST_F(StatusCheckIssuers, StatusThatTheHostAddsCountsForAll) {
+  cache_status(leaf_, PKI_CERT_OK);
+  for (const cert &issuer : {inter_, other_inter_, cert()})
+    EXPECT_TRUE(finds_cached(issuer));
+}
+
+TEST_F(StatusCheckIssuers, RecordThatWasTakenOutIsTheHosts) {
+  add_always_ok();
+  EXPECT_FALSE(finds_cached(inter_));
+  cert_sts_info *info = zv_cv_find_cert_sts_info_cache(leaf_.get());
+  ASSERT_NE(nullptr, info);
+  ASSERT_EQ(0, zv_cv_remove_cert_sts_info_cache(info));
+  cv_free_cert_sts_info(info);
+  ASSERT_EQ(0, zv_cv_add_cert_sts_info_cache(info));
+  EXPECT_TRUE(finds_cached(other_inter_));
+  cv_free_cert_sts_info(info);
+}
+
+TEST_F(StatusCheckIssuers, ManyRecordsLaterItIsTheSame) {
+  add_always_ok();
+  for (long serial = 100; serial < 150; serial++)
+    check(make_leaf({}, serial));
+  EXPECT_FALSE(finds_cached(inter_));
+  EXPECT_TRUE(finds_cached(inter_));
+  EXPECT_FALSE(finds_cached(other_inter_));
+}
+
 TEST_F(StatusCheck, CachedStatusHoldsUntilItExpires) {
   record info = cache_status(leaf_, PKI_CERT_REVOKED, 100);
   fake_clock::advance(99);
