@@ -183,21 +183,29 @@ cert simple_cert(const std::string &issuer, const std::string &subject, long ser
   return make_cert(options);
 }
 
-cert cert_of_size(size_t size, const std::string &issuer, const std::string &subject, long serial) {
-  cert_options options;
-  options.subject = common_name(subject);
-  options.issuer = common_name(issuer);
-  options.serial = serial;
+// Makes an object again and again until its DER has that size.
+template <class Make>
+static auto of_size(size_t size, Make make) {
   size_t padding = size > 400 ? size - 400 : 1;
   for (int tries = 0; tries < 20; tries++) {
-    options.extensions = {{"1.2.3.4", "DER:" + std::string(2 * padding, '0')}};
-    cert made = make_cert(options);
+    auto made = make(padding);
     size_t got = der(made).size();
     if (got == size)
       return made;
     padding += size - got;
   }
-  give_up("certificate of an exact size");
+  give_up("object of an exact size");
+}
+
+cert cert_of_size(size_t size, const std::string &issuer, const std::string &subject, long serial) {
+  cert_options options;
+  options.subject = common_name(subject);
+  options.issuer = common_name(issuer);
+  options.serial = serial;
+  return of_size(size, [&](size_t padding) {
+    options.extensions = {{"1.2.3.4", "DER:" + std::string(2 * padding, '0')}};
+    return make_cert(options);
+  });
 }
 
 crl make_crl(const crl_options &options) {
@@ -227,16 +235,10 @@ crl make_crl(const crl_options &options) {
 crl crl_of_size(size_t size, const std::string &issuer_cn) {
   crl_options options;
   options.issuer = common_name(issuer_cn);
-  size_t padding = size > 400 ? size - 400 : 1;
-  for (int tries = 0; tries < 20; tries++) {
+  return of_size(size, [&](size_t padding) {
     options.padding = padding;
-    crl made = make_crl(options);
-    size_t got = der(made).size();
-    if (got == size)
-      return made;
-    padding += size - got;
-  }
-  give_up("CRL of an exact size");
+    return make_crl(options);
+  });
 }
 
 std::string der(const cert &object) {

@@ -1,4 +1,4 @@
-// What log lines call a certificate, and when two are the same.
+// What log lines call a certificate, when two are the same, and who issued one.
 #include <openssl/x509v3.h>
 
 #include "verifier/cert_verifier/internal.h"
@@ -23,6 +23,12 @@ bool is_same_cert(X509 *one, X509 *other) {
 
 bool may_be_same_cert(X509 *one, X509 *other) {
   return one == other || !is_comparable(one) || !is_comparable(other) || X509_cmp(one, other) == 0;
+}
+
+bool is_issued_by(X509 *cert, X509 *issuer) {
+  openssl_error_mark another_issuer_is_no_error;
+  EVP_PKEY *key = X509_get0_pubkey(issuer);
+  return key && X509_check_issued(issuer, cert) == X509_V_OK && X509_verify(cert, key) == 1;
 }
 
 }  // namespace pki

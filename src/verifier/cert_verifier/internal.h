@@ -40,6 +40,8 @@ enum class expiry : unsigned char { ahead, passed, unknown };
 [[nodiscard]] bool is_same_cert(X509 *one, X509 *other);
 // For questions where "the same" is the answer that lets nobody in.
 [[nodiscard]] bool may_be_same_cert(X509 *one, X509 *other);
+// By its name, its extensions and its key.
+[[nodiscard]] bool is_issued_by(X509 *cert, X509 *issuer);
 
 // Is it now between notBefore and notAfter, or so many seconds off at the most? A time that cannot
 // be read is no.

@@ -161,12 +161,6 @@ bool may_sign_for_others(X509 *signer) {
   return false;
 }
 
-bool is_issued_by(X509 *signer, X509 *issuer) {
-  openssl_error_mark another_issuer_is_no_error;
-  EVP_PKEY *key = X509_get0_pubkey(issuer);
-  return key && X509_check_issued(issuer, signer) == X509_V_OK && X509_verify(signer, key) == 1;
-}
-
 // An issuer who may not sign answers himself cannot delegate them either.
 trust check_issuer_of_delegate(const ocsp_query &query, X509 *signer) {
   int error = PKI_OK;

@@ -42,12 +42,6 @@ bool is_configured_one(const crl_info *record, X509 *signer) {
   return false;
 }
 
-bool is_issued_by(X509 *signer, X509 *issuer) {
-  openssl_error_mark another_issuer_is_no_error;
-  EVP_PKEY *key = X509_get0_pubkey(issuer);
-  return key && X509_check_issued(issuer, signer) == X509_V_OK && X509_verify(signer, key) == 1;
-}
-
 // An old key must not speak for ever. (A verified path looks at this itself.)
 bool is_signer_valid_now(const X509 *signer) {
   if (is_within_validity(signer, clock_tolerance_seconds))
