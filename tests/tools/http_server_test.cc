@@ -18,19 +18,33 @@ namespace {
 using tool_test::exchange;
 using tool_test::raw_client;
 
-// Answers every request with its method, target and body, one a line.
-std::unique_ptr<pkilab::server> echo_server(size_t max_threads = 8) {
-  pkilab::server_options options;
-  options.max_threads = max_threads;
-  return std::make_unique<pkilab::server>(
-      options, [](const pkilab::request &asked, pkilab::connection &peer) {
-        pkilab::response answer;
-        answer.body = asked.method + "|" + asked.target + "|" + asked.body;
-        pkilab::send_response(answer, peer);
-      });
+class test_server {
+ public:
+  test_server(const pkilab::listener_options &options, pkilab::server::responder respond,
+              size_t max_threads)
+      : listener_(options), server_(listener_, std::move(respond), max_threads) {}
+
+  std::string authority() const { return listener_.authority(); }
+  int port() const { return listener_.port(); }
+  void stop() { server_.stop(); }
+
+ private:
+  pkilab::listener listener_;
+  pkilab::server server_;
+};
+
+void echo(const pkilab::request &asked, pkilab::connection &peer) {
+  pkilab::response answer;
+  answer.body = asked.method + "|" + asked.target + "|" + asked.body;
+  pkilab::send_response(answer, peer);
 }
 
-std::string echoed(const pkilab::server &server, const std::string &request) {
+// Answers every request with its method, target and body, one a line.
+std::unique_ptr<test_server> echo_server(size_t max_threads = 8) {
+  return std::make_unique<test_server>(pkilab::listener_options(), echo, max_threads);
+}
+
+std::string echoed(const test_server &server, const std::string &request) {
   return tool_test::body_of(exchange(server.port(), request));
 }
 
@@ -125,10 +139,10 @@ TEST(HttpServer, StopEndsConnectionsThatWait) {
 
 TEST(HttpServer, TellsThatItsPortIsTaken) {
   auto first = echo_server();
-  pkilab::server_options options;
+  pkilab::listener_options options;
   options.port = first->port();
   try {
-    pkilab::server second(options, {});
+    pkilab::listener second(options);
     FAIL() << "two servers on one port";
   } catch (const tools::failure &error) {
     EXPECT_EQ(std::string(error.what()),
@@ -137,15 +151,25 @@ TEST(HttpServer, TellsThatItsPortIsTaken) {
   }
 }
 
+TEST(HttpServer, ConnectionsWaitForItBehindTheListener) {
+  pkilab::listener listener{pkilab::listener_options()};
+  raw_client client(listener.port());
+  client.send("GET /early HTTP/1.0\r\n\r\n");
+  pkilab::server server(listener, echo);
+  EXPECT_EQ(tool_test::body_of(client.receive_all()), "GET|/early|");
+}
+
 TEST(HttpServer, ServesIpv6) {
-  pkilab::server_options options;
+  pkilab::listener_options options;
   options.bind = "::1";
-  std::unique_ptr<pkilab::server> server;
+  std::unique_ptr<test_server> server;
   try {
-    server = std::make_unique<pkilab::server>(
-        options, [](const pkilab::request &asked, pkilab::connection &peer) {
+    server = std::make_unique<test_server>(
+        options,
+        [](const pkilab::request &asked, pkilab::connection &peer) {
           pkilab::send_response(pkilab::text_response(200, asked.authority), peer);
-        });
+        },
+        1);
   } catch (const tools::failure &) {
     GTEST_SKIP() << "this machine has no IPv6 loopback";
   }
@@ -162,9 +186,9 @@ TEST(HttpServer, ServesIpv6) {
 }
 
 TEST(HttpServer, WantsANumericAddress) {
-  pkilab::server_options options;
+  pkilab::listener_options options;
   options.bind = "some.host.invalid";
-  EXPECT_THROW(pkilab::server(options, {}), tools::failure);
+  EXPECT_THROW(pkilab::listener{options}, tools::failure);
 }
 
 pkilab::request get(const std::string &target) {

@@ -8,6 +8,7 @@
 #include "tools/common/ca_info_reader.h"
 #include "tools/common/cert_text.h"
 #include "tools/common/failure.h"
+#include "tools/common/files.h"
 #include "tools/common/keys.h"
 #include "tools/pkilab/ca_info.h"
 
@@ -76,8 +77,15 @@ TEST(LabCa, UnreadableKeyIsRefusedAndKept) {
 
 TEST(LabCa, FolderThatCannotBeMadeIsRefused) {
   tool_test::folder home;
-  EXPECT_EQ(failure_of(home / "missing/lab"),
-            "cannot make the folder " + (home / "missing/lab") + ": No such file or directory");
+  home.write("file", "");
+  EXPECT_EQ(failure_of(home / "file/lab"),
+            "cannot make the folder " + (home / "file/lab") + ": Not a directory");
+}
+
+TEST(LabCa, FoldersAboveAreMade) {
+  tool_test::folder home;
+  EXPECT_EQ(failure_of(home / "new/lab"), "");
+  EXPECT_TRUE(tools::file_exists(home / "new/lab/root-cert.pem"));
 }
 
 TEST(LabCa, IssuingCertificateIsSelfSigned) {

@@ -129,6 +129,17 @@ TEST(PkilabServe, BindTakesOnlyNumericAddressesAndSaysNothingElse) {
   EXPECT_NE(access((home / "lab").c_str(), F_OK), 0);
 }
 
+TEST(PkilabServe, MakesNoKeysWhereItsPortIsTaken) {
+  tool_test::folder home;
+  lab_process first(home / "first");
+  std::string port = first.url().substr(first.url().rfind(':') + 1);
+  result done = run("pkilab", {"serve", "--dir", home / "lab", "--port", port});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err, "pkilab: cannot listen on 127.0.0.1 port " + port +
+                          ": Address already in use; choose another port, or 0 for any free one\n");
+  EXPECT_NE(access((home / "lab").c_str(), F_OK), 0);
+}
+
 TEST(PkilabServe, UnknownAnswerNamesTheHelpOnce) {
   tool_test::folder home;
   result done = run("pkilab", {"serve", "--dir", home / "lab", "--ocsp-answer", "foo"});

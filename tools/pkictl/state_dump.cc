@@ -244,7 +244,7 @@ void add_state_command(CLI::App &app, action *chosen) {
   add_state_option(command, &given->state);
   command->footer(
       std::string("Examples:\n"
-                  "  pkictl state dump\n"
+                  "  pkictl state dump | cut -c-100      (of long values the beginning)\n"
                   "  pkictl state dump record.bin --names record.names\n\n"
                   "A block is a line <TAG val=\"HEX\">, with the value behind it where that is\n"
                   "text. Names with START in them indent what follows, those with END end that.\n"

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,9 +23,7 @@ constexpr mode_t public_mode = 0644;
 class folder_lock {
  public:
   explicit folder_lock(const std::string &folder) {
-    // Where nobody may look, it cannot be told whether it is there.
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST && errno != EACCES)
-      throw tools::failure("cannot make the folder " + folder + ": " + strerror(errno));
+    tools::make_folders(folder);
     fd_ = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd_ < 0 || flock(fd_, LOCK_EX) != 0) {
       std::string reason = strerror(errno);

@@ -1,8 +1,6 @@
 #include "tools/pkilab/http_server.h"
 
 #include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,78 +8,22 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <memory>
 #include <system_error>
 
 #include "tools/common/failure.h"
 
 namespace pkilab {
 
-namespace {
-
-struct free_addresses {
-  void operator()(addrinfo *list) const { freeaddrinfo(list); }
-};
-
-std::unique_ptr<addrinfo, free_addresses> numeric_address(const std::string &address, int port) {
-  addrinfo hints = {};
-  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo *found = nullptr;
-  if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
-    throw tools::failure("cannot listen on " + address + ": give a numeric address, as in" +
-                         " 127.0.0.1, and a port from 0 to 65535");
-  return std::unique_ptr<addrinfo, free_addresses>(found);
-}
-
-int bound_port(int fd) {
-  sockaddr_storage storage = {};
-  socklen_t length = sizeof storage;
-  getsockname(fd, reinterpret_cast<sockaddr *>(&storage), &length);
-  if (storage.ss_family == AF_INET6)
-    return ntohs(reinterpret_cast<sockaddr_in6 *>(&storage)->sin6_port);
-  return ntohs(reinterpret_cast<sockaddr_in *>(&storage)->sin_port);
-}
-
-}  // namespace
-
-void require_numeric_address(const server_options &options) {
-  (void)numeric_address(options.bind, options.port);
-}
-
-server::server(const server_options &options, responder respond)
-    : respond_(std::move(respond)), max_threads_(options.max_threads) {
-  listen_on(options);
-  if (pipe2(stop_pipe_, O_CLOEXEC) != 0) {
-    close(listener_);
+server::server(listener &listener, responder respond, size_t max_threads)
+    : listener_(listener), respond_(std::move(respond)), max_threads_(max_threads) {
+  if (pipe2(stop_pipe_, O_CLOEXEC) != 0)
     throw tools::failure(std::string("cannot make a pipe: ") + strerror(errno));
-  }
   acceptor_ = std::thread([this] { accept_loop(); });
 }
 
 server::~server() {
   stop();
   close(stop_pipe_[0]);
-}
-
-void server::listen_on(const server_options &options) {
-  auto address = numeric_address(options.bind, options.port);
-  listener_ = socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  int on = 1;
-  bool listens = listener_ >= 0 &&
-                 setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-                 bind(listener_, address->ai_addr, address->ai_addrlen) == 0 &&
-                 listen(listener_, SOMAXCONN) == 0;
-  if (!listens) {
-    std::string reason = strerror(errno);
-    if (listener_ >= 0)
-      close(listener_);
-    throw tools::failure("cannot listen on " + options.bind + " port " +
-                         std::to_string(options.port) + ": " + reason +
-                         "; choose another port, or 0 for any free one");
-  }
-  authority_ = local_authority(listener_);
-  port_ = bound_port(listener_);
 }
 
 void server::stop() {
@@ -96,7 +38,7 @@ void server::stop() {
   changed_.notify_all();
   room_.notify_all();
   acceptor_.join();
-  close(listener_);  // ends what nobody has accepted yet
+  listener_.close();  // ends what nobody has accepted yet
   for (std::thread &worker : workers_)
     worker.join();
   for (int fd : waiting_)
@@ -105,12 +47,12 @@ void server::stop() {
 
 void server::accept_loop() {
   for (;;) {
-    pollfd waits[2] = {{listener_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
+    pollfd waits[2] = {{listener_.fd(), POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
     if (poll(waits, 2, -1) < 0)
       continue;
     if (waits[1].revents)
       return;
-    int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0)
       hand_out(fd);
     else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)

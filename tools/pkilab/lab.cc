@@ -44,12 +44,13 @@ route_table *add_rooms(route_table *routes, const ca &keys, const lab_options &o
 
 lab::lab(const lab_options &options)
     : log_(options.log),
+      listener_(options.listen),
       keys_(options.folder, options.key_bits),
-      server_((add_rooms(&routes_, keys_, options), options.server),
+      server_((add_rooms(&routes_, keys_, options), listener_),
               [this](const request &asked, connection &peer) { respond(asked, peer); }) {}
 
 std::string lab::url(const std::string &path) const {
-  return "http://" + server_.authority() + path;
+  return "http://" + listener_.authority() + path;
 }
 
 void lab::respond(const request &asked, connection &peer) {

@@ -8,6 +8,7 @@
 #include "tools/pkilab/ca.h"
 #include "tools/pkilab/ca_info.h"
 #include "tools/pkilab/crl_options.h"
+#include "tools/pkilab/http_listener.h"
 #include "tools/pkilab/http_routes.h"
 #include "tools/pkilab/http_server.h"
 #include "tools/pkilab/ocsp_options.h"
@@ -17,7 +18,7 @@ namespace pkilab {
 
 struct lab_options {
   std::string folder;  // keys and certificates
-  server_options server;
+  listener_options listen;
   std::string document_file;  // see add_ca_info_room
   int key_bits = 2048;
   scep_algorithms algorithms;
@@ -37,7 +38,7 @@ class lab {
 
   // "http://ADDRESS:PORT" and that with a path behind it.
   std::string url(const std::string &path = "") const;
-  int port() const { return server_.port(); }
+  int port() const { return listener_.port(); }
   const ca &keys() const { return keys_; }
 
  private:
@@ -45,6 +46,7 @@ class lab {
   void log(const request &asked, const std::string &answer) const;
 
   std::function<void(const std::string &)> log_;
+  listener listener_;  // before keys are made: where the port is taken, nothing is left behind
   ca keys_;
   route_table routes_;
   server server_;  // last: its threads use the others

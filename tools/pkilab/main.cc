@@ -111,12 +111,12 @@ int serve(const serve_options &given) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
   ready_file ready(given.ready_file);
-  pkilab::require_numeric_address(given.lab.server);
+  pkilab::require_numeric_address(given.lab.listen);
   pkilab::lab_options setup = given.lab;
   if (!given.quiet)
     setup.log = [](const std::string &line) { write_line(STDERR_FILENO, "pkilab: " + line); };
-  if (!is_loopback(setup.server.bind))
-    tools::complain("pkilab", "warning: " + setup.server.bind +
+  if (!is_loopback(setup.listen.bind))
+    tools::complain("pkilab", "warning: " + setup.listen.bind +
                                   " can be reached from other machines, and the lab trusts"
                                   " everybody");
   if (!setup.document_file.empty() && !tools::file_exists(setup.document_file))
@@ -167,10 +167,10 @@ void add_serve_command(CLI::App &app, pkilab::action *chosen) {
       ->add_option("--dir", given->lab.folder,
                    "Folder of keys and certificates, which are made on first start")
       ->required();
-  serve_command->add_option("--port", given->lab.server.port, "Port; 0 for any free one")
+  serve_command->add_option("--port", given->lab.listen.port, "Port; 0 for any free one")
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
-  serve_command->add_option("--bind", given->lab.server.bind, "Numeric address to listen on")
+  serve_command->add_option("--bind", given->lab.listen.bind, "Numeric address to listen on")
       ->capture_default_str();
   serve_command->add_option("--ready-file", given->ready_file,
                             "File that holds the server's URL while it is ready");
