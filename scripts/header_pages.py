@@ -17,6 +17,7 @@ HEADING = re.compile(r"^-{4} .* -{4}$")
 COMMENT = re.compile(r"^/\*.*?\*/[ ]*$", re.DOTALL | re.MULTILINE)
 NO_DECLARATION = re.compile(r"#(if|ifdef|ifndef|endif|include|define LIBPKI_|define BOARD_)"
                             r"|PKI_(BEGIN|END)_DECLS")
+FOR_EACH_LANGUAGE = re.compile(r"#ifdef __cplusplus\n#define MARSHAL_")
 RETURNS = re.compile(r"(?:^|(?<=[.] ))Returns? ", re.MULTILINE)
 NUMBERS = r"\d+(?: to \d+)?"
 # What a clause about codes begins with: "2", "36 to 41", "45, 47, 48", "0, or 16".
@@ -90,8 +91,10 @@ def without_guards(text):
     # What follows __extension__ is written as its continuation, one step deeper.
     text = re.sub(r"^#if defined\(__GNUC__\)\n( *)__extension__\n#endif\n *", r"\1", text,
                   flags=re.MULTILINE)
-    return re.sub(r"^#if defined\(__GNUC__\)\n.*?^#endif\n", "", text,
+    text = re.sub(r"^#if defined\(__GNUC__\)\n.*?^#endif\n", "", text,
                   flags=re.DOTALL | re.MULTILINE)
+    return re.sub(r"^#ifdef __cplusplus\n.*?^#else\n(.*?)^#endif$", r"\1", text,
+                  flags=re.DOTALL | re.MULTILINE).strip("\n")
 
 
 def chunks(text):
@@ -114,7 +117,8 @@ def add_chunk(header, entries, intro):
         if HEADING.match(text):
             return []
         return intro if not text or "NOLINT" in text else intro + [text]
-    entries = [entry for entry in entries if not NO_DECLARATION.match(entry.code)]
+    entries = [entry for entry in entries
+               if FOR_EACH_LANGUAGE.match(entry.code) or not NO_DECLARATION.match(entry.code)]
     declaring = [entry for entry in entries if entry.names()]
     if declaring and declaring[0].comment.startswith("The same") and header.groups:
         header.groups[-1].entries += declaring
@@ -191,9 +195,13 @@ def declared_types(code):
     return [one or other for one, other in names if one != "STACK"]
 
 
-def defined_constants(code):
-    code = re.sub(r"/\*.*?\*/|^#if.*", "", code, flags=re.DOTALL | re.MULTILINE)
-    return CONSTANT.findall(code)
+def named_values(code):
+    """The names of macros and of an enumeration's values."""
+    code = re.sub(r"/\*.*?\*/", "", code, flags=re.DOTALL)
+    names = re.findall(r"^#define (\w+)", code, re.MULTILINE)
+    for body in re.findall(r"\benum\b[^{;]*\{([^{}]*)\}", code):
+        names += re.findall(r"^\s*(\w+)", "\n".join(body.split(",")), re.MULTILINE)
+    return dict.fromkeys(names)
 
 
 class Manual:
@@ -239,7 +247,7 @@ class Manual:
             for entry in header.types:
                 names = declared_types(entry.code)
                 if (listed.intersection(names) or
-                        constants.intersection(defined_constants(entry.code)) or
+                        constants.intersection(named_values(entry.code)) or
                         any(re.search(rf"\b{name}\b", code) for name in names)):
                     yield header, entry
 
@@ -355,8 +363,19 @@ class Manual:
         lines += self.see_also([("libpki_init", 3), ("pkictl", 1), ("pkilab", 1)])
         return self.page("libpki", lines)
 
+    def named_in(self, header):
+        """The types, macros and values that a header's page is about."""
+        names = [f"PKI_{name}" for _, name, _, _ in self.errors
+                 if header.page_name == "libpki_error"]
+        for entry in header.types:
+            names += declared_types(entry.code)
+            names += ["STACK"] if re.search(r"\bSTACK;", entry.code) else []
+            names += [name for name in named_values(entry.code) if name != "PKI_ERROR"]
+        return dict.fromkeys(names)
+
     def write(self, folder):
-        """Every page; functions that share one are links to it, types to their header's."""
+        """Every page; functions that share one are links to it, types and constants to their
+        header's."""
         for header in self.headers:
             (folder / f"{header.page_name}.3").write_text(self.header_page(header))
             for group in header.groups:
@@ -364,5 +383,5 @@ class Manual:
                 (folder / f"{first}.3").write_text(self.function_page(group))
                 for name in others:
                     (folder / f"{name}.3").symlink_to(f"{first}.3")
-            for name in (name for entry in header.types for name in declared_types(entry.code)):
+            for name in self.named_in(header):
                 (folder / f"{name}.3").symlink_to(f"{header.page_name}.3")

@@ -22,7 +22,7 @@ enum pki_error {
 };
 
 /*
- * The fixed upper-case text of a code, for example "NO SUCH CA" for 50. The library owns it.
+ * The fixed text of a code, for example "NO SUCH CA" for 50. The library owns it.
  * A code of 88 or more gives "unknown status N\n", N printed as a signed number and the line feed
  * part of the text, in a buffer of the calling thread that its next unknown code overwrites.
  * Never fails; any thread.

@@ -126,7 +126,7 @@ typedef struct marshal_envelope_desc {
   int struct_tag; /* of the structure's first block */
   /* Not inline; its `dtor` takes a null pointer too. */
   const marshal_struct_desc *struct_desc;
-  const EVP_MD *md;     /* verify_digest wants one of 20 octets, such as EVP_sha1() */
+  const EVP_MD *md;     /* create_digest, verify_digest: EVP_sha1(); signatures: any digest */
   EVP_PKEY *sign_key;   /* create_sig */
   EVP_PKEY *verify_key; /* verify_sig */
 } marshal_envelope_desc;
@@ -145,7 +145,8 @@ typedef struct marshal_envelope_desc {
  * with a dot for each octet that is no printable ASCII; when memory runs out, their first 256.
  *
  * Return 0; 7 another magic; 63 a null argument, or a negative length; else what the item's encoder
- * or decoder, write_fully, read_fully and read_block return.
+ * or decoder, write_fully, read_fully and read_block return. A damaged stream is 42, with an
+ * envelope 3, 4 or 29, and 2 where a damaged length is beyond any memory.
  */
 PKI_API int marshall(BIO *bio, void *object, const marshal_item *item, const void *magic,
                      int magic_len);
@@ -206,7 +207,9 @@ PKI_API int dec_stack(BIO *bio, int tag, const unsigned char *data, int len, voi
  * neither the tag of the envelope nor that of the check is compared.
  *
  * verify_digest reads digests of 20 octets only (SHA-1). create_digest does not refuse an `md` of
- * another size, and what it then writes can never be read.
+ * another size, and what it then writes can never be read. A signature is one of `md` (EVP_sha256()
+ * is a good one) by an RSA or an EC key; a key that signs no digests (Ed25519) gives 44. verify_key
+ * may be a public key, and sign_key null where nothing is written.
  *
  * When reading fails, at any point, the structure is freed and the target null (63 leaves it).
  * An envelope around a null pointer is written, but cannot be read back.
@@ -258,8 +261,8 @@ PKI_API int dec_str(BIO *bio, int tag, const unsigned char *data, int len, void 
  * may use the object that is there, so do not share it. A key that is there is replaced, unless
  * reading fails. The target of dec_asn1_struct is after a failure what `arg` left: with most of
  * OpenSSL's decoders null, the object freed; with some (d2i_PUBKEY) the object that was there.
- * Return 0; 2 or: 5 no PKCS#8, 6 no key that OpenSSL knows, 8 no SubjectPublicKeyInfo, 15 not what
- * `arg` decodes; 63 a null argument.
+ * Return 0; 2 or 5 no PKCS#8; 2 or 6 no key that OpenSSL knows; 2 or 8 no SubjectPublicKeyInfo; 2 or
+ * 15 not what `arg` decodes; 63 a null argument.
  */
 PKI_API int enc_pub_key(BIO *bio, void *field, int tag, void *arg);
 PKI_API int enc_prv_key(BIO *bio, void *field, int tag, void *arg);

@@ -66,8 +66,9 @@ PKI_API int parse_scep_rsp(const unsigned char *der, int der_length, EVP_PKEY *p
 PKI_API int scep_stop_polling(int stop);
 
 /*
- * How many polls an enrollment makes before it returns 52. 0, as at load: no limit. Returns the
- * previous value. Any thread.
+ * How many polls, 600 seconds apart, a pending enrollment (scep_cert_req) makes before it returns
+ * 52. 0, as at load: no limit; scep_stop_polling(1) is the way to have none. Returns the previous
+ * value. Any thread.
  */
 PKI_API unsigned int scep_limit_polls(unsigned int polls);
 

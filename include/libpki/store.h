@@ -19,13 +19,17 @@
 
 PKI_BEGIN_DECLS
 
-/* The store. The lists are null until libpki_init has run; read them through the functions. */
+/*
+ * The store. The lists are null until libpki_init has run; read and change them through the
+ * functions. A key that a host has kept itself is pushed onto `key_store`, by the management thread
+ * (docs/enrollment.md).
+ */
 typedef struct pki_store_object {
   STACK *key_store;           /* of key_info: the device's key pairs and their certificates */
   STACK *ca_infos;            /* of ca_info: the provisioned CAs */
   STACK *provisioned_certs;   /* of X509: untrusted, kept */
   STACK *collected_certs;     /* of X509: untrusted, met at run time; bounded */
-  STACK *global_status_rules; /* of cert_status_info: apply when no CA is given */
+  STACK *global_status_rules; /* of cert_status_info: asked behind those of the CAs */
 } pki_store_object;
 
 /* The process-wide store; never null. */
@@ -166,7 +170,10 @@ PKI_API int pki_add_trusted_cert(X509 *cert, ca_info *info);
  */
 PKI_API int pki_add_untrusted_cert(X509 *cert, unsigned char keep);
 
-/* The same for each certificate of a list, in order, up to the first failure. */
+/*
+ * The same for each certificate of a list, in order, up to the first failure.
+ * Returns as pki_add_untrusted_cert.
+ */
 PKI_API int pki_add_untrusted_certs(const STACK *certs, unsigned char keep);
 
 /*
@@ -248,7 +255,7 @@ PKI_API int pki_add_aok_info(ca_info *info, const STACK *rules, unsigned char fl
 /*
  * Adds a status rule: certificates that match are looked up in CRLs. `crl_infos` (of crl_info, made
  * with create_crl_info) is a list of sources that is shared element by element, and used as one
- * source.
+ * source. URLs are not checked here; one that is of no use is logged when it is asked.
  *
  * flag0     flag 0: 1 after the certificate's own sources, 0 before them. Give 0 or 1: the octet is
  *           kept as the record's `flags` as it is.
@@ -261,7 +268,7 @@ PKI_API int pki_add_crl_info(ca_info *info, const STACK *rules, const STACK *crl
 
 /*
  * Adds a status rule: certificates that match are asked for at the OCSP responder `url` (http; it
- * is copied).
+ * is copied, and not checked here: one that is of no use is logged when it is asked).
  *
  * responder_cert   a certificate whose owner may sign the answers, besides the issuer of the
  *                  certificate in question and whom that has delegated; shared. Or null.
