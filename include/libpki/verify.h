@@ -167,8 +167,8 @@ PKI_API int zv_cv_is_disabled_crl_check(void);
  * ---- the CRL cache: 50000 octets of DER ----
  *
  * It serves all verifications of the process. A CRL that the library put there is believed again
- * for the issuer who vouched for its signer; for others its signer is judged anew. One that the
- * host put there is believed as it is.
+ * for the issuer who vouched for its signer. For others it counts only where they name the URL that
+ * it came from, and its signer is judged anew. One that the host put there is believed as it is.
  */
 
 /* Sets the CRL cache up, once; libpki_init calls it. */

@@ -90,6 +90,9 @@ constexpr int crl_max_kept_entries = 64;
 constexpr uint32_t crl_max_kept_bytes = 64 * 1024;
 // CRLs that are asked for about one certificate, at one source: each may cost a time-out.
 constexpr int crl_max_fetches = 64;
+// Cached CRLs that are looked at before one is fetched, and signers whom a status remembers.
+constexpr int crl_max_cached_looks = 4;
+constexpr int crl_max_judged_signers = 16;
 // Delta CRLs that are tried for one base.
 constexpr int crl_max_delta_records = 16;
 

@@ -10,6 +10,7 @@
 #include "common/locks.h"
 #include "common/log.h"
 #include "common/ossl_ptr.h"
+#include "verifier/cert_verifier/internal.h"
 #include "verifier/crl_cache/decoder.h"
 #include "verifier/crl_cache/internal.h"
 
@@ -58,6 +59,7 @@ bool take_references(const crl_cache_entry &entry, bool wants_signer, crl_refere
     made.issuer.reset(entry.issuer);
   }
   made.accepted = entry.accepted;
+  made.source = entry.source;
   *taken = std::move(made);
   return true;
 }
@@ -76,7 +78,8 @@ int compare_access(const void *a, const void *b) {
 
 // The slot's own references.
 crl_references held_by(const crl_cache_entry &entry) {
-  return {x509_crl_ptr(entry.crl), x509_ptr(entry.signer), entry.accepted, x509_ptr(entry.issuer)};
+  return {x509_crl_ptr(entry.crl), x509_ptr(entry.signer), entry.accepted, x509_ptr(entry.issuer),
+          entry.source};
 }
 
 bool has_room(uint32_t size) {
@@ -89,6 +92,30 @@ struct evicted_crls {
   crl_references references[capacity];
   uint32_t count = 0;
 };
+
+bool same_source(const crl_source &one, const crl_source &other) {
+  return one.is_set && other.is_set &&
+         std::memcmp(one.digest, other.digest, sizeof one.digest) == 0;
+}
+
+bool is_past(const ASN1_TIME *next_update) {
+  return next_update && X509_cmp_time(next_update, nullptr) < 0;
+}
+
+bool is_superseded(const crl_cache_entry &entry, const crl_cache_entry &by) {
+  if (!entry.crl || !same_source(entry.source, by.source))
+    return false;
+  bool on_same_word = entry.accepted == by.accepted &&
+                      (entry.issuer == by.issuer || is_same_cert(entry.issuer, by.issuer));
+  return (on_same_word && is_same_cert(entry.signer, by.signer)) ||
+         is_past(X509_CRL_get0_nextUpdate(entry.crl));
+}
+
+void drop_superseded(const crl_cache_entry &by, evicted_crls *evicted) {
+  for (uint32_t i = 0; i < cv_crl_cache.capacity; i++)
+    if (evicted->count < evicted_crls::capacity && is_superseded(cv_crl_cache.entries[i], by))
+      evicted->references[evicted->count++] = cv_free_crl_entry(&cv_crl_cache.entries[i]);
+}
 
 bool make_room(uint32_t size, evicted_crls *evicted) {
   if (has_room(size))
@@ -159,6 +186,7 @@ int add_in_turn(const crl_cache_entry &added, bool *again) {
   write_lock lock(&cv_crl_cache.lock);
   if (!lock.held())
     return PKI_LOCK_FAILED;
+  drop_superseded(added, &evicted);
   if (make_room(added.size, &evicted))
     return add_locked(added);
   *again = evicted.count == evicted_crls::capacity;
@@ -178,19 +206,41 @@ crl_cache_entry *entry_of(const X509_CRL *crl) {
   return same_issuer;
 }
 
+// What counts is who is known to be accepted, then where a CRL came from.
+enum class match : unsigned char { none, from_source, accepted, accepted_from_source };
+
+match match_of(const crl_cache_entry &entry, const crl_wish &wish) {
+  bool from_source = same_source(entry.source, wish.source);
+  bool accepted = entry.accepted == acceptance::everywhere ||
+                  (wish.configured_signer ? is_same_cert(entry.signer, wish.configured_signer)
+                                          : entry.accepted == acceptance::by_issuer &&
+                                                is_same_cert(entry.issuer, wish.accepting_issuer));
+  if (accepted)
+    return from_source ? match::accepted_from_source : match::accepted;
+  return from_source ? match::from_source : match::none;
+}
+
 struct crl_search {
   const X509_NAME *issuer;
   uint32_t reasons;
   bool wants_signer;
+  const crl_wish *wish;   // null: whatever fits
+  int place;              // how many are to be passed over
   bool reference_failed;  // an entry was passed over for that
 };
 
-crl_references find_locked(crl_search *search) {
+// In array order. Null: there are not so many.
+crl_references find_locked(crl_search *search, match wanted) {
   crl_references found;
   for (uint32_t i = 0; i < cv_crl_cache.capacity; i++) {
     crl_cache_entry *entry = &cv_crl_cache.entries[i];
-    if (!fits(entry, search->issuer, search->reasons, search->wants_signer))
+    if (!fits(entry, search->issuer, search->reasons, search->wants_signer) ||
+        (search->wish && match_of(*entry, *search->wish) != wanted))
       continue;
+    if (search->place > 0) {
+      search->place--;
+      continue;
+    }
     if (!take_references(*entry, search->wants_signer, &found)) {
       search->reference_failed = true;
       continue;
@@ -201,16 +251,25 @@ crl_references find_locked(crl_search *search) {
   return found;
 }
 
-crl_references find(const X509_NAME *issuer, uint32_t reasons, bool wants_signer) {
+crl_references find_best_locked(crl_search *search) {
   crl_references found;
-  if (!issuer || prepare_to_compare(issuer))
+  for (match wanted : {match::accepted_from_source, match::accepted, match::from_source}) {
+    found = find_locked(search, wanted);
+    if (found.crl)
+      break;
+  }
+  return found;
+}
+
+crl_references find(crl_search search) {
+  crl_references found;
+  if (!search.issuer || prepare_to_compare(search.issuer))
     return found;
-  crl_search search = {issuer, reasons, wants_signer, false};
   {
     read_lock lock(&cv_crl_cache.lock);
     if (!lock.held())
       return found;
-    found = find_locked(&search);
+    found = search.wish ? find_best_locked(&search) : find_locked(&search, match::none);
   }
   if (search.reference_failed)
     log_openssl_errors(log_error);
@@ -228,11 +287,20 @@ crl_references cv_free_crl_entry(crl_cache_entry *entry) {
   return held;
 }
 
-crl_references cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons) {
-  return find(issuer, reasons, true);
+crl_source cv_crl_source_of(const char *url) {
+  crl_source source = {};
+  openssl_error_mark unset_is_no_error;
+  source.is_set =
+      url && EVP_Digest(url, std::strlen(url), source.digest, nullptr, EVP_sha256(), nullptr) == 1;
+  return source;
 }
 
-int cv_add_crl_to_cache(X509_CRL *crl, X509 *signer, acceptance accepted, X509 *issuer) {
+crl_references cv_find_crl_in_cache(const crl_wish &wish, int place) {
+  return find({wish.issuer, wish.reasons, true, &wish, place, false});
+}
+
+int cv_add_crl_to_cache(X509_CRL *crl, X509 *signer, acceptance accepted, X509 *issuer,
+                        const crl_source &source) {
   if (!crl || is_marked_truncated(crl))
     return PKI_INVALID_ARGS;
   int size = i2d_X509_CRL(crl, nullptr);
@@ -240,7 +308,8 @@ int cv_add_crl_to_cache(X509_CRL *crl, X509 *signer, acceptance accepted, X509 *
     return openssl_failure(PKI_ASN1_ENCODE_ERROR);
   if (static_cast<uint32_t>(size) > crl_cache_bytes)
     return PKI_ENTRY_TOO_LARGE;
-  crl_cache_entry added = {crl, 0, signer, accepted, issuer, static_cast<uint32_t>(size), 0};
+  crl_cache_entry added = {crl, 0, signer, accepted, issuer, source, static_cast<uint32_t>(size),
+                           0};
   if (int error = covered_reasons(crl, &added.reasons))
     return error;
   int error;
@@ -269,14 +338,14 @@ void zv_crl_init(void) {
 }
 
 X509_CRL *zv_cv_find_crl_in_cache(const X509_NAME *issuer, uint32_t reasons, X509 **signer) {
-  crl_references found = find(issuer, reasons, signer != nullptr);
+  crl_references found = find({issuer, reasons, signer != nullptr, nullptr, 0, false});
   if (signer)
     *signer = found.signer.release();
   return found.crl.release();
 }
 
 int zv_cv_add_crl_to_cache(X509_CRL *crl, X509 *signer) {
-  return cv_add_crl_to_cache(crl, signer, acceptance::everywhere, nullptr);
+  return cv_add_crl_to_cache(crl, signer, acceptance::everywhere, nullptr, crl_source());
 }
 
 int zv_cv_rem_crl_from_cache(const X509_CRL *crl) {

@@ -56,6 +56,11 @@ uint32_t interim_reasons(const crl_info *record, const ISSUING_DIST_POINT *idp) 
 
 enum class listing : unsigned char { failed, absent, good, revoked };
 
+struct judged_signer {
+  x509_ptr cert;
+  bool accepted = false;
+};
+
 class crl_walk {
  public:
   crl_walk(const crl_question &asked, STACK *list) : asked_(asked), list_(list) {}
@@ -119,13 +124,18 @@ class crl_walk {
   // What a CRL turned out to be. For the last two, the network may have better than the cache.
   enum class fitness : unsigned char { fits, useless, outdated, out_of_scope };
 
-  // A CRL from the cache that does not do is passed over once.
+  // CRLs from the cache that do not do are passed over, some of them.
   bool get_applicable(const crl_info *record, judged_crl *crl) {
-    fitness found = get_judged(record, cache_use::allowed, crl);
-    bool may_be_better = found == fitness::outdated || found == fitness::out_of_scope;
-    if (crl->got.from_cache && may_be_better && !out_of_memory_)
-      found = get_judged(record, cache_use::forbidden, crl);
-    return found == fitness::fits;
+    int place = 0;
+    for (int look = 0; look < crl_max_cached_looks; look++) {
+      fitness found = get_judged(record, {place, false}, crl);
+      bool may_be_better = found == fitness::outdated || found == fitness::out_of_scope;
+      if (!crl->got.from_cache || !may_be_better || out_of_memory_)
+        return found == fitness::fits;
+      if (found != fitness::outdated)  // those are gone
+        place++;
+    }
+    return get_judged(record, no_cache, crl) == fitness::fits;
   }
 
   fitness get_judged(const crl_info *record, cache_use use, judged_crl *crl) {
@@ -143,8 +153,18 @@ class crl_walk {
     return error ? fitness::out_of_scope : fitness::fits;
   }
 
+  // A point that is about some reasons says nothing of others.
+  bool may_add_reasons(const crl_info *record) const {
+    const ASN1_BIT_STRING *of_point = record->dist_point ? record->dist_point->reasons : nullptr;
+    return !of_point || (mask_ | reasons_of(of_point)) != mask_;
+  }
+
   bool get_crl(const crl_info *record, cache_use use, judged_crl *crl) {
-    fetches_++;
+    if (use.place <= 0)
+      fetches_++;
+    // Mirrors of what was seen already, and was cached for others or from elsewhere.
+    if (!may_add_reasons(record) && cv_is_cached_for_others(record, asked_, use))
+      return false;
     int error = cv_get_crl(record, asked_, use, &crl->got);
     note(error);
     return !error && read_scope(crl);
@@ -198,11 +218,12 @@ class crl_walk {
     note(error);
     if (error)
       return false;
-    if (crl->got.from_cache && !crl->is_for_one && !is_marked_truncated(merged.get())) {
+    if (crl->got.from_cache && !is_marked_truncated(merged.get())) {
       (void)zv_cv_rem_crl_from_cache(crl->got.crl.get());
       if (X509_CRL_get0_nextUpdate(merged.get()))
         (void)cv_add_crl_to_cache(merged.get(), sk_X509_value(crl->got.signers.get(), 0),
-                                  crl->got.accepted, crl->got.accepting_issuer.get());
+                                  crl->got.accepted, crl->got.accepting_issuer.get(),
+                                  crl->got.source);
     }
     crl->got.crl = std::move(merged);
     crl->delta_signers = std::move(delta->signers);
@@ -220,15 +241,38 @@ class crl_walk {
     return true;
   }
 
-  // The cache is all hosts' stores' and all issuers'. Whom another one vouched for is judged again.
-  bool is_signer_accepted_here(const crl_info *record, const fetched_crl &cached) const {
+  // The cache is all hosts' stores' and all issuers'. Whom another one vouched for is judged again,
+  // once a walk; and nobody by the word about himself.
+  bool is_signer_accepted_here(const crl_info *record, const fetched_crl &cached) {
     X509 *signer = sk_X509_value(cached.signers.get(), 0);
     if (cached.accepted == acceptance::everywhere)
       return true;
-    if (cached.accepted == acceptance::by_issuer && asked_.issuer_trusted && !record->crl_signer &&
-        is_same_cert(cached.accepting_issuer.get(), asked_.issuer))
+    if (record->crl_signer)
+      return who_vouches(asked_, record, signer) != voucher::nobody;
+    if (cached.accepted == acceptance::by_issuer && asked_.issuer_trusted &&
+        is_same_cert(cached.accepting_issuer.get(), asked_.issuer) &&
+        !may_be_same_cert(signer, asked_.cert))
       return true;
-    return who_vouches(asked_, record, signer) != voucher::nobody;
+    if (const judged_signer *known = find_judged(signer))
+      return known->accepted;
+    bool accepted = who_vouches(asked_, record, signer) != voucher::nobody;
+    remember(signer, accepted);
+    return accepted;
+  }
+
+  const judged_signer *find_judged(X509 *signer) const {
+    for (int i = 0; i < judged_count_; i++)
+      if (is_same_cert(judged_[i].cert.get(), signer))
+        return &judged_[i];
+    return nullptr;
+  }
+
+  // Without room, or a reference, he is judged again.
+  void remember(X509 *signer, bool accepted) {
+    if (judged_count_ == crl_max_judged_signers || find_judged(signer) || !take_reference(signer))
+      return;
+    judged_[judged_count_].cert.reset(signer);
+    judged_[judged_count_++].accepted = accepted;
   }
 
   // Leaves the position and the signer that were accepted. A cached CRL's signer was accepted when
@@ -243,6 +287,8 @@ class crl_walk {
       if (!made_delta_too(crl, accepted_signer_))
         continue;
       voucher_ = who_vouches(asked_, record, accepted_signer_);
+      if (!record->crl_signer)
+        remember(accepted_signer_, voucher_ != voucher::nobody);
       if (voucher_ != voucher::nobody)
         return true;
     }
@@ -257,7 +303,7 @@ class crl_walk {
       bool by_issuer = voucher_ == voucher::issuer;
       (void)cv_add_crl_to_cache(got, accepted_signer_,
                                 by_issuer ? acceptance::by_issuer : acceptance::each_time,
-                                by_issuer ? asked_.issuer : nullptr);
+                                by_issuer ? asked_.issuer : nullptr, crl.got.source);
     }
   }
 
@@ -356,6 +402,8 @@ class crl_walk {
   int signer_position_ = not_judged;
   X509 *accepted_signer_ = nullptr;
   voucher voucher_ = voucher::nobody;
+  judged_signer judged_[crl_max_judged_signers];
+  int judged_count_ = 0;
   listing listed_ = listing::failed;  // what the CRL at hand says
   int fetches_ = 0;
   bool out_of_memory_ = false;

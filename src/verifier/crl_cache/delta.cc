@@ -222,7 +222,7 @@ bool is_delta_of_base(const delta_search &search, const fetched_crl &delta, cons
 
 // Returns 0; 81 not this one; 2: what it might revoke must not go unsaid.
 int try_record(const delta_search &search, const crl_info *record, fetched_crl *delta) {
-  int error = cv_get_crl(record, search.asked, cache_use::only_deltas, delta, search.base_record);
+  int error = cv_get_crl(record, search.asked, {0, true}, delta, search.base_record);
   if (!error && is_delta_of_base(search, *delta, text_or_null(record->url)) &&
       !search.out_of_memory)
     return PKI_OK;

@@ -12,7 +12,7 @@ struct judged_crl {
   fetched_crl got;
   issuing_dist_point_ptr idp;
   certs_ptr delta_signers;  // of the delta CRL that was merged into it, or null
-  bool is_for_one = false;  // merged for the certificate that is asked about, not for others
+  bool is_for_one = false;  // its entries are about one issuer's certificates, who is not its own
 };
 
 // The first delta CRL that fits `base`: from the places that the base's freshestCRL names, then

@@ -19,9 +19,15 @@ struct fetched_crl {
   bool from_cache = false;
   acceptance accepted = acceptance::everywhere;  // from the cache: where its signer is
   x509_ptr accepting_issuer;
+  crl_source source = {};
 };
 
-enum class cache_use : unsigned char { allowed, only_deltas, forbidden };
+// Of the cached CRLs that fit, the one at a place, from 0; behind the last one is the network.
+struct cache_use {
+  int place = 0;
+  bool only_deltas = false;
+};
+inline constexpr cache_use no_cache = {-1, false};
 
 // Downloads and decodes. Returns 0 with request->crl; 2; 45 no http URL; 47 and 48; 15, 63, 84, 86
 // of the decoder. All but 2 is logged.
@@ -34,6 +40,10 @@ enum class cache_use : unsigned char { allowed, only_deltas, forbidden };
 // may be null.
 [[nodiscard]] int cv_get_crl(const crl_info *crli, const crl_question &asked, cache_use use,
                              fetched_crl *found, const crl_info *base_record = nullptr);
+
+// Does the cache hold CRLs of that name and these reasons, but none at this place?
+[[nodiscard]] bool cv_is_cached_for_others(const crl_info *crli, const crl_question &asked,
+                                           cache_use use);
 
 // Is the CRL's signature, over what `tbs_digest` has seen, of the certificate's key? Leaves
 // OpenSSL's queue.

@@ -198,6 +198,7 @@ int fetch(const crl_info *crli, const crl_question &asked, const crl_info *base_
   }
   found->crl = std::move(crl);
   found->signers = std::move(signers.certs);
+  found->source = cv_crl_source_of(crli->url);
   return PKI_OK;
 }
 
@@ -208,13 +209,21 @@ const X509_NAME *crl_issuer_of(const crl_info *crli, const X509 *cert) {
                                      : X509_get_issuer_name(cert);
 }
 
+crl_wish wish_of(const crl_info *crli, const crl_question &asked) {
+  return {crl_issuer_of(crli, asked.cert), crli->reasons ? crli->reasons : PKI_ALL_REASONS,
+          cv_crl_source_of(crli->url), asked.issuer_trusted ? asked.issuer : nullptr,
+          crli->crl_signer};
+}
+
+crl_references look_up(const crl_info *crli, const crl_question &asked, cache_use use) {
+  return use.place < 0 ? crl_references() : cv_find_crl_in_cache(wish_of(crli, asked), use.place);
+}
+
 // The cached CRL with its signer as the only one. 81: none fits.
-int find_cached(const crl_info *crli, const X509 *cert, cache_use use, fetched_crl *found) {
-  if (use == cache_use::forbidden)
-    return PKI_NO_ENTRY;
-  crl_references cached = cv_find_crl_in_cache(crl_issuer_of(crli, cert),
-                                               crli->reasons ? crli->reasons : PKI_ALL_REASONS);
-  if (!cached.crl || (use == cache_use::only_deltas && !is_delta_crl(cached.crl.get())))
+int find_cached(const crl_info *crli, const crl_question &asked, cache_use use,
+                fetched_crl *found) {
+  crl_references cached = look_up(crli, asked, use);
+  if (!cached.crl || (use.only_deltas && !is_delta_crl(cached.crl.get())))
     return PKI_NO_ENTRY;
   syslog(log_debug, "found CRL in cache");
   certs_ptr signers(sk_X509_new_null());
@@ -226,6 +235,7 @@ int find_cached(const crl_info *crli, const X509 *cert, cache_use use, fetched_c
   found->from_cache = true;
   found->accepted = cached.accepted;
   found->accepting_issuer = std::move(cached.issuer);
+  found->source = cached.source;
   return PKI_OK;
 }
 
@@ -264,10 +274,16 @@ bool is_delta_crl(const X509_CRL *crl) {
   return X509_CRL_get_ext_by_NID(crl, NID_delta_crl, -1) >= 0;
 }
 
+bool cv_is_cached_for_others(const crl_info *crli, const crl_question &asked, cache_use use) {
+  crl_wish wish = wish_of(crli, asked);
+  x509_crl_ptr cached(zv_cv_find_crl_in_cache(wish.issuer, wish.reasons, nullptr));
+  return cached && !look_up(crli, asked, use).crl;
+}
+
 int cv_get_crl(const crl_info *crli, const crl_question &asked, cache_use use, fetched_crl *found,
                const crl_info *base_record) {
   *found = fetched_crl();
-  int error = find_cached(crli, asked.cert, use, found);
+  int error = find_cached(crli, asked, use, found);
   if (error == PKI_NO_ENTRY)
     error = fetch(crli, asked, base_record, found);
   trace_crl(base_record ? PKI_TRACE_DELTA_GOT : PKI_TRACE_CRL_GOT, asked.cert, crli->url, error,

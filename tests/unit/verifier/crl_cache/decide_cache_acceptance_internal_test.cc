@@ -33,8 +33,16 @@ TEST_F(DecideAcceptance, AnotherIssuersWordDoesNotCount) {
   cache_by_evil();
   server.publish("/crl", revoking_crl());
   EXPECT_EQ(PKI_CERT_REVOKED, status_of(decide("/crl"))) << log_dump();
-  EXPECT_TRUE(was_logged(7, in_cache));
+  EXPECT_FALSE(was_logged(7, in_cache));
   EXPECT_EQ("/evil /crl ", server.asked());
+}
+
+TEST_F(DecideAcceptance, AnotherIssuersWordDoesNotCountForTheSamePlaceEither) {
+  cache_by_evil();
+  server.publish("/evil", revoking_crl());
+  EXPECT_EQ(PKI_CERT_REVOKED, status_of(decide("/evil"))) << log_dump();
+  EXPECT_TRUE(was_logged(7, in_cache));
+  EXPECT_EQ("/evil /evil ", server.asked());
 }
 
 TEST_F(DecideAcceptance, WithoutAnotherPlaceThereIsNoAnswer) {

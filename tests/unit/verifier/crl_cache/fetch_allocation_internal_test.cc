@@ -118,7 +118,7 @@ class CrlFetchAllocation : public crl_fetch_test {
           [&] {
             pki::fetched_crl found;
             int code = pki::cv_get_crl(record, {target().get(), issuer.get(), nullptr, false, 0},
-                                       pki::cache_use::allowed, &found);
+                                       {}, &found);
             EXPECT_EQ(code == 0, found.crl != nullptr) << code;
             EXPECT_EQ(code == 0, sk_X509_num(found.signers.get()) > 0) << code;
             if (found.crl) {
@@ -238,8 +238,7 @@ TEST_F(CrlFetchAllocation, CachedCrl) {
   size_t failures = fake_allocator::sweep(
       [&] {
         pki::fetched_crl found;
-        code = pki::cv_get_crl(record, {target().get(), nullptr, nullptr, false, 0},
-                               pki::cache_use::allowed, &found);
+        code = pki::cv_get_crl(record, {target().get(), nullptr, nullptr, false, 0}, {}, &found);
       },
       [&](size_t n) { EXPECT_TRUE(code == 0 || code == 2) << n << ": " << code; });
   EXPECT_GT(failures, 0u);

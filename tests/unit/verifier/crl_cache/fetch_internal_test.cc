@@ -100,8 +100,7 @@ TEST_F(CrlFetch, RedirectToAnotherSchemeIsNotFollowed) {
 TEST_F(CrlFetch, RecordWithoutAUrlIsRefused) {
   crl_info *record = create_crl_info(nullptr, 0, 0, 0, nullptr, nullptr);
   pki::fetched_crl found;
-  EXPECT_EQ(45, pki::cv_get_crl(record, {target().get(), nullptr, nullptr, false, 0},
-                                pki::cache_use::allowed, &found));
+  EXPECT_EQ(45, pki::cv_get_crl(record, {target().get(), nullptr, nullptr, false, 0}, {}, &found));
   EXPECT_EQ("3: CRL url '(null)' is invalid\n", own_log());
   EXPECT_EQ(nullptr, found.crl);
   free_crl_info(record);

@@ -58,7 +58,7 @@ struct get_options {
   support::cert target = crl_support::target();
   support::cert issuer = {};
   std::vector<support::cert> sent = {};  // untrusted, with the verification
-  pki::cache_use use = pki::cache_use::allowed;
+  pki::cache_use use = {};
 };
 
 class crl_fetch_test : public support::store_test {
