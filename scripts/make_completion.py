@@ -25,6 +25,7 @@ _{tool}_open_end() {{
 _{tool}() {{
   local current=${{COMP_WORDS[COMP_CWORD]}} previous=${{COMP_WORDS[COMP_CWORD - 1]}}
   local command={tool} words='' options='' word value i
+  local at=$((COMP_CWORD - 1))
 {options_given}  local arguments=()
   COMPREPLY=()
 
@@ -32,9 +33,10 @@ _{tool}() {{
   if [[ $current == '=' ]]; then
     current=''
   elif [[ $previous == '=' ]] && ((COMP_CWORD >= 2)); then
-    previous=${{COMP_WORDS[COMP_CWORD - 2]}}
+    at=$((COMP_CWORD - 2))
+    previous=${{COMP_WORDS[at]}}
   fi
-
+{outer}
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${{COMP_WORDS[i]}}
     case "$command $word" in
@@ -55,7 +57,7 @@ _{tool}() {{
     esac
   done
 
-  # An option's value. Where the values are not listed, bash offers file names.
+{inner}  # An option's value. Where the values are not listed, bash offers file names.
   case "$command $previous" in
 {values}
   esac
@@ -190,6 +192,35 @@ def option_values(tool):
     return cases + ([pattern(free, " " * 4) + "\n      return ;;"] if free else []), taking
 
 
+# In "--option name=value" previous is the name, and outer the option.
+OUTER = """\
+  local outer=''
+  if ((at >= 1 && at < COMP_CWORD)); then
+    outer=${COMP_WORDS[at - 1]}
+    if [[ $outer == '=' ]] && ((at >= 2)); then
+      outer=${COMP_WORDS[at - 2]}
+    fi
+  fi
+"""
+
+
+def inner_cases(tool):
+    """The parts of the template for options that take "NAME=VALUE"; none where there is no list."""
+    cases = {}
+    for command, options in walk(tool, []):
+        for flag, item in options.items():
+            for name, values in command.inner_choices(item).items():
+                place = f"{command.name()} {flag} {name}"
+                cases.setdefault(" ".join(values), []).append(place)
+    if not cases:
+        return {"outer": "", "inner": ""}
+    lines = [f"""{pattern(places, " " * 4)}
+      mapfile -t COMPREPLY < <(compgen -W '{values}' -- "$current")
+      return ;;""" for values, places in cases.items()]
+    body = "\n".join(['  case "$command $outer $previous" in', *lines, "  esac\n\n"])
+    return {"outer": OUTER, "inner": body}
+
+
 def argument_cases(tool):
     """What stands in the place of an argument, by how many are in front of it."""
     cases = []
@@ -226,7 +257,8 @@ def completion(tool):
     return TEMPLATE.format(tool=tool.name(), words="\n".join(words), values="\n".join(values),
                            children=", ".join(child.words[-1] for child in tool.children),
                            commands=pattern(commands, " " * 6), arguments=arguments,
-                           with_value=pattern(taking, " " * 6), **asking(tool, bool(arguments)))
+                           with_value=pattern(taking, " " * 6), **inner_cases(tool),
+                           **asking(tool, bool(arguments)))
 
 
 def main():

@@ -9,6 +9,8 @@ TEXT_COLUMN = 30
 CHOICES = re.compile(r":\{([^}]*)\}")
 # The title of a list of what an option takes, in the text below the options.
 VALUES = re.compile(r"Values of (--[\w-]+)")
+# "good, revoked or unknown", at the begin of a text.
+LISTED = re.compile(r"[\w-]+(?:, [\w-]+)* or [\w-]+")
 
 
 @dataclass
@@ -68,6 +70,22 @@ class Command:
             if title and title.group(1) in item.flags():
                 found += [re.sub(r"(?<==).*", "", row.form) for row in group.items]
         return found
+
+    def inner_choices(self, item):
+        """What may stand behind a "NAME=" of such a list, by name, where its text begins with that
+        or that of another one of the same kind does."""
+        rows = [row for group in self.groups for row in group.items
+                if (title := VALUES.match(group.title)) and title.group(1) in item.flags()]
+        own, kinds = {}, {}
+        for name, _, kind in (row.form.partition("=") for row in rows):
+            kinds[name] = kind
+        for row in rows:
+            if found := LISTED.match(re.sub(r" \([^)]*\)", "", row.text)):
+                words = re.split(", | or ", found.group(0))
+                own[row.form.partition("=")[0]] = [word for word in words if word != "any"]
+        named = {kinds[name]: words for name, words in own.items() if kinds[name] != "N"}
+        return {name: own.get(name) or named.get(kind)
+                for name, kind in kinds.items() if kind and (name in own or kind in named)}
 
     def has_json(self):
         return not any("there is no JSON" in line for block in self.footer for line in block)

@@ -199,6 +199,13 @@ expect badTime -- pkilab serve --scep-refuse badT
 expect status= -- pkilab serve --ocsp-answer stat
 expect_among entry= -- pkilab serve --crl-answer entr
 expect entries= -- pkilab serve --crl-answer entri
+expect good revoked unknown -- pkilab serve --ocsp-answer status =
+expect revoked -- pkilab serve --ocsp-answer status = re
+expect good -- pkilab serve --ocsp-answer = second = go
+expect tryLater -- pkilab serve --ocsp-answer response-status = try
+expect other-ca -- pkilab serve --crl-answer signer = oth
+expect_files pkilab serve --ready-file status =
+expect_files pkilab serve --ocsp-answer others =
 expect issuing additional root -- pkilab issue --ca ''
 
 # One of two that the command line wants.

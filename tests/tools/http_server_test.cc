@@ -188,7 +188,7 @@ TEST(HttpServer, ServesIpv6) {
 TEST(HttpServer, WantsANumericAddress) {
   pkilab::listener_options options;
   options.bind = "some.host.invalid";
-  EXPECT_THROW(pkilab::listener{options}, tools::failure);
+  EXPECT_THROW(pkilab::listener{options}, tools::usage_failure);
 }
 
 pkilab::request get(const std::string &target) {

@@ -119,7 +119,7 @@ TEST(PkictlCertFind, IssuerHasToBeAName) {
   device test;
   test.prepare();
   result done = find(test, "01", {"--issuer", "nonsense"});
-  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.exit_code, 2);
   EXPECT_NE(done.err.find("(54)"), std::string::npos) << done.err;
 }
 
@@ -127,7 +127,7 @@ TEST(PkictlCertFind, KeyOfAnIssuerThatNobodyKnowsIsNamed) {
   device test;
   test.prepare();
   result done = find(test, "01", {"--issuer", "cn=x"});
-  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.exit_code, 2);
   EXPECT_NE(done.err.find("DN UNKNOWN KEY (53): Unknown key `cn' in name 'cn=x'; the letter case of"
                           " a key counts; write the issuer name as in CN=Example CA"),
             std::string::npos)

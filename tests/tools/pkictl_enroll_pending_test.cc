@@ -92,6 +92,19 @@ TEST(PkictlEnrollPending, RealInterruptEndsARealSleep) {
   EXPECT_EQ(done.err, not_yet + ", and the enrollment was interrupted; enroll again to go on\n");
 }
 
+TEST(PkictlEnrollPending, WaitThatTakesSecondsIsTold) {
+  device test({"--scep-pending", "5"});
+  test.prepare();
+  strings environment = sleep_ended_by(SIGINT);
+  environment.emplace_back("SLEEP_COMMAND=sleep 4");
+  result done = test.enroll({}, environment);
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.err,
+            "sleep 600\npkictl: still waiting for the CA; while it says PENDING it is asked again"
+            " every 600 s; Ctrl-C ends it\n" +
+                not_yet + ", and the enrollment was interrupted; enroll again to go on\n");
+}
+
 TEST(PkictlEnrollPending, TimeLimitInTheSleepEndsIt) {
   device test({"--scep-pending", "5"});
   test.prepare();

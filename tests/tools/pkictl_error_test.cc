@@ -42,23 +42,23 @@ TEST(PkictlError, FindsACodeByItsName) {
     EXPECT_EQ(pkictl({"error", name}).out, http_error) << name;
 }
 
-TEST(PkictlError, UnknownNumberFails) {
+TEST(PkictlError, UnknownNumberIsWrongUsage) {
   result done = pkictl({"error", "88"});
-  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.exit_code, 2);
   EXPECT_EQ(done.out, "");
   EXPECT_EQ(done.err, "pkictl: unknown status 88: the library's codes are 0 to 87\n");
 }
 
-TEST(PkictlError, UnknownNameFailsLikeAnUnknownNumber) {
+TEST(PkictlError, UnknownNameIsLikeAnUnknownNumber) {
   result done = pkictl({"error", "abc"});
-  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.exit_code, 2);
   EXPECT_EQ(done.out, "");
   EXPECT_EQ(done.err,
             "pkictl: there is no code 'abc'; give a number, or a name as in PKI_HTTP_ERROR\n");
 }
 
 TEST(PkictlError, NegativeNumberIsNoCode) {
-  EXPECT_EQ(pkictl({"error", "-1"}).exit_code, 1);
+  EXPECT_EQ(pkictl({"error", "-1"}).exit_code, 2);
 }
 
 TEST(PkictlError, NothingIsWrongUsage) {

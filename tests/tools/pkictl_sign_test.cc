@@ -164,7 +164,7 @@ TEST(PkictlSign, UrlsThatDevicesCannotUseAreSignedOnlyOnInsistence) {
       signing test;
       strings what_to_sign = {option, url, "--root", cert};
       result done = test.sign(what_to_sign);
-      EXPECT_EQ(done.exit_code, 1) << url;
+      EXPECT_EQ(done.exit_code, 2) << url;
       EXPECT_EQ(done.err,
                 "pkictl: devices cannot use the " + what + " URL " + url +
                     "; give one that begins with http://; --despite-faults signs it anyway\n");
@@ -381,8 +381,18 @@ TEST(PkictlSign, ContradictingOptionsAreWrongUsage) {
 TEST(PkictlSign, TextThatXmlCannotCarryIsRefused) {
   signing test;
   result done = test.sign({"--issuer-name", "CN=a\x01"});
-  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.exit_code, 2);
   EXPECT_EQ(done.err, "pkictl: the text for IssuerName holds characters that XML cannot carry\n");
+}
+
+// Of a file, 1: it may be mended.
+TEST(PkictlSign, IssuerNameThatIsNoneIsWrongUsage) {
+  signing test;
+  result done = test.sign({"--issuer-name", "cn=a", "--json"});
+  EXPECT_EQ(done.exit_code, 2);
+  EXPECT_NE(done.err.find("DN UNKNOWN KEY (53)"), std::string::npos) << done.err;
+  EXPECT_EQ(json::parse(done.out)["error"]["code"], 53);
+  EXPECT_EQ(tool_test::read_file(test.out), "");
 }
 
 TEST(PkictlSign, PrintsJson) {

@@ -10,6 +10,7 @@
 #include "lab_fixture.h"
 #include "ocsp_client.h"
 #include "tools/common/cert_text.h"
+#include "tools/common/files.h"
 #include "tools/common/keys.h"
 #include "tools/pkilab/revocations.h"
 
@@ -43,6 +44,13 @@ class issue_test : public testing::Test {
     EXPECT_NE(done.err.find(text), std::string::npos) << done.err;
     EXPECT_FALSE(tool_test::exists(home_ / "cert.pem"));
   }
+  result issue_with_key(const std::string &out, const strings &force) {
+    strings arguments = {"issue", "--dir", the_lab().file(""), "--new-key", home_ / "key.pem",
+                         "--out", out,     "--subject",        "CN=x"};
+    arguments.insert(arguments.end(), force.begin(), force.end());
+    return run("pkilab", arguments);
+  }
+  static size_t issued_so_far() { return tools::list_folder(the_lab().file("issued")).size(); }
   std::string shown(const char *extension) {
     return openssl({"x509", "-in", home_ / "cert.pem", "-noout", "-ext", extension}).out;
   }
@@ -108,10 +116,51 @@ TEST_F(issue_test, KeyAndCertificateNeedFilesOfTheirOwn) {
 }
 
 TEST_F(issue_test, CertificateThatCannotBeWrittenLeavesNoKeyBehind) {
-  result done = run("pkilab", {"issue", "--dir", the_lab().file(""), "--new-key", home_ / "key.pem",
+  size_t issued = issued_so_far();
+  for (const strings &force : {strings{}, strings{"--force"}})
+    for (const std::string &out : {home_ / "none/cert.pem", std::string("/dev/full"), home_ / ""}) {
+      result done = issue_with_key(out, force);
+      EXPECT_EQ(done.exit_code, 1);
+      EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
+      EXPECT_EQ(tools::list_folder(home_ / ""), strings{}) << out;
+      EXPECT_EQ(issued_so_far(), issued) << out;
+    }
+}
+
+// Its certificate may be in use.
+TEST_F(issue_test, CertificateThatCannotBeWrittenLeavesTheOldKey) {
+  home_.write("key.pem", "old");
+  size_t issued = issued_so_far();
+  for (const std::string &out : {home_ / "none/cert.pem", std::string("/dev/full"), home_ / ""}) {
+    EXPECT_EQ(issue_with_key(out, {"--force"}).exit_code, 1);
+    EXPECT_EQ(tool_test::read_file(home_ / "key.pem"), "old") << out;
+    EXPECT_EQ(tools::list_folder(home_ / ""), strings{"key.pem"}) << out;
+    EXPECT_EQ(issued_so_far(), issued) << out;
+  }
+}
+
+TEST_F(issue_test, FilesThatCannotBeWrittenMakeNoLab) {
+  result done = run("pkilab", {"issue", "--dir", home_ / "a/lab", "--new-key", home_ / "key.pem",
                                "--out", home_ / "none/cert.pem", "--subject", "CN=x"});
-  EXPECT_EQ(done.exit_code, 1);
-  EXPECT_FALSE(tool_test::exists(home_ / "key.pem"));
+  EXPECT_EQ(done.err,
+            "pkilab: cannot write " + (home_ / "none/cert.pem") + ": No such file or directory\n");
+  EXPECT_EQ(tools::list_folder(home_ / ""), strings{});
+}
+
+TEST_F(issue_test, FilesMayGoIntoANewLab) {
+  result done =
+      run("pkilab", {"issue", "--dir", home_ / "a/lab", "--new-key", home_ / "a/lab/key.pem",
+                     "--out", home_ / "a/cert.pem", "--subject", "CN=x"});
+  EXPECT_EQ(done.exit_code, 0) << done.err;
+  EXPECT_EQ(tools::list_folder(home_ / "a"), (strings{"cert.pem", "lab"}));
+}
+
+TEST_F(issue_test, ReplacedFilesLeaveNothingBeside) {
+  for (const strings &force : {strings{}, strings{"--force"}})
+    ASSERT_EQ(issue_with_key(home_ / "cert.pem", force).exit_code, 0);
+  EXPECT_EQ(tools::list_folder(home_ / ""), (strings{"cert.pem", "key.pem"}));
+  EXPECT_EQ(tool_test::mode_of(home_ / "key.pem"), 0600u);
+  EXPECT_EQ(tool_test::mode_of(home_ / "cert.pem"), 0644u);
 }
 
 TEST_F(issue_test, SaysThatItMadeALab) {
@@ -144,10 +193,10 @@ TEST_F(issue_test, NamesResponders) {
 TEST_F(issue_test, NamesHosts) {
   issue_well({"--alt-name", "DNS:localhost", "--alt-name", "IP:127.0.0.1"});
   EXPECT_NE(shown("subjectAltName").find("DNS:localhost, IP Address:127.0.0.1"), std::string::npos);
-  result done = issue(
-      {"--key", the_lab().file("root-key.pem"), "--subject", "CN=x", "--alt-name", "nonsense"});
-  EXPECT_EQ(done.exit_code, 1);
-  EXPECT_NE(done.err.find("write them as in DNS:localhost"), std::string::npos) << done.err;
+  std::filesystem::remove(home_ / "cert.pem");
+  expect_usage(
+      {"--key", the_lab().file("root-key.pem"), "--subject", "CN=x", "--alt-name", "nonsense"},
+      "cannot read the names nonsense; write them as in DNS:localhost");
 }
 
 TEST_F(issue_test, TimesCanBeGiven) {
@@ -190,6 +239,8 @@ TEST_F(issue_test, WrongUsageIsTwo) {
   expect_usage({"--key", key, "--subject", "x"}, "--subject x is no name");
   expect_usage({"--key", key, "--subject", "CN=x, O=Example, Inc."},
                "a value with a comma stands in double quotes, as in O=\"Example, Inc.\"");
+  expect_usage({"--key", key, "--subject", "cn=x"},
+               "--subject cn=x is no name; the letter case of a key counts; write the subject as");
   expect_usage({"--key", key, "--subject", "CN=x", "--not-after", "2020-01-01"},
                "the certificate would end before it begins");
   expect_usage({"--key", key, "--subject", "CN=x", "--not-after", "soon"},
@@ -348,6 +399,7 @@ TEST_F(revoke_test, DamagedStateIsTold) {
                                the_lab().lab.keys().issuing().cert.get());
   EXPECT_TRUE(answer.http().starts_with("HTTP/1.0 500 "));
   EXPECT_NE(answer.http().find(" is damaged; remove it, and revoke again"), std::string::npos);
+  EXPECT_EQ(unlink(state().c_str()), 0);  // the lab is shared
 }
 
 TEST_F(revoke_test, EveryReasonIsInTheHelpAndTaken) {

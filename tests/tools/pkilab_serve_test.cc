@@ -90,6 +90,24 @@ TEST(PkilabServe, QuietLogsNothing) {
   EXPECT_EQ(lab.end(SIGTERM).err, "");
 }
 
+// Devices do not read the body of such an answer.
+TEST(PkilabServe, WhyItFailsToAnswerIsLoggedThoughItIsQuiet) {
+  tool_test::folder home;
+  home.write("serialnumber", "SN-0007\n");
+  std::string folder = home / "document";
+  std::filesystem::create_directory(folder);
+  for (const char *option : {"--scep-pending=0", "--quiet"}) {
+    lab_process lab(home / "lab", {"--document", folder, option});
+    tool_test::pkictl(
+        {"provision", lab.url() + "/ca-info", "--doc-key", home / "lab/doc-key.pub.pem"},
+        {"BOARD_INFO_DIR=" + (home / "")});
+    std::string log = lab.end(SIGTERM).err;
+    EXPECT_TRUE(tool_test::is_one_line(log)) << log;
+    EXPECT_TRUE(log.starts_with("pkilab: GET /ca-info?serial=SN-0007 -> 500 ")) << log;
+    EXPECT_TRUE(log.ends_with(", cannot read " + folder + ": Is a directory\n")) << log;
+  }
+}
+
 // Whoever waits for the file must not meet that of an earlier lab.
 TEST(PkilabServe, ReadyFileIsThereOnlyWhileItServes) {
   for (int number : {SIGTERM, SIGINT}) {
@@ -122,7 +140,7 @@ TEST(PkilabServe, ReadyFileOfAnotherLabStays) {
 TEST(PkilabServe, BindTakesOnlyNumericAddressesAndSaysNothingElse) {
   tool_test::folder home;
   result done = run("pkilab", {"serve", "--dir", home / "lab", "--bind", "localhost"});
-  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_EQ(done.exit_code, 2);
   EXPECT_EQ(done.err,
             "pkilab: cannot listen on localhost: give a numeric address, as in 127.0.0.1, and a"
             " port from 0 to 65535\n");
@@ -192,6 +210,16 @@ TEST(PkilabServe, WarnsBeforeItLeavesTheLoopback) {
   result done = run("pkilab", {"serve", "--dir", home / "lab", "--bind", "192.0.2.1"});
   EXPECT_EQ(done.exit_code, 1);
   EXPECT_TRUE(done.err.starts_with("pkilab: warning: 192.0.2.1 can be reached from other"))
+      << done.err;
+}
+
+TEST(PkilabServe, PortIsNoAdviceWhereTheAddressIsAnotherMachines) {
+  tool_test::folder home;
+  result done = run("pkilab", {"serve", "--dir", home / "lab", "--bind", "192.0.2.1"});
+  EXPECT_EQ(done.exit_code, 1);
+  EXPECT_TRUE(
+      done.err.ends_with("pkilab: cannot listen on 192.0.2.1 port 0: Cannot assign requested"
+                         " address; give an address of this machine\n"))
       << done.err;
 }
 

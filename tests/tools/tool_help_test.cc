@@ -76,4 +76,24 @@ TEST(ToolHelp, ShortDescriptionStandsBesideItsName) {
   EXPECT_NE(help.find("\n  --json                      Print JSON\n"), std::string::npos) << help;
 }
 
+TEST(ToolHelp, CommandsWhoseOneIsAnAnswerAreNamed) {
+  std::string help = run("pkictl", {"--help"}).out;
+  EXPECT_NE(help.find("Exit codes: 0 done, 1 failed, 2 wrong usage. Of verify 1 is a rejected\n"
+                      "certificate and of crl find a listed one, and all failures are 2.\n"),
+            std::string::npos)
+      << help;
+}
+
+TEST(ToolHelp, ValueThatIsNoNumberIsToldSo) {
+  for (const char *word : {"abc", "12x", ""})
+    EXPECT_EQ(run("pkictl", {"key", "generate", "x", "--bits", word}).err,
+              "pkictl: --bits: " + std::string(word) +
+                  " is no whole number; see 'pkictl key generate --help'\n");
+  EXPECT_EQ(run("pkilab", {"serve", "--dir", "x", "--port", "http"}).err,
+            "pkilab: --port: http is no whole number; see 'pkilab serve --help'\n");
+  EXPECT_EQ(
+      run("pkictl", {"key", "generate", "x", "--bits", "17"}).err,
+      "pkictl: --bits: Value 17 not in range 512 to 16384; see 'pkictl key generate --help'\n");
+}
+
 }  // namespace

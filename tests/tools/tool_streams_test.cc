@@ -25,10 +25,12 @@ result run_redirected(const std::string &tool, const strings &arguments,
 
 class lost_output_test : public testing::TestWithParam<const char *> {
  protected:
-  static void expect_lost(const std::string &tool, const strings &arguments) {
+  static void expect_lost(const std::string &tool, const strings &arguments,
+                          const std::string &end = "\n") {
     result done = run_redirected(tool, arguments, GetParam());
     EXPECT_EQ(done.exit_code, 1);
     EXPECT_TRUE(done.err.starts_with(tool + ": cannot write to standard output: ")) << done.err;
+    EXPECT_TRUE(done.err.ends_with(end)) << done.err;
     EXPECT_TRUE(tool_test::is_one_line(done.err)) << done.err;
     EXPECT_EQ(done.out, "");
   }
@@ -66,9 +68,14 @@ TEST_P(lost_output_test, OfAVerdictIsNoVerdict) {
 
 TEST_P(lost_output_test, OfTheLabsCommandsIsAFailure) {
   tool_test::folder home;
-  expect_lost("pkilab", {"issue", "--dir", tool_test::the_lab().home / "lab", "--new-key",
-                         home / "key.pem", "--subject", "CN=x", "--out", home / "cert.pem"});
+  expect_lost("pkilab",
+              {"issue", "--dir", tool_test::the_lab().home / "lab", "--new-key", home / "key.pem",
+               "--subject", "CN=x", "--out", home / "cert.pem"},
+              "; all else was done\n");
   EXPECT_TRUE(tool_test::exists(home / "cert.pem"));
+  for (const char *command : {"revoke", "unrevoke"})
+    expect_lost("pkilab", {command, "--dir", tool_test::the_lab().home / "lab", home / "cert.pem"},
+                "; all else was done\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(ToolStreams, lost_output_test, testing::Values(">&-", ">/dev/full"));

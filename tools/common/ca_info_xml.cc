@@ -36,7 +36,7 @@ const xmlChar *checked(const std::string &text, const std::string &where) {
   std::string visible = text;
   std::erase(visible, '\n');
   if (printable(visible) != visible)
-    throw failure("the text for " + where + " holds characters that XML cannot carry");
+    throw usage_failure("the text for " + where + " holds characters that XML cannot carry");
   return xml_text(text);
 }
 

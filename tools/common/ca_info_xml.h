@@ -25,7 +25,7 @@ struct ca_description {
   std::string expires;  // always written last
 };
 
-// The document, indented. Throws failure for text that XML cannot carry.
+// The document, indented. Throws usage_failure for text that XML cannot carry.
 std::string to_xml(const ca_description &ca);
 
 struct prepared_document {

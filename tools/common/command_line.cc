@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -76,6 +77,20 @@ void print(const std::string &text) {
   errno = 0;
   if (!(std::cout << text << std::flush))
     throw failure(std::string("cannot write to standard output: ") + strerror(errno));
+}
+
+void print_done(const std::string &text) {
+  try {
+    print(text);
+  } catch (const failure &problem) {
+    throw failure(std::string(problem.what()) + "; all else was done");
+  }
+}
+
+std::string check_number(const std::string &text) {
+  char *end = nullptr;
+  (void)strtoll(text.c_str(), &end, 0);
+  return text.empty() || *end ? text + " is no whole number" : "";
 }
 
 bool parse_command_line(CLI::App &app, int argc, char **argv, int *code, std::string *complaint) {

@@ -23,6 +23,13 @@ void complain(const std::string &tool, const std::string &text);
 // Writes to standard output. Throws failure when that cannot be.
 void print(const std::string &text);
 
+// The same for a command that has done all else by then, and says so.
+void print_done(const std::string &text);
+
+// What an option says of a value that is no whole number; "" of others. In front of a range, which
+// would say that it is not within.
+std::string check_number(const std::string &text);
+
 // Parses the command line. Returns true when a command is to be run; otherwise `*code` is the
 // exit code, and help, version or a one-line error has been written; `*complaint`, where the caller
 // wants it, is then the error's text, or empty.

@@ -29,6 +29,16 @@ class library_failure : public failure {
   int code_;
 };
 
+// An operation of the library returned `code` for what the command line gave. Exit code 2.
+class library_usage_failure : public usage_failure {
+ public:
+  library_usage_failure(int code, const std::string &text) : usage_failure(text), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
 // What OpenSSL and the library say when memory ran out.
 inline void require_memory(bool had) {
   if (!had)

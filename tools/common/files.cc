@@ -24,19 +24,6 @@ namespace {
   throw failure("cannot " + what + " " + path + ": " + strerror(errno));
 }
 
-void write_to_device(const std::string &path, const std::string &bytes) {
-  descriptor device(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
-  if (!device.is_open() || !write_all(device.get(), bytes.data(), bytes.size()))
-    fail("write", path);
-}
-
-// The file that a link leads to, or the path itself.
-std::string behind_links(const std::string &path) {
-  std::error_code error;
-  std::string target = std::filesystem::canonical(path, error);
-  return error ? path : target;
-}
-
 }  // namespace
 
 bool write_all(int fd, const void *bytes, size_t length) {
@@ -83,13 +70,16 @@ bool is_device(const std::string &path) {
   return stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
 }
 
-void make_folders(const std::string &path) {
+std::vector<std::string> make_folders(const std::string &path) {
+  std::vector<std::string> made;
   for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
     std::string part = path.substr(0, at);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
+    if (mkdir(part.c_str(), 0700) == 0)
+      made.push_back(part);
+    else if (errno != EEXIST)
       fail("make the folder", part);
     if (at == std::string::npos)
-      return;
+      return made;
   }
 }
 
@@ -121,34 +111,9 @@ void write_file(const std::string &path, const std::string &bytes, mode_t mode) 
   fail("write", path);
 }
 
-void write_new_file(const std::string &path, const std::string &bytes, mode_t mode) {
-  descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-  if (!file.is_open() && errno == EEXIST)
-    throw failure(path + " is there already");
-  if (!file.is_open())
-    fail("write", path);
-  if (write_all(file.get(), bytes.data(), bytes.size()) && fchmod(file.get(), mode) == 0 &&
-      fsync(file.get()) == 0 && file.close_now())
-    return;
-  int error = errno;
-  unlink(path.c_str());
-  errno = error;
-  fail("write", path);
-}
-
 void require_free(const std::string &path, bool force) {
   if (!force && file_exists(path) && !is_device(path))
     throw failure(path + " is there already; take another name, or --force it");
-}
-
-void write_named_file(const std::string &path, const std::string &bytes, mode_t mode, bool force) {
-  require_free(path, force);
-  if (is_device(path))
-    write_to_device(path, bytes);
-  else if (force)
-    write_file(behind_links(path), bytes, mode);
-  else
-    write_new_file(path, bytes, mode);
 }
 
 void require_other_file(const std::string &path, const std::vector<std::string> &inputs,

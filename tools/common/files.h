@@ -22,8 +22,8 @@ bool file_exists(const std::string &path);
 bool is_device(const std::string &path);
 
 // Makes a folder, and the folders above it that are missing, for their owner only; one that is
-// there stays as it is. Throws failure.
-void make_folders(const std::string &path);
+// there stays as it is. Returns what was made, the outermost first. Throws failure.
+std::vector<std::string> make_folders(const std::string &path);
 
 // The names in a folder, sorted; none when there is no such folder. Throws failure.
 std::vector<std::string> list_folder(const std::string &path);
@@ -32,14 +32,8 @@ std::vector<std::string> list_folder(const std::string &path);
 // content or the new, never a part. Throws failure and leaves `path` as it was.
 void write_file(const std::string &path, const std::string &bytes, mode_t mode);
 
-// Writes a file that must not be there yet. Throws failure; a part of a file is not left behind.
-void write_new_file(const std::string &path, const std::string &bytes, mode_t mode);
-
-// Writes a file that a person named. One that is there is replaced only with `force`, and refused
-// without; behind a link it is the file that the link leads to. A device is written to. Throws
-// failure.
+// A file that a person names to be written is replaced only with `force`. Throws failure.
 void require_free(const std::string &path, bool force);
-void write_named_file(const std::string &path, const std::string &bytes, mode_t mode, bool force);
 
 // What a person names to be written must not be one of the inputs. Throws usage_failure.
 void require_other_file(const std::string &path, const std::vector<std::string> &inputs,

@@ -11,6 +11,8 @@
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
+#include "tools/common/name_advice.h"
+#include "tools/common/named_file.h"
 #include "tools/pkictl/ca_info_use.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/files_option.h"
@@ -117,8 +119,12 @@ tools::prepared_document make_document(const cainfo_sign_options &given) {
 // to be noted.
 std::vector<std::string> check_use(const cainfo_sign_options &given, const ca_info &ca) {
   ca_info_use use = judge_use(ca);
-  if (!use.faults.empty() && !given.despite_faults)
-    throw tools::failure(use.faults[0] + "; --despite-faults signs it anyway");
+  if (!use.faults.empty() && !given.despite_faults) {
+    std::string text = use.faults[0] + "; --despite-faults signs it anyway";
+    if (given.document.empty())
+      throw tools::usage_failure(text);
+    throw tools::failure(text);
+  }
   std::vector<std::string> notes = use.faults;
   notes.insert(notes.end(), use.gaps.begin(), use.gaps.end());
   return notes;
@@ -133,9 +139,12 @@ std::vector<std::string> check_content(const context &where, const cainfo_sign_o
   if (code == 0)
     return check_use(given, *read.info);
   std::string text = failure_text("devices refuse this document", code, heard);
-  if (!given.despite_faults)
-    throw tools::library_failure(code, text + "; --despite-faults signs it anyway");
-  return {text};
+  if (given.despite_faults)
+    return {text};
+  text += "; --despite-faults signs it anyway";
+  if (given.document.empty() && tools::is_name_code(code))
+    throw tools::library_usage_failure(code, text);
+  throw tools::library_failure(code, text);
 }
 
 // Devices do not look at the date; whoever gave it may have meant another year.

@@ -11,6 +11,7 @@
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
+#include "tools/common/name_advice.h"
 #include "tools/common/serial.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/exported.h"
@@ -69,9 +70,12 @@ scep_req_info_ptr make_access(const ca_info &ca) {
 void read_issuer(const std::string &text, X509_NAME **name) {
   last_complaint heard;
   int code = parse_rfc1779_str(text.c_str(), name);
-  if (code != PKI_OK)
-    throw tools::library_failure(code,
-                                 failure_text("cannot read --issuer " + text, code, heard.text()));
+  if (code == PKI_OK)
+    return;
+  std::string told = failure_text("cannot read --issuer " + text, code, heard.text());
+  if (tools::is_name_code(code))
+    throw tools::library_usage_failure(code, told);
+  throw tools::library_failure(code, told);
 }
 
 cert_info_ptr make_query(const cert_find_options &given, X509 *ca_cert) {

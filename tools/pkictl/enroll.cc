@@ -6,9 +6,12 @@
 #include <CLI/CLI.hpp>
 #include <climits>
 #include <memory>
+#include <optional>
 
 #include "tools/common/cert_text.h"
+#include "tools/common/command_line.h"
 #include "tools/common/failure.h"
+#include "tools/common/name_advice.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/board_problem.h"
 #include "tools/pkictl/command.h"
@@ -16,6 +19,7 @@
 #include "tools/pkictl/give_up.h"
 #include "tools/pkictl/last_complaint.h"
 #include "tools/pkictl/library.h"
+#include "tools/pkictl/patience_notice.h"
 #include "tools/pkictl/report.h"
 #include "tools/pkictl/state.h"
 #include "tools/pkictl/state_store.h"
@@ -43,7 +47,8 @@ std::string advice(int code, const last_complaint &heard) {
     case PKI_FLASH_ERROR:
       return board_problem(board_wants::secret, heard.text());
     case PKI_INVALID_SCEP_RSP:
-      return "what the CA answered is no good answer to this request" + heard.behind_colon();
+      return "what the CA answered is no good answer to this request" + heard.behind_colon() +
+             "; if the CA was replaced, run 'pkictl provision' again";
     case PKI_KEY_MISMATCH:
       return "the CA issued the certificate for another key";
     case PKI_NO_SUPP_CERT_REQ_METH:
@@ -52,10 +57,6 @@ std::string advice(int code, const last_complaint &heard) {
       return "the CA's document names no certificate for SCEP, or the subject is too long";
     case PKI_P7_ENCRYPT_FAILED:
       return "the document's cipher cannot be used here" + heard.behind_colon();
-    case PKI_DN_UNKNOWN_KEY:
-    case PKI_DN_NO_VALUE:
-    case PKI_DN_OPEN_QS:
-      return name_advice("subject", code, heard.text());
     default:
       return "";
   }
@@ -85,6 +86,9 @@ std::string pending_text(const enroll_options &given, const give_up_watch &watch
                        with_code + "the CA rejected the request" +
                            (reason.empty() ? ", without a reason" : ": " + reason),
                        "rejected", reason);
+  if (tools::is_name_code(code))
+    throw tools::library_usage_failure(
+        code, with_code + tools::name_advice("subject", code, heard.text()));
   std::string told = advice(code, heard);
   throw tools::library_failure(
       code, told.empty() ? failure_text(what, code, heard.text()) : with_code + told);
@@ -96,9 +100,13 @@ void request_certificate(const enroll_options &given) {
   if (given.polls == 0)
     scep_stop_polling(1);
   give_up_watch watch(given.timeout_s);
+  std::optional<patience_notice> notice;
+  if (given.polls != 0)
+    notice.emplace();
   last_complaint heard;
   int code = pki_get_certificate(given.ca.c_str(), given.key.c_str(), given.cert.c_str(),
                                  given.subject.empty() ? nullptr : given.subject.c_str());
+  notice.reset();
   if (code != PKI_OK)
     fail(given, code, watch, heard);
 }
@@ -175,12 +183,14 @@ void add_limits(CLI::App *command, enroll_options *given) {
           "--polls", given->polls,
           "Give up after so many polls, 600 seconds apart; 0: at the first PENDING, without a"
           " poll. By default the command polls until the CA decides")
+      ->check(tools::check_number)
       ->check(CLI::Range(0, INT_MAX))
       ->type_name("N");
   command
       ->add_option(
           "--timeout", given->timeout_s,
           "Give up a request that is still pending after so many seconds; by default never")
+      ->check(tools::check_number)
       ->check(CLI::Range(1u, longest_timeout_s))
       ->type_name("SECONDS");
 }

@@ -23,14 +23,14 @@ unsigned read_code(const std::string &text) {
     if (strcasecmp(code_name(code).c_str(), text.c_str()) == 0 ||
         strcasecmp(code_name(code).c_str(), ("PKI_" + text).c_str()) == 0)
       return code;
-  throw tools::failure("there is no code '" + text +
-                       "'; give a number, or a name as in PKI_HTTP_ERROR");
+  throw tools::usage_failure("there is no code '" + text +
+                             "'; give a number, or a name as in PKI_HTTP_ERROR");
 }
 
 int explain(const context &where, const std::string &text) {
   unsigned code = read_code(text);
   if (code_name(code).empty())
-    throw tools::failure(code_text(code) + ": the library's codes are 0 to 87");
+    throw tools::usage_failure(code_text(code) + ": the library's codes are 0 to 87");
   if (where.json) {
     json explained = code_json(code);
     explained["meaning"] = code_meaning(code);

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
-#include "tools/common/files.h"
+#include "tools/common/named_file.h"
 #include "tools/common/text.h"
 #include "tools/pkictl/state.h"
 

@@ -15,6 +15,8 @@ json failure_report(const std::exception &failure) {
   json error = plain_error_json(failure.what());
   if (const auto *of_library = dynamic_cast<const tools::library_failure *>(&failure))
     error = failure_json(of_library->code(), failure.what());
+  if (const auto *of_usage = dynamic_cast<const tools::library_usage_failure *>(&failure))
+    error = failure_json(of_usage->code(), failure.what());
   if (const auto *of_ca = dynamic_cast<const scep_failure *>(&failure)) {
     report["status"] = of_ca->status();
     if (!of_ca->failure_info().empty())

@@ -151,6 +151,7 @@ void add_key_command(CLI::App &app, action *chosen) {
   command->add_option("LABEL", made->label, "The key's label")->required();
   command
       ->add_option("--bits", made->bits, "Its size; TLS on current systems takes none below 2048")
+      ->check(tools::check_number)
       ->check(CLI::Range(lowest_bits, highest_bits))
       ->capture_default_str();
   add_command(key, "list", "Print the keys and their certificates", list, chosen,

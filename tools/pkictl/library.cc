@@ -4,6 +4,7 @@
 #include <libpki/store.h>
 
 #include "tools/common/failure.h"
+#include "tools/common/name_advice.h"
 #include "tools/common/text.h"
 
 namespace pkictl {
@@ -22,6 +23,8 @@ constexpr code_row code_rows[] = {
 
 // What the person at the command line can do about a code; "" where the text says it all.
 std::string hint(int code, const std::string &heard) {
+  if (tools::is_name_code(code))
+    return tools::name_advice("issuer name", code, heard);
   switch (code) {
     case PKI_OUT_OF_MEMORY:
       return "memory ran out, or the answer is larger than 64 MiB";
@@ -41,10 +44,6 @@ std::string hint(int code, const std::string &heard) {
       return "the document is not well-formed XML";
     case PKI_XML_INTERNAL_ERROR_NO_BUF:
       return "Expires, IssuerName or X509Certificate has no text";
-    case PKI_DN_UNKNOWN_KEY:
-    case PKI_DN_NO_VALUE:
-    case PKI_DN_OPEN_QS:
-      return name_advice("issuer name", code, heard);
     case PKI_INVALID_URL:
       return "give a URL that begins with http://";
     case PKI_HTTP_ERROR:
@@ -100,16 +99,6 @@ json failure_json(int code, const std::string &message) {
 
 std::string code_text_and_number(int code) {
   return code_text(static_cast<unsigned>(code)) + " (" + std::to_string(code) + ")";
-}
-
-std::string name_advice(const std::string &kind, int code, const std::string &heard) {
-  std::string form = "write the " + kind + " as in " +
-                     (kind == "subject" ? "CN=device" : "CN=Example CA") +
-                     ", O=Example, C=US; a value with a comma stands in double quotes, as in"
-                     " O=\"Example, Inc.\"";
-  if (code != PKI_DN_UNKNOWN_KEY)
-    return form;
-  return (heard.empty() ? "" : heard + "; ") + "the letter case of a key counts; " + form;
 }
 
 std::string failure_text(const std::string &what, int code, const std::string &heard) {

@@ -29,10 +29,6 @@ json failure_json(int code, const std::string &message);
 // "HTTP ERROR (47)"
 std::string code_text_and_number(int code);
 
-// How a `kind` of name is written, for the codes of parse_rfc1779_str. With `heard`, the library's
-// line that names a key that it does not know.
-std::string name_advice(const std::string &kind, int code, const std::string &heard);
-
 // "WHAT: HTTP ERROR (47): what to do about it". Where there are many reasons for the code, `heard`,
 // what the library logged, stands in its place or with it.
 std::string failure_text(const std::string &what, int code, const std::string &heard = "");

@@ -33,6 +33,11 @@ constexpr const char *main_footer =
     "                              the reference board library reads; /etc/board by\n"
     "                              default\n\n";
 
+constexpr const char *exit_footer =
+    "-v shows the library's log lines on stderr; --json prints JSON.\n"
+    "Exit codes: 0 done, 1 failed, 2 wrong usage. Of verify 1 is a rejected\n"
+    "certificate and of crl find a listed one, and all failures are 2.";
+
 void add_commands(CLI::App &app, context *where, action *chosen) {
   app.add_flag("-v,--verbose", where->verbose, "Show the library's log lines on stderr");
   app.add_flag("--json", where->json, "Print JSON");
@@ -60,7 +65,7 @@ void add_commands(CLI::App &app, context *where, action *chosen) {
   pkictl::add_scep_command(app, chosen);
   pkictl::add_state_command(app, chosen);
   pkictl::add_error_command(app, chosen);
-  app.footer(std::string(main_footer) + pkictl::common_footer +
+  app.footer(std::string(main_footer) + exit_footer +
              "\n\nStart with " DOCUMENT_FOLDER "/quick-start.md");
 }
 

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "tools/common/command_line.h"
 #include "tools/common/failure.h"
 #include "tools/pkictl/command.h"
 #include "tools/pkictl/library.h"
@@ -237,6 +238,7 @@ void add_state_command(CLI::App &app, action *chosen) {
   command->add_option("--names", given->names, "File with the tags' names, lines \"NUMBER NAME\"")
       ->type_name("FILE");
   command->add_option("--magic", given->magic, "How many octets stand in front of the first block")
+      ->check(tools::check_number)
       ->check(CLI::Range(0, longest_magic))
       ->type_name("N")
       ->capture_default_str();
@@ -247,7 +249,8 @@ void add_state_command(CLI::App &app, action *chosen) {
                   "  pkictl state dump | cut -c-100      (of long values the beginning)\n"
                   "  pkictl state dump record.bin --names record.names\n\n"
                   "A block is a line <TAG val=\"HEX\">, with the value behind it where that is\n"
-                  "text. Names with START in them indent what follows, those with END end that.\n"
+                  "text. Names with START in them indent what follows, those with END end that;\n"
+                  "mind names as VENDOR_START, which has both.\n"
                   "In a state PRIVATE_KEY_LENGTH stands for each private key, with its length in\n"
                   "octets, hexadecimal.\n\n") +
       state_footer +

@@ -8,7 +8,7 @@ namespace pkictl {
 int fail_with_two(const context &where, const std::function<int()> &run) {
   try {
     return run();
-  } catch (const tools::failure &failure) {
+  } catch (const std::exception &failure) {
     return report_failure(where, failure, tools::exit_usage);
   }
 }

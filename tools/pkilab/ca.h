@@ -31,8 +31,8 @@ class ca {
     tools::cert_ptr cert;
   };
 
-  // Makes the folder (its parent must exist) and every file that is missing, and reads the
-  // others. Throws tools::failure, also where a certificate does not belong to its key.
+  // Makes the folder, those above it, and every file that is missing, and reads the others. Throws
+  // tools::failure, also where a certificate does not belong to its key.
   explicit ca(const std::string &folder, int key_bits = 2048);
   ca(const ca &) = delete;
   ca &operator=(const ca &) = delete;

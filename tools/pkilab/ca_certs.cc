@@ -1,5 +1,6 @@
 #include "tools/pkilab/ca_certs.h"
 
+#include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
 
@@ -138,6 +139,8 @@ bool add_device_extensions(X509 *cert, X509 *issuer, const cert_wishes &wishes) 
          add_ocsp_urls(cert, wishes.ocsp_urls) &&
          add_crl_urls(cert, NID_crl_distribution_points, wishes.crl_urls, wishes.crl_issuer) &&
          add_crl_urls(cert, NID_freshest_crl, wishes.freshest_crl_urls, wishes.crl_issuer) &&
+         (wishes.alt_names.empty() ||
+          add_extension(cert, issuer, NID_subject_alt_name, wishes.alt_names.c_str())) &&
          (!wishes.ocsp_signing || add_extension(cert, issuer, NID_ext_key_usage, "OCSPSigning")) &&
          (!wishes.ocsp_no_check ||
           add_extension(cert, issuer, NID_id_pkix_OCSP_noCheck, "ignored"));
@@ -175,6 +178,17 @@ tools::cert_ptr make_ca_cert(EVP_PKEY *key, const std::string &common_name, X509
   return cert;
 }
 
+void require_alt_names(const std::string &names) {
+  tools::cert_ptr none(X509_new());
+  require(none != nullptr, "make a certificate");
+  bool read =
+      names.empty() || add_extension(none.get(), none.get(), NID_subject_alt_name, names.c_str());
+  ERR_clear_error();
+  if (!read)
+    throw tools::usage_failure("cannot read the names " + names +
+                               "; write them as in DNS:localhost,IP:127.0.0.1");
+}
+
 tools::cert_ptr make_device_cert(const cert_wishes &wishes, X509 *signer_cert,
                                  EVP_PKEY *signer_key) {
   tools::cert_ptr cert(X509_new());
@@ -185,10 +199,6 @@ tools::cert_ptr make_device_cert(const cert_wishes &wishes, X509 *signer_cert,
           X509_set_issuer_name(cert.get(), X509_get_subject_name(signer_cert)) == 1 &&
           set_times(cert.get(), wishes) && add_device_extensions(cert.get(), signer_cert, wishes),
       "fill a certificate");
-  if (!wishes.alt_names.empty() &&
-      !add_extension(cert.get(), signer_cert, NID_subject_alt_name, wishes.alt_names.c_str()))
-    throw tools::failure("cannot read the names " + wishes.alt_names +
-                         "; write them as in DNS:localhost,IP:127.0.0.1");
   require(X509_sign(cert.get(), signer_key, EVP_sha256()) > 0, "sign a certificate");
   return cert;
 }

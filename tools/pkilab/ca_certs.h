@@ -35,6 +35,9 @@ struct cert_wishes {
   bool ocsp_no_check = false;  // id-pkix-ocsp-nocheck
 };
 
+// Are these names for cert_wishes::alt_names? Throws tools::usage_failure.
+void require_alt_names(const std::string &names);
+
 // Signed with SHA-256. Throws tools::failure.
 tools::cert_ptr make_device_cert(const cert_wishes &wishes, X509 *signer_cert,
                                  EVP_PKEY *signer_key);

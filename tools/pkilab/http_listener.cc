@@ -26,9 +26,15 @@ std::unique_ptr<addrinfo, free_addresses> numeric_address(const std::string &add
   hints.ai_socktype = SOCK_STREAM;
   addrinfo *found = nullptr;
   if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
-    throw tools::failure("cannot listen on " + address + ": give a numeric address, as in" +
-                         " 127.0.0.1, and a port from 0 to 65535");
+    throw tools::usage_failure("cannot listen on " + address + ": give a numeric address, as in" +
+                               " 127.0.0.1, and a port from 0 to 65535");
   return std::unique_ptr<addrinfo, free_addresses>(found);
+}
+
+std::string listen_advice(int error) {
+  if (error == EADDRINUSE || error == EACCES)
+    return "; choose another port, or 0 for any free one";
+  return error == EADDRNOTAVAIL ? "; give an address of this machine" : "";
 }
 
 int bound_port(int fd) {
@@ -54,11 +60,11 @@ listener::listener(const listener_options &options) {
                  bind(fd_, address->ai_addr, address->ai_addrlen) == 0 &&
                  listen(fd_, SOMAXCONN) == 0;
   if (!listens) {
-    std::string reason = strerror(errno);
+    int error = errno;
     close();
     throw tools::failure("cannot listen on " + options.bind + " port " +
-                         std::to_string(options.port) + ": " + reason +
-                         "; choose another port, or 0 for any free one");
+                         std::to_string(options.port) + ": " + strerror(error) +
+                         listen_advice(error));
   }
   authority_ = local_authority(fd_);
   port_ = bound_port(fd_);

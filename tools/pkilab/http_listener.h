@@ -11,7 +11,7 @@ struct listener_options {
   int port = 0;                    // 0: any free one
 };
 
-// Throws tools::failure where `options.bind` is no numeric address.
+// Throws tools::usage_failure where `options.bind` is no numeric address.
 void require_numeric_address(const listener_options &options);
 
 class listener {

@@ -56,6 +56,7 @@ struct response {
   bool announce_length = true;
   std::vector<std::string> headers;  // further lines, without line ends
   std::string note;                  // for the lab's log only: what was answered
+  bool has_failed = false;           // the lab could not answer; `note` says why
 
   uint64_t length() const { return stream ? stream->length : body.size(); }
 };

@@ -28,7 +28,10 @@ response route_table::answer(const request &request) const {
     try {
       return route.handle(request);
     } catch (const std::exception &error) {
-      return text_response(500, error.what());
+      response failed = text_response(500, error.what());
+      failed.note = error.what();
+      failed.has_failed = true;
+      return failed;
     }
   }
   return path_known ? text_response(405, "this path does not answer " + request.method)

@@ -11,12 +11,15 @@
 #include <cerrno>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "tools/common/cert_text.h"
 #include "tools/common/command_line.h"
 #include "tools/common/failure.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
+#include "tools/common/name_advice.h"
+#include "tools/common/named_file.h"
 #include "tools/pkilab/command.h"
 #include "tools/pkilab/day.h"
 #include "tools/pkilab/issued_certs.h"
@@ -73,11 +76,9 @@ tools::key_ptr read_key(const std::string &path) {
 name_ptr read_subject(const std::string &text) {
   X509_NAME *name = nullptr;
   (void)libpki_init();
-  if (parse_rfc1779_str(text.c_str(), &name) != PKI_OK)
-    throw tools::usage_failure("--subject " + text +
-                               " is no name; write it as in CN=server, O=Example;"
-                               " a value with a comma stands in double quotes, as in"
-                               " O=\"Example, Inc.\"");
+  if (int code = parse_rfc1779_str(text.c_str(), &name))
+    throw tools::usage_failure("--subject " + text + " is no name; " +
+                               tools::name_advice("subject", code));
   return name_ptr(name);
 }
 
@@ -105,6 +106,7 @@ void check_usage(const issue_options &given) {
   if (!given.new_key.empty())
     tools::require_free(given.new_key, given.force);
   tools::require_free(given.out, given.force);
+  require_alt_names(joined(given.alt_names));
 }
 
 // A time_t of 32 bits ends in 2038.
@@ -130,18 +132,59 @@ void set_plain_wishes(const issue_options &given, cert_wishes *wishes) {
     wishes->not_after = parse_time("--not-after", given.not_after);
 }
 
-// A certificate and, where one was made, the private key for it.
-void write_issued(const issue_options &given, X509 *cert, EVP_PKEY *key) {
-  bool has_key = !given.new_key.empty();
-  if (has_key)
-    tools::write_named_file(given.new_key, tools::private_pem(key), 0600, given.force);
+// The lab's folder. It may be where the files are to go; left empty, it is removed again.
+class lab_folder {
+ public:
+  explicit lab_folder(const std::string &path) : made_(tools::make_folders(path)) {}
+  ~lab_folder() {
+    for (; !made_.empty(); made_.pop_back())
+      rmdir(made_.back().c_str());
+  }
+  lab_folder(const lab_folder &) = delete;
+  lab_folder &operator=(const lab_folder &) = delete;
+
+ private:
+  std::vector<std::string> made_;
+};
+
+// A certificate and, where one is made, the private key for it.
+class issued_files {
+ public:
+  explicit issued_files(const issue_options &given) : cert_(given.out, given.force) {
+    if (!given.new_key.empty())
+      key_.emplace(given.new_key, given.force);
+  }
+
+  // Both, or none.
+  void write(X509 *cert, EVP_PKEY *key) {
+    if (key_)
+      key_->write(tools::private_pem(key), 0600);
+    cert_.write(tools::cert_pem(cert), 0644);
+    if (key_)
+      key_->put();
+    cert_.put();
+    if (key_)
+      key_->keep();
+    cert_.keep();
+  }
+
+ private:
+  tools::named_file cert_;
+  std::optional<tools::named_file> key_;
+};
+
+// What nobody gets was not issued.
+tools::cert_ptr issue_into(issued_files *files, const ca &keys, const issue_options &given,
+                           const cert_wishes &wishes, EVP_PKEY *key) {
+  issued_certs issued(keys);
+  tools::cert_ptr cert = issued.issue(wishes, *keys.find(given.ca));
   try {
-    tools::write_named_file(given.out, tools::cert_pem(cert), 0644, given.force);
+    files->write(cert.get(), key);
   } catch (const tools::failure &) {
-    if (has_key && !given.force && !tools::is_device(given.new_key))
-      unlink(given.new_key.c_str());  // or the next attempt would stumble over it
+    issued.forget(cert.get());
     throw;
   }
+  return cert;
 }
 
 void require_order(const cert_wishes &wishes) {
@@ -176,16 +219,17 @@ int issue(const issue_options &given) {
       given.crl_issuer.empty() ? nullptr : tools::load_certificate(given.crl_issuer);
   wishes.crl_issuer = crl_issuer ? X509_get_subject_name(crl_issuer.get()) : nullptr;
   bool is_new = !tools::file_exists(given.folder + "/issuing-cert.pem");
+  lab_folder folder(given.folder);
+  issued_files files(given);
   ca keys(given.folder);
   if (is_new)
     tools::complain("pkilab", "made a new lab in " + given.folder);
   if (!given.new_key.empty())
     key = keys.make_key();
   wishes.public_key = key ? key.get() : X509_REQ_get0_pubkey(request.get());
-  tools::cert_ptr cert = issued_certs(keys).issue(wishes, *keys.find(given.ca));
-  write_issued(given, cert.get(), key.get());
-  tools::print("issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
-               tools::name_text(X509_get_subject_name(cert.get())) + "\n");
+  tools::cert_ptr cert = issue_into(&files, keys, given, wishes, key.get());
+  tools::print_done("issued " + tools::serial_text(X509_get0_serialNumber(cert.get())) + ": " +
+                    tools::name_text(X509_get_subject_name(cert.get())) + "\n");
   return tools::exit_done;
 }
 
@@ -221,8 +265,9 @@ void add_issue_command(CLI::App &app, action *chosen) {
           "Delta CRL that the certificate names");
   text("--crl-issuer", &given->crl_issuer, "FILE",
        "Certificate of whoever issues those CRLs, where that is not --ca");
-  CLI::Option *days = command->add_option("--days", given->days, "Valid for so many days");
-  days->check(CLI::Range(1, 36500))->capture_default_str();
+  CLI::Option *days =
+      command->add_option("--days", given->days, "Valid until so many days from now");
+  days->check(tools::check_number)->check(CLI::Range(1, 36500))->capture_default_str();
   text("--not-before", &given->not_before, "TIME",
        "Valid from; 2031-05-06 or 2031-05-06T07:08:09Z; yesterday unless it is given");
   text("--not-after", &given->not_after, "TIME", "Valid until, instead of --days")->excludes(days);

@@ -1,5 +1,7 @@
 #include "tools/pkilab/issued_certs.h"
 
+#include <unistd.h>
+
 #include "tools/common/cert_text.h"
 #include "tools/common/files.h"
 #include "tools/common/keys.h"
@@ -26,6 +28,10 @@ tools::cert_ptr issued_certs::issue(const cert_wishes &wishes, const ca::pair &i
   tools::make_folders(folder_);
   tools::write_file(path(X509_get0_serialNumber(cert.get())), tools::cert_pem(cert.get()), 0644);
   return cert;
+}
+
+void issued_certs::forget(const X509 *cert) const {
+  unlink(path(X509_get0_serialNumber(cert)).c_str());
 }
 
 tools::cert_ptr issued_certs::find(const X509_NAME *issuer, const ASN1_INTEGER *serial) const {

@@ -17,6 +17,9 @@ class issued_certs {
   // Issues a certificate and keeps it as issued/SERIAL.pem. Throws tools::failure.
   tools::cert_ptr issue(const cert_wishes &wishes, const ca::pair &issuer) const;
 
+  // Drops what was just issued, and got to nobody.
+  void forget(const X509 *cert) const;
+
   // An issued certificate, or one of the lab's own; null when there is none.
   tools::cert_ptr find(const X509_NAME *issuer, const ASN1_INTEGER *serial) const;
   // The one with this serial number, whichever of the lab's CAs issued it; null when there is none.

@@ -44,6 +44,7 @@ route_table *add_rooms(route_table *routes, const ca &keys, const lab_options &o
 
 lab::lab(const lab_options &options)
     : log_(options.log),
+      quiet_(options.quiet),
       listener_(options.listen),
       keys_(options.folder, options.key_bits),
       server_((add_rooms(&routes_, keys_, options), listener_),
@@ -62,12 +63,12 @@ void lab::respond(const request &asked, connection &peer) {
   }
   response answer = routes_.answer(asked);
   std::string text = std::to_string(answer.status) + " " + std::to_string(answer.length());
-  log(asked, answer.note.empty() ? text : text + ", " + answer.note);
+  log(asked, answer.note.empty() ? text : text + ", " + answer.note, answer.has_failed);
   send_response(answer, peer);
 }
 
-void lab::log(const request &asked, const std::string &answer) const {
-  if (log_)
+void lab::log(const request &asked, const std::string &answer, bool has_failed) const {
+  if (log_ && (has_failed || !quiet_))
     log_(tools::printable(asked.method + " " + shortened(asked.target) + " -> " + answer));
 }
 

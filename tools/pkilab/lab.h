@@ -25,8 +25,10 @@ struct lab_options {
   scep_options scep;
   ocsp_options ocsp;
   crl_options crl;
-  // Receives a printable line a request, in several threads at once; may be empty.
+  // Receives a printable line a request, in several threads at once; may be empty. With `quiet` of
+  // those only that the lab failed to answer.
   std::function<void(const std::string &line)> log;
+  bool quiet = false;
 };
 
 class lab {
@@ -43,9 +45,10 @@ class lab {
 
  private:
   void respond(const request &asked, connection &peer);
-  void log(const request &asked, const std::string &answer) const;
+  void log(const request &asked, const std::string &answer, bool has_failed = false) const;
 
   std::function<void(const std::string &)> log_;
+  bool quiet_;
   listener listener_;  // before keys are made: where the port is taken, nothing is left behind
   ca keys_;
   route_table routes_;

@@ -113,8 +113,8 @@ int serve(const serve_options &given) {
   ready_file ready(given.ready_file);
   pkilab::require_numeric_address(given.lab.listen);
   pkilab::lab_options setup = given.lab;
-  if (!given.quiet)
-    setup.log = [](const std::string &line) { write_line(STDERR_FILENO, "pkilab: " + line); };
+  setup.quiet = given.quiet;
+  setup.log = [](const std::string &line) { write_line(STDERR_FILENO, "pkilab: " + line); };
   if (!is_loopback(setup.listen.bind))
     tools::complain("pkilab", "warning: " + setup.listen.bind +
                                   " can be reached from other machines, and the lab trusts"
@@ -168,6 +168,7 @@ void add_serve_command(CLI::App &app, pkilab::action *chosen) {
                    "Folder of keys and certificates, which are made on first start")
       ->required();
   serve_command->add_option("--port", given->lab.listen.port, "Port; 0 for any free one")
+      ->check(tools::check_number)
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
   serve_command->add_option("--bind", given->lab.listen.bind, "Numeric address to listen on")
@@ -179,8 +180,10 @@ void add_serve_command(CLI::App &app, pkilab::action *chosen) {
   pkilab::add_scep_options(serve_command, &given->lab);
   pkilab::add_ocsp_command_line(serve_command, &given->lab);
   pkilab::add_crl_command_line(serve_command, &given->lab);
-  serve_command->add_flag("-q,--quiet", given->quiet,
-                          "No line a request on stderr, and with --ready-file no line on stdout");
+  serve_command->add_flag(
+      "-q,--quiet", given->quiet,
+      "No line a request on stderr, but for those that the lab fails to answer, and"
+      " with --ready-file no line on stdout");
   serve_command->footer(serve_footer());
   serve_command->callback([given, chosen] { *chosen = [given] { return serve(*given); }; });
 }

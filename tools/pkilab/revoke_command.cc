@@ -68,7 +68,7 @@ int revoke(const revoke_options &given) {
   std::string text = tools::serial_text(serial.get());
   if (!revocations(given.folder).revoke(serial.get(), how))
     throw tools::failure(text + " is revoked already; pkilab unrevoke makes it good again");
-  tools::print("revoked " + text + "\n");
+  tools::print_done("revoked " + text + "\n");
   return tools::exit_done;
 }
 
@@ -77,7 +77,7 @@ int unrevoke(const revoke_options &given) {
   std::string text = tools::serial_text(serial.get());
   if (!revocations(given.folder).restore(serial.get()))
     throw tools::failure(text + " is not revoked");
-  tools::print("unrevoked " + text + "\n");
+  tools::print_done("unrevoked " + text + "\n");
   return tools::exit_done;
 }
 

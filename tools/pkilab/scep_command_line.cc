@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/common/command_line.h"
 #include "tools/common/scep_message.h"
 #include "tools/pkilab/scep_options.h"
 
@@ -47,6 +48,7 @@ void add_scep_options(CLI::App *serve, lab_options *options) {
   serve
       ->add_option("--scep-pending", scep->pending,
                    "Answer PENDING so many times before a request is decided")
+      ->check(tools::check_number)
       ->check(CLI::Range(0, 1000000))
       ->capture_default_str()
       ->group("SCEP");
