@@ -29,7 +29,8 @@ PKI_BEGIN_DECLS
  * Of OpenSSL's errors these are forgiven, deliberately:
  *   2        a missing issuer behind a certificate of the X509_STORE: the chain ends there. (A
  *            chain without any certificate of the store's is error 20, and rejected.) The internet
- *            flavour wants that certificate to be in date.
+ *            flavour wants that certificate to be in date (a line at level 4), unless
+ *            X509_V_FLAG_NO_CHECK_TIME is set.
  *   21       a single certificate whose signature nobody could check; OpenSSL 3 reports 20 first.
  *   9, 10    the validity period, by the local flavour only: for devices without a clock.
  *   19       a self-signed top that is not trusted, when the X509_STORE has an issuer for the
@@ -126,7 +127,8 @@ PKI_API const char *zv_cv_cert_sts_to_str(int status);
  * ---- the status cache: 20 records ----
  *
  * It serves all verifications of the process. A status that the library put there counts for the
- * issuer with whom it was found; one that the host put there counts whoever the issuer is.
+ * issuer with whom it was found: every certificate of his name and key. One that the host put there
+ * counts whoever the issuer is.
  */
 
 /* Sets the status cache up, once; libpki_init calls it. */

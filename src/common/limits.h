@@ -65,9 +65,11 @@ constexpr int dump_max_indent = 2 * marshal_max_depth;
 // may lead to: depth alone would bound a chain of checks, not a tree.
 constexpr int max_status_depth = 10;
 constexpr int max_nested_checks = 64;
-// Certificates of peers that are tried for one signature which they did not make: anybody can send
-// any number of them, of any name, with keys that take long.
-constexpr int max_foreign_signers = 16;
+// Keys of peers' certificates that are tried for one signature: of each list that came along, and
+// of those met earlier. Anybody can send any number of them, under any name, that take long.
+constexpr int max_signer_keys = 16;
+// Certificates of the signer's name that are taken from the peer's list: each is compared with all.
+constexpr int max_peer_signers = 512;
 // OCSP responders that are taken from one certificate: each may cost a time-out.
 constexpr int max_responders = 8;
 // An OCSP response. Nobody has signed it yet when it is decoded, to many times its size.

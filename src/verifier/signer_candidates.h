@@ -2,129 +2,144 @@
 #ifndef PKI_VERIFIER_SIGNER_CANDIDATES_H
 #define PKI_VERIFIER_SIGNER_CANDIDATES_H
 
-#include <algorithm>
-#include <iterator>
+#include <libpki/error.h>
+
+#include <climits>
 
 #include "common/limits.h"
 #include "common/ossl_ptr.h"
 #include "pki/found_certs.h"
-#include "verifier/cert_verifier/internal.h"
 
 namespace pki {
 
-// Did a certificate's key make the signature? Unfit: it need not be tried.
-enum class authorship : unsigned char { own, foreign, unfit, no_memory };
+// Does a certificate fit what the signed object says about its signer?
+enum class fitness : unsigned char { fit, unfit, no_memory };
+
+// Did a certificate's key make the signature?
+enum class authorship : unsigned char { own, foreign, no_memory };
+
+// Where a candidate comes from; from several places: the first of these.
+enum class origin : unsigned char {
+  listed,   // the host or the chain stands for it
+  message,  // it came with what is signed
+  peer,     // it came along with the chain
+  met       // it came from somebody earlier
+};
+
+struct candidate_place {
+  origin from;
+  bool is_tried;
+  bool has_signed;
+};
 
 struct signer_candidates {
   certs_ptr certs;
-  index_range collected;                // of `certs`: what peers have sent at any time
-  int first_sent = 0;                   // of `certs`: from here on, what is in none of our lists
-  X509 *known[3] = {};                  // what the host or the chain stands for; may be null
-  const STACK_OF(X509) * sent[2] = {};  // what came along this time; may be null
+  malloc_ptr<candidate_place> places;  // one for each of `certs`
+  int room = 0;                        // for so many more
 };
 
-inline bool holds_cert(const STACK_OF(X509) * certs, X509 *cert) {
-  for (int i = 0; i < sk_X509_num(certs); i++)
-    if (is_same_cert(sk_X509_value(certs, i), cert))
-      return true;
-  return false;
+// For what a search has put into `certs`; `most_sent` may be added beside those that are listed.
+// Returns 0; 2.
+[[nodiscard]] int make_places(index_range collected, int most_sent, signer_candidates *candidates);
+// Does nothing where there is no room left. Returns 0; 2; 49.
+[[nodiscard]] int add_candidate(X509 *cert, origin from, signer_candidates *candidates);
+// Octet by octet: another encoding is another key.
+[[nodiscard]] bool has_same_key(const X509 *one, const X509 *other);
+
+// `cert` may be null.
+template <class Fits>
+[[nodiscard]] int add_fitting(X509 *cert, origin from, Fits fits, signer_candidates *candidates) {
+  fitness found = cert ? fits(cert) : fitness::unfit;
+  if (found == fitness::fit)
+    return add_candidate(cert, from, candidates);
+  return found == fitness::unfit ? PKI_OK : PKI_OUT_OF_MEMORY;
 }
 
-// Drops the candidates that did not make the signature, and leaves the others in their order. Peers
-// can send any number of certificates of any name, with keys that take long. So of what came along,
-// and of what came earlier, the latest first, only some that did not make it are tried.
-template <class Check>
+// The store may hold another certificate in the place of the one that was sent.
+template <class Fits>
+[[nodiscard]] int add_sent(const STACK_OF(X509) * sent, int most, origin from, Fits fits,
+                           signer_candidates *candidates) {
+  for (int i = 0; i < sk_X509_num(sent) && i < most; i++)
+    if (int error = add_fitting(sk_X509_value(sent, i), from, fits, candidates))
+      return error;
+  return PKI_OK;
+}
+
+// Drops all but the candidates that made the signature, and leaves those in their order. Peers can
+// send any number of certificates of any name, with keys that take long. So a key is tried once,
+// and of what came along, and of what came earlier, the latest first, only some keys are.
+template <class Fits, class Verify>
 class signer_trial {
  public:
-  signer_trial(const signer_candidates &candidates, Check check)
-      : from_(candidates), certs_(candidates.certs.get()), check_(check) {}
+  signer_trial(const signer_candidates &candidates, Fits fits, Verify verify)
+      : certs_(candidates.certs.get()),
+        places_(candidates.places.get()),
+        fits_(fits),
+        verify_(verify) {}
 
   // False: out of memory.
   [[nodiscard]] bool run() {
-    bool done = try_all(0, from_.collected.begin) &&
-                try_all(from_.collected.end, from_.first_sent) && try_known() && try_sent() &&
-                try_met();
-    drop_marked();
+    bool done = try_those(origin::listed, INT_MAX) && try_those(origin::message, max_signer_keys) &&
+                try_those(origin::peer, max_signer_keys) && try_met();
+    drop_all_but_signers();
     return done;
   }
 
  private:
-  [[nodiscard]] bool try_all(int begin, int end) {
-    for (int i = begin; i < end; i++)
-      if (!try_one(i))
+  [[nodiscard]] bool try_those(origin from, int most_keys) {
+    keys_left_ = most_keys;
+    for (int i = 0; i < sk_X509_num(certs_); i++)
+      if (places_[i].from == from && !try_one(i))
         return false;
-    return true;
-  }
-
-  [[nodiscard]] bool try_known() {
-    for (int i = from_.collected.begin; i < from_.collected.end; i++)
-      if (is_known(i) && !try_one(i))
-        return false;
-    return true;
-  }
-
-  [[nodiscard]] bool try_sent() {
-    foreign_ = 0;
-    for (int i = from_.collected.begin; i < sk_X509_num(certs_); i++) {
-      bool is_listed = i >= from_.collected.end && i < from_.first_sent;
-      if (!is_listed && is_sent(i) && !try_one_of_many(i))
-        return false;
-    }
     return true;
   }
 
   [[nodiscard]] bool try_met() {
-    foreign_ = 0;
-    for (int i = from_.collected.end - 1; i >= from_.collected.begin; i--)
-      if (!is_known(i) && !is_sent(i) && !try_one_of_many(i))
+    keys_left_ = max_signer_keys;
+    for (int i = sk_X509_num(certs_) - 1; i >= 0; i--)
+      if (places_[i].from == origin::met && !try_one(i))
         return false;
-    return true;
-  }
-
-  // Places whose certificate was dropped are neither.
-  bool is_known(int index) const {
-    X509 *cert = sk_X509_value(certs_, index);
-    return cert && std::any_of(std::begin(from_.known), std::end(from_.known),
-                               [&](X509 *each) { return is_same_cert(each, cert); });
-  }
-  bool is_sent(int index) const {
-    X509 *cert = sk_X509_value(certs_, index);
-    return cert && !is_known(index) &&
-           std::any_of(std::begin(from_.sent), std::end(from_.sent),
-                       [&](const STACK_OF(X509) * each) { return holds_cert(each, cert); });
-  }
-
-  [[nodiscard]] bool try_one_of_many(int index) {
-    if (foreign_ < max_foreign_signers)
-      return try_one(index);
-    drop(index);
     return true;
   }
 
   [[nodiscard]] bool try_one(int index) {
     X509 *cert = sk_X509_value(certs_, index);
-    authorship found = cert ? check_(cert) : authorship::unfit;
-    if (found != authorship::own)
-      drop(index);
-    foreign_ += found == authorship::foreign;
-    return found != authorship::no_memory;
+    candidate_place *place = &places_[index];
+    fitness found = fits_(cert);
+    if (found != fitness::fit)
+      return found == fitness::unfit;
+    if (const candidate_place *twin = tried_with_key_of(cert)) {
+      place->has_signed = twin->has_signed;
+      return true;
+    }
+    if (keys_left_ == 0)
+      return true;
+    keys_left_--;
+    authorship author = verify_(cert);
+    place->is_tried = true;
+    place->has_signed = author == authorship::own;
+    return author != authorship::no_memory;
   }
 
-  // Places stay until all is done.
-  void drop(int index) {
-    X509_free(sk_X509_value(certs_, index));
-    sk_X509_set(certs_, index, nullptr);
+  const candidate_place *tried_with_key_of(const X509 *cert) const {
+    for (int i = 0; i < sk_X509_num(certs_); i++)
+      if (places_[i].is_tried && has_same_key(sk_X509_value(certs_, i), cert))
+        return &places_[i];
+    return nullptr;
   }
-  void drop_marked() {
+
+  // Whoever was not tried has not signed.
+  void drop_all_but_signers() {
     for (int i = sk_X509_num(certs_) - 1; i >= 0; i--)
-      if (!sk_X509_value(certs_, i))
-        sk_X509_delete(certs_, i);
+      if (!places_[i].has_signed)
+        X509_free(sk_X509_delete(certs_, i));
   }
 
-  const signer_candidates &from_;
   STACK_OF(X509) * certs_;
-  Check check_;
-  int foreign_ = 0;
+  candidate_place *places_;
+  Fits fits_;
+  Verify verify_;
+  int keys_left_ = 0;
 };
 
 }  // namespace pki

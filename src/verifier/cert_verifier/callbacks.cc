@@ -41,10 +41,22 @@ bool replace_self_signed_top(X509_STORE_CTX *ctx) {
   return true;
 }
 
-// Nobody looks at it again.
+bool is_asked(X509_STORE_CTX *ctx, unsigned long flag) {
+  return (X509_VERIFY_PARAM_get_flags(X509_STORE_CTX_get0_param(ctx)) & flag) != 0;
+}
+
+// Nobody looks at its dates again, unless the host has said that nobody shall.
 bool is_end_of_chain_in_date(X509_STORE_CTX *ctx) {
   X509 *cert = X509_STORE_CTX_get_current_cert(ctx);
-  return cert && is_within_validity(cert, 0);
+  if (!cert)
+    return false;
+  if (is_asked(ctx, X509_V_FLAG_NO_CHECK_TIME) || is_within_validity(cert, 0))
+    return true;
+  syslog(log_warning,
+         "Certificate '%s' ends the chain without its issuer and is outside its validity period - "
+         "rejecting it",
+         subject_text(cert).get());
+  return false;
 }
 
 bool is_forgiven(X509_STORE_CTX *ctx, flavour use) {
@@ -65,8 +77,7 @@ bool is_forgiven(X509_STORE_CTX *ctx, flavour use) {
 
 // A status is known for now only.
 bool is_judged_now(X509_STORE_CTX *ctx, X509 *cert, int depth) {
-  unsigned long flags = X509_VERIFY_PARAM_get_flags(X509_STORE_CTX_get0_param(ctx));
-  bool now = (flags & X509_V_FLAG_USE_CHECK_TIME) == 0;
+  bool now = !is_asked(ctx, X509_V_FLAG_USE_CHECK_TIME);
   if (!now)
     syslog(log_warning,
            "Can't check cert-status for a time other than now - rejecting status for cert '%s'",

@@ -25,10 +25,16 @@ bool may_be_same_cert(X509 *one, X509 *other) {
   return one == other || !is_comparable(one) || !is_comparable(other) || X509_cmp(one, other) == 0;
 }
 
-bool is_issued_by(X509 *cert, X509 *issuer) {
+bool is_signed_by(X509 *cert, X509 *issuer) {
   openssl_error_mark another_issuer_is_no_error;
   EVP_PKEY *key = X509_get0_pubkey(issuer);
-  return key && X509_check_issued(issuer, cert) == X509_V_OK && X509_verify(cert, key) == 1;
+  return key && X509_NAME_cmp(X509_get_issuer_name(cert), X509_get_subject_name(issuer)) == 0 &&
+         X509_verify(cert, key) == 1;
+}
+
+bool is_issued_by(X509 *cert, X509 *issuer) {
+  openssl_error_mark another_issuer_is_no_error;
+  return X509_check_issued(issuer, cert) == X509_V_OK && is_signed_by(cert, issuer);
 }
 
 }  // namespace pki

@@ -25,9 +25,9 @@ extern int csi_is_init;
 extern int disable_crl_check;  // read and written atomically
 
 // The status cache's add and find for what the library finds out itself: a status counts for the
-// issuer whose word it was found with, as another certificate of the same name may vouch for
-// others. What the host adds counts for all. `issuer` may be null. Without memory to tell the
-// issuer, *is_issuers is false and the record may be another's.
+// issuer whose word it was found with, in all his certificates of that name and key, as another of
+// the same name may vouch for others. What the host adds counts for all. `issuer` may be null.
+// Without memory to tell the issuer, *is_issuers is false and the record may be another's.
 [[nodiscard]] int cv_add_status(cert_sts_info *info, X509 *issuer);
 [[nodiscard]] cert_sts_info *cv_find_status(X509 *cert, X509 *issuer, bool *is_issuers);
 
@@ -40,8 +40,10 @@ enum class expiry : unsigned char { ahead, passed, unknown };
 [[nodiscard]] bool is_same_cert(X509 *one, X509 *other);
 // For questions where "the same" is the answer that lets nobody in.
 [[nodiscard]] bool may_be_same_cert(X509 *one, X509 *other);
-// By its name, its extensions and its key.
+// By its name, its extensions and its key. By name and key alone: by any certificate of that
+// issuer, which the extensions need not mean.
 [[nodiscard]] bool is_issued_by(X509 *cert, X509 *issuer);
+[[nodiscard]] bool is_signed_by(X509 *cert, X509 *issuer);
 
 // Is it now between notBefore and notAfter, or so many seconds off at the most? A time that cannot
 // be read is no.

@@ -3,6 +3,7 @@
 #include <libpki/util.h>
 #include <openssl/x509v3.h>
 
+#include <climits>
 #include <cstring>
 
 #include "common/limits.h"
@@ -30,31 +31,26 @@ int read_responder_id(const OCSP_BASICRESP *basic, responder_id *id) {
   return PKI_INVALID_ARGS;
 }
 
-bool has_key_hash(const X509 *cert, const ASN1_OCTET_STRING *wanted) {
+// As the store's search: to find nothing for want of memory would be a wrong answer.
+fitness fits_key_hash(const X509 *cert, const ASN1_OCTET_STRING *wanted) {
   unsigned char hash[EVP_MAX_MD_SIZE];
   unsigned length = 0;
-  openssl_error_mark no_key_is_no_match;
-  return X509_pubkey_digest(cert, EVP_sha1(), hash, &length) == 1 &&
-         ASN1_STRING_length(wanted) == static_cast<int>(length) &&
-         std::memcmp(ASN1_STRING_get0_data(wanted), hash, length) == 0;
+  if (!X509_get0_pubkey_bitstr(cert))
+    return fitness::unfit;
+  if (X509_pubkey_digest(cert, EVP_sha1(), hash, &length) != 1)
+    return fitness::no_memory;
+  bool is_same = ASN1_STRING_length(wanted) == static_cast<int>(length) &&
+                 std::memcmp(ASN1_STRING_get0_data(wanted), hash, length) == 0;
+  return is_same ? fitness::fit : fitness::unfit;
 }
 
-bool fits(X509 *cert, const responder_id &id) {
+fitness fits(const X509 *cert, const responder_id &id) {
   if (id.key_hash)
-    return has_key_hash(cert, id.key_hash);
+    return fits_key_hash(cert, id.key_hash);
   const X509_NAME *subject = X509_get_subject_name(cert);
-  return prepare_to_compare(subject) == PKI_OK && X509_NAME_cmp(subject, id.name) == 0;
-}
-
-int add_known_signer(STACK_OF(X509) * candidates, X509 *cert, const responder_id &id) {
-  if (!cert || !fits(cert, id) || holds_cert(candidates, cert))
-    return PKI_OK;
-  if (!take_reference(cert))
-    return PKI_CRYPTO_LOCK_FAILED;
-  if (sk_X509_push(candidates, cert) > 0)
-    return PKI_OK;
-  X509_free(cert);
-  return PKI_OUT_OF_MEMORY;
+  if (prepare_to_compare(subject))
+    return fitness::no_memory;
+  return X509_NAME_cmp(subject, id.name) == 0 ? fitness::fit : fitness::unfit;
 }
 
 int find_in_store(const responder_id &id, STACK **found, index_range *collected) {
@@ -64,35 +60,27 @@ int find_in_store(const responder_id &id, STACK **found, index_range *collected)
                                 ASN1_STRING_length(id.key_hash), found, collected);
 }
 
-// The store may hold another certificate in the place of the one that was sent.
-int add_sent(const STACK_OF(X509) * sent, int count, const responder_id &id,
-             STACK_OF(X509) * candidates) {
-  for (int i = 0; i < sk_X509_num(sent) && i < count; i++)
-    if (int error = add_known_signer(candidates, sk_X509_value(sent, i), id))
-      return error;
-  return PKI_OK;
-}
-
-// The store's certificates, then those that the configuration, the chain and the response bring.
+// The store's certificates, then those that the configuration, the chain, the response and the peer
+// bring.
 int add_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
                    signer_candidates *candidates) {
-  STACK_OF(X509) *certs = candidates->certs.get();
-  auto *list = reinterpret_cast<STACK *>(certs);
-  int error = find_in_store(id, &list, &candidates->collected);
+  auto *list = reinterpret_cast<STACK *>(candidates->certs.get());
+  index_range collected;
+  int error = find_in_store(id, &list, &collected);
   // A hash of another length is nobody's.
   if (error && error != PKI_INVALID_ARGS)
     return error;
-  X509 *const known[] = {query.responder->signer, query.issuer};
-  for (X509 *cert : known)
-    if ((error = add_known_signer(certs, cert, id)))
-      return error;
-  std::copy(std::begin(known), std::end(known), candidates->known);
-  candidates->first_sent = sk_X509_num(certs);
-  candidates->sent[0] = OCSP_resp_get0_certs(basic);
-  candidates->sent[1] = query.ctx ? X509_STORE_CTX_get0_untrusted(query.ctx) : nullptr;
-  if ((error = add_sent(candidates->sent[0], ocsp_max_certs, id, certs)))
+  if ((error = make_places(collected, ocsp_max_certs + max_peer_signers, candidates)))
     return error;
-  return add_sent(candidates->sent[1], sk_X509_num(candidates->sent[1]), id, certs);
+  auto is_named = [&](const X509 *cert) { return fits(cert, id); };
+  for (X509 *cert : {query.responder->signer, query.issuer})
+    if ((error = add_fitting(cert, origin::listed, is_named, candidates)))
+      return error;
+  if ((error = add_sent(OCSP_resp_get0_certs(basic), ocsp_max_certs, origin::message, is_named,
+                        candidates)))
+    return error;
+  const STACK_OF(X509) *untrusted = query.ctx ? X509_STORE_CTX_get0_untrusted(query.ctx) : nullptr;
+  return add_sent(untrusted, INT_MAX, origin::peer, is_named, candidates);
 }
 
 int find_candidates(const ocsp_query &query, const OCSP_BASICRESP *basic, const responder_id &id,
@@ -136,10 +124,14 @@ authorship check_response_signature(const OCSP_BASICRESP *basic, const X509 *cer
   return verifies(basic, key) ? authorship::own : authorship::foreign;
 }
 
+// A response's own certificates are all tried.
+static_assert(ocsp_max_certs <= max_signer_keys);
+
 // Drops the candidates that did not sign.
 int keep_signers(const OCSP_BASICRESP *basic, const signer_candidates &candidates) {
-  signer_trial trial(candidates,
-                     [&](const X509 *cert) { return check_response_signature(basic, cert); });
+  signer_trial trial(
+      candidates, [](const X509 *) { return fitness::fit; },
+      [&](const X509 *cert) { return check_response_signature(basic, cert); });
   if (!trial.run())
     return PKI_OUT_OF_MEMORY;
   int count = sk_X509_num(candidates.certs.get());
@@ -217,9 +209,10 @@ trust check_status_of_signer(const ocsp_query &query, X509 *signer, bool is_issu
   return trust::no;
 }
 
-// The certificate's issuer speaks for a responder that he issued, and for nobody else's.
+// The certificate's issuer speaks for a responder that he issued, also with an earlier certificate
+// of his, and for nobody else's.
 trust check_configured_signer(const ocsp_query &query, X509 *signer) {
-  return check_status_of_signer(query, signer, is_issued_by(signer, query.issuer));
+  return check_status_of_signer(query, signer, is_signed_by(signer, query.issuer));
 }
 
 // A responder that the issuer has delegated.

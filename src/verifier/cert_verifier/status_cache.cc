@@ -1,6 +1,7 @@
 // The status cache: a short list that saves repeated fetches, not a large working set.
 #include <libpki/error.h>
 #include <openssl/evp.h>
+#include <openssl/sha.h>
 
 #include <climits>
 #include <cstring>
@@ -34,10 +35,14 @@ bool has_expired(const cert_sts_info *info) {
   return expiry_of(info) != expiry::ahead;
 }
 
-// Which issuer a record counts for. Not part of the record, which is the host's to make.
+// Which issuer a record counts for: certificates of one name and key are the same authority's. Not
+// part of the record, which is the host's to make.
 struct issuer_mark {
-  const cert_sts_info *record;  // null: free
-  unsigned char digest[20];     // OpenSSL's own of the issuer's certificate; zeros: there is none
+  const cert_sts_info *record;              // null: free
+  unsigned char cert[SHA_DIGEST_LENGTH];    // OpenSSL's own digest; zeros: there is none
+  bool has_authority;                       // the two below
+  unsigned long name;                       // OpenSSL's hash, whatever types its texts have
+  unsigned char key[SHA256_DIGEST_LENGTH];  // of the SubjectPublicKeyInfo
 };
 
 // Guarded by the cache's lock; each is of a record in the cache.
@@ -46,10 +51,32 @@ issuer_mark marks[status_cache_records];
 // OpenSSL has the digest of a certificate that it has looked at. False: out of memory.
 bool make_mark(X509 *issuer, issuer_mark *mark) {
   *mark = {};
+  mark->has_authority = !issuer;
   if (!issuer)
     return true;
   openssl_error_mark the_caller_knows_what_to_do;
-  return is_comparable(issuer) && X509_digest(issuer, EVP_sha1(), mark->digest, nullptr) == 1;
+  return is_comparable(issuer) && X509_digest(issuer, EVP_sha1(), mark->cert, nullptr) == 1;
+}
+
+// What the bits of a key mean depends on the parameters beside them.
+bool digest_key(const X509 *issuer, unsigned char *digest) {
+  unsigned char *der = nullptr;
+  int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(issuer), &der);
+  bool made = length > 0 && EVP_Digest(der, static_cast<size_t>(length), digest, nullptr,
+                                       EVP_sha256(), nullptr) == 1;
+  OPENSSL_free(der);
+  return made;
+}
+
+// Takes long beside a look-up. False: out of memory.
+bool add_authority(const X509 *issuer, issuer_mark *mark) {
+  if (mark->has_authority)
+    return true;
+  openssl_error_mark the_caller_knows_what_to_do;
+  int hashed = 0;
+  mark->name = X509_NAME_hash_ex(X509_get_subject_name(issuer), nullptr, nullptr, &hashed);
+  mark->has_authority = hashed == 1 && digest_key(issuer, mark->key);
+  return mark->has_authority;
 }
 
 issuer_mark *mark_of(const cert_sts_info *record) {
@@ -59,9 +86,17 @@ issuer_mark *mark_of(const cert_sts_info *record) {
   return nullptr;
 }
 
-bool counts_for(const cert_sts_info *record, const issuer_mark *wanted) {
+enum class relation : unsigned char { same, other, undecided };
+
+relation relation_of(const cert_sts_info *record, const issuer_mark *wanted) {
   const issuer_mark *mark = wanted ? mark_of(record) : nullptr;
-  return !mark || std::memcmp(mark->digest, wanted->digest, sizeof mark->digest) == 0;
+  if (!mark || std::memcmp(mark->cert, wanted->cert, sizeof mark->cert) == 0)
+    return relation::same;
+  if (!wanted->has_authority)
+    return relation::undecided;
+  bool is_same =
+      mark->name == wanted->name && std::memcmp(mark->key, wanted->key, sizeof mark->key) == 0;
+  return is_same ? relation::same : relation::other;
 }
 
 bool is_linked(const cert_sts_info *info) {
@@ -108,15 +143,20 @@ sts_info_ptr take_out(cert_sts_info *info) {
   return sts_info_ptr(info);
 }
 
-// `mark`, which may be null, says which issuer it has to count for.
-cert_sts_info *first_record_of(const X509 *cert, const issuer_mark *mark) {
+// `mark`, which may be null, says which issuer it has to count for; *is_undecided: it lacks its
+// authority for that.
+cert_sts_info *first_record_of(const X509 *cert, const issuer_mark *mark, bool *is_undecided) {
   for (cert_sts_info *info = pki_csi_cache.first; info; info = info->link.next) {
     uint32_t holders = __atomic_load_n(&info->ref_count, __ATOMIC_RELAXED);
     if (holders == 0)
       syslog(log_error, "bad ref count idx %p - %d", static_cast<void *>(info),
              static_cast<int>(holders));
-    if (info->cert && X509_cmp(info->cert, cert) == 0 && counts_for(info, mark))
-      return info;
+    if (!info->cert || X509_cmp(info->cert, cert) != 0)
+      continue;
+    relation found = relation_of(info, mark);
+    *is_undecided = found == relation::undecided;
+    if (found != relation::other)
+      return *is_undecided ? nullptr : info;
   }
   return nullptr;
 }
@@ -141,13 +181,14 @@ int add(cert_sts_info *info, const issuer_mark *mark) {
   return PKI_OK;
 }
 
-cert_sts_info *find(const X509 *cert, const issuer_mark *mark) {
+cert_sts_info *find(const X509 *cert, const issuer_mark *mark, bool *is_undecided) {
+  *is_undecided = false;
   if (!cert || !is_comparable(const_cast<X509 *>(cert)))
     return nullptr;
   write_lock lock(&pki_csi_cache.lock);
   if (!lock.held())
     return nullptr;
-  cert_sts_info *found = first_record_of(cert, mark);
+  cert_sts_info *found = first_record_of(cert, mark, is_undecided);
   if (!found)
     return nullptr;
   if (found->hits < UINT32_MAX)
@@ -159,13 +200,19 @@ cert_sts_info *find(const X509 *cert, const issuer_mark *mark) {
 
 int cv_add_status(cert_sts_info *info, X509 *issuer) {
   issuer_mark mark;
-  return make_mark(issuer, &mark) ? add(info, &mark) : PKI_OUT_OF_MEMORY;
+  bool is_made = make_mark(issuer, &mark) && add_authority(issuer, &mark);
+  return is_made ? add(info, &mark) : PKI_OUT_OF_MEMORY;
 }
 
 cert_sts_info *cv_find_status(X509 *cert, X509 *issuer, bool *is_issuers) {
   issuer_mark mark;
+  bool is_undecided = false;
   *is_issuers = make_mark(issuer, &mark);
-  return find(cert, *is_issuers ? &mark : nullptr);
+  cert_sts_info *found = find(cert, *is_issuers ? &mark : nullptr, &is_undecided);
+  if (!is_undecided)
+    return found;
+  *is_issuers = add_authority(issuer, &mark);
+  return find(cert, *is_issuers ? &mark : nullptr, &is_undecided);
 }
 
 }  // namespace pki
@@ -187,7 +234,8 @@ int zv_cv_add_cert_sts_info_cache(cert_sts_info *info) {
 }
 
 cert_sts_info *zv_cv_find_cert_sts_info_cache(const X509 *cert) {
-  return find(cert, nullptr);
+  bool is_undecided = false;
+  return find(cert, nullptr, &is_undecided);
 }
 
 int zv_cv_remove_cert_sts_info_cache(cert_sts_info *info) {

@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <climits>
 #include <iterator>
 
 #include "common/log.h"
@@ -46,47 +47,40 @@ int check_critical_extensions(const X509_CRL *crl) {
   return PKI_OK;
 }
 
-// A certificate that the store need not hold.
-int add_candidate(STACK_OF(X509) * candidates, X509 *cert, const X509_NAME *issuer) {
-  if (!cert || X509_NAME_cmp(X509_get_subject_name(cert), issuer) != 0 ||
-      holds_cert(candidates, cert))
-    return PKI_OK;
-  if (!take_reference(cert))
-    return PKI_CRYPTO_LOCK_FAILED;
-  if (sk_X509_push(candidates, cert) > 0)
-    return PKI_OK;
-  X509_free(cert);
-  return openssl_failure(PKI_OUT_OF_MEMORY);
+fitness fits_name(const X509 *cert, const X509_NAME *issuer) {
+  const X509_NAME *subject = X509_get_subject_name(cert);
+  if (prepare_to_compare(subject))
+    return fitness::no_memory;
+  return X509_NAME_cmp(subject, issuer) == 0 ? fitness::fit : fitness::unfit;
 }
 
-// The store may hold another certificate in the place of the one that the peer sent.
-int add_sent(const STACK_OF(X509) * sent, STACK_OF(X509) * candidates, const X509_NAME *issuer) {
-  for (int i = 0; i < sk_X509_num(sent); i++)
-    if (int error = add_candidate(candidates, sk_X509_value(sent, i), issuer))
-      return error;
-  return PKI_OK;
+// The store's certificates, then those that the configuration, the chain and the peer bring.
+int add_candidates(const download &now, const X509_NAME *issuer, signer_candidates *candidates) {
+  auto *list = reinterpret_cast<STACK *>(candidates->certs.get());
+  index_range collected;
+  if (int error = find_certs_by_subject(issuer, &list, &collected))
+    return error;
+  if (make_places(collected, max_peer_signers, candidates))
+    return openssl_failure(PKI_OUT_OF_MEMORY);
+  auto is_named = [&](const X509 *cert) { return fits_name(cert, issuer); };
+  X509 *const known[] = {now.crli->crl_signer,
+                         now.base_record ? now.base_record->crl_signer : nullptr, now.asked.issuer};
+  for (X509 *cert : known)
+    if (int error = add_fitting(cert, origin::listed, is_named, candidates))
+      return log_reasons(error);
+  const STACK_OF(X509) *untrusted =
+      now.asked.trust ? X509_STORE_CTX_get0_untrusted(now.asked.trust) : nullptr;
+  return log_reasons(add_sent(untrusted, INT_MAX, origin::peer, is_named, candidates));
 }
 
 int find_candidates(const download &now, signer_candidates *candidates) {
   const X509_NAME *issuer = X509_CRL_get_issuer(now.request.crl);
-  STACK_OF(X509) *certs = sk_X509_new_null();
-  candidates->certs.reset(certs);
-  if (!certs)
+  candidates->certs.reset(sk_X509_new_null());
+  if (!candidates->certs)
     return openssl_failure(PKI_OUT_OF_MEMORY);
-  auto *list = reinterpret_cast<STACK *>(certs);
-  if (int error = find_certs_by_subject(issuer, &list, &candidates->collected))
+  if (int error = add_candidates(now, issuer, candidates))
     return error;
-  X509 *const known[] = {now.crli->crl_signer,
-                         now.base_record ? now.base_record->crl_signer : nullptr, now.asked.issuer};
-  for (X509 *cert : known)
-    if (int error = add_candidate(certs, cert, issuer))
-      return error;
-  std::copy(std::begin(known), std::end(known), candidates->known);
-  candidates->first_sent = sk_X509_num(certs);
-  candidates->sent[0] = now.asked.trust ? X509_STORE_CTX_get0_untrusted(now.asked.trust) : nullptr;
-  if (int error = add_sent(candidates->sent[0], certs, issuer))
-    return error;
-  if (sk_X509_num(certs) > 0)
+  if (sk_X509_num(candidates->certs.get()) > 0)
     return PKI_OK;
   syslog(log_error, "No signer cert found for CRL (%s)", name_line(issuer).get());
   return PKI_NO_SIGNERS;
@@ -126,12 +120,17 @@ int keep_signers(const download &now, const signer_candidates &candidates) {
   }
   memory_watch memory;
   ERR_set_mark();
-  signer_trial trial(candidates, [&](X509 *cert) {
-    authorship author = fits_authority_key_id(key_id.get(), cert)
-                            ? check_crl_signature(now.request.crl, now.digest.get(), cert)
-                            : authorship::unfit;
+  auto fits = [&](X509 *cert) {
+    bool is_meant = fits_authority_key_id(key_id.get(), cert);
+    if (memory.ran_out())
+      return fitness::no_memory;
+    return is_meant ? fitness::fit : fitness::unfit;
+  };
+  auto verify = [&](const X509 *cert) {
+    authorship author = check_crl_signature(now.request.crl, now.digest.get(), cert);
     return memory.ran_out() ? authorship::no_memory : author;
-  });
+  };
+  signer_trial trial(candidates, fits, verify);
   if (!trial.run()) {
     ERR_clear_last_mark();
     return openssl_failure(PKI_OUT_OF_MEMORY);

@@ -55,6 +55,20 @@ inline support::cert issue(const std::string &cn, long serial, int owner,
   return support::make_cert(options);
 }
 
+// Certificates of that name, each with a key of its own that nobody knows.
+inline std::vector<support::cert> make_namesakes(const std::string &cn, int count,
+                                                 long first_serial = 1000) {
+  std::vector<support::cert> made;
+  for (int i = 0; i < count; i++) {
+    support::cert_options options = valid_options(cn, first_serial + i, stranger_key);
+    options.public_key = support::make_ec_key();
+    options.signing_key = support::test_key(stranger_key);
+    options.issuer = support::common_name("issuer");
+    made.push_back(support::make_cert(options));
+  }
+  return made;
+}
+
 }  // namespace issued_certs
 
 #endif

@@ -1,11 +1,11 @@
 // The OCSP query when memory runs short: no record or the right one, and nothing left behind.
-#include <functional>
-#include <iterator>
+#include <optional>
 
 #include "fakes/allocator.h"
 #include "fakes/failures.h"
 #include "support/descriptors.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
+#include "unit/verifier/crl_cache/decide_support.h"
 
 using namespace ocsp_support;
 
@@ -30,6 +30,11 @@ class OcspAllocation : public ocsp_query_test {
     issuer = copy_of(issuer);
     if (configured)
       configured = copy_of(configured);
+    if (untrusted) {
+      untrusted = copy_of(untrusted);
+      trust.emplace(decide_support::certs(), decide_support::certs{untrusted});
+      context = trust->get();
+    }
     support::empty_store();
     zv_cv_clear_cert_sts_info_cache();
     support::clear_openssl_errors();
@@ -46,7 +51,9 @@ class OcspAllocation : public ocsp_query_test {
 
   // Lets an allocation of the query fail, each `step`th in turn; `right_status` is the record's,
   // or -1 when there is none even with all the memory.
-  void sweep(ocsp_responder &responder, int right_status, size_t step, bool stay_failed = false) {
+  // With `last`, of the last so many.
+  void sweep(ocsp_responder &responder, int right_status, size_t step, bool stay_failed = false,
+             size_t last = 0) {
     std::string url = responder.url("/ocsp");
     // OpenSSL and the resolver fill their caches, also the ones for logging errors.
     EXPECT_EQ(right_status, status_of(query(url))) << log_dump();
@@ -55,12 +62,13 @@ class OcspAllocation : public ocsp_query_test {
     const auto open_before = support::open_descriptors();
     size_t failures = 0;
     bool completed = false;
-    for (size_t n = 1; n < 100000 && !completed; n += step) {
+    size_t first = last ? count_allocations(url) - last : 1;
+    for (size_t n = first; n < 100000 && !completed; n += step) {
       renew();
       pki::ocsp_locator locator = {pki::locator_ocsp_url, url.data(), configured.get(), ocsp_flag};
       fake_allocator::fail_at(n, stay_failed);
       record info = cache_support::hold(pki::zv_cv_ocsp_get_sts_info(
-          &locator, device.get(), issuer.get(), nullptr, internet, depth));
+          &locator, device.get(), issuer.get(), context, internet, depth));
       completed = !fake_allocator::has_failed();
       fake_allocator::stop_failing();
       failures += !completed;
@@ -82,6 +90,48 @@ class OcspAllocation : public ocsp_query_test {
     EXPECT_LE(support::open_descriptors(), open_before + 1);
     renew();
   }
+
+  size_t count_allocations(const std::string &url) {
+    renew();
+    fake_allocator::stop_failing();
+    (void)query(url);
+    return fake_allocator::allocations();
+  }
+
+  // By a stranger's key under the key hash of somebody whose word counts. He is not collected: the
+  // answer brings another of his issuer and serial number first.
+  static ocsp_options forged_for(const support::cert &believed, const X509_NAME *by, long serial) {
+    unsigned char hash[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    X509_pubkey_digest(believed.get(), EVP_sha1(), hash, &length);
+    support::cert_options made = valid_options("double", serial, device_key);
+    made.issuer = support::name(X509_NAME_dup(by), X509_NAME_free);
+    ocsp_options options;
+    options.signing_key = support::test_key(forger_key);
+    options.signer = support::make_cert(valid_options("forger", 5, forger_key));
+    options.responder_id =
+        support::tlv(0xA2, support::tlv(V_ASN1_OCTET_STRING, std::string(hash, hash + length)));
+    options.certs = {support::make_cert(made)};
+    return options;
+  }
+  void expect_forgery_fails(const support::cert &believed) {
+    ocsp_options options = forged_for(believed, X509_get_issuer_name(believed.get()),
+                                      ASN1_INTEGER_get(X509_get0_serialNumber(believed.get())));
+    ocsp_responder with_peers(options);
+    untrusted = believed;
+    sweep(with_peers, -1, fake_allocator::sweep_step(usual_step), false, behind_the_download);
+    untrusted.reset();
+    trust.reset();
+    context = nullptr;
+    options.certs.push_back(believed);
+    ocsp_responder with_answers(options);
+    sweep(with_answers, -1, fake_allocator::sweep_step(usual_step), false, behind_the_download);
+  }
+
+  static constexpr int forger_key = 4;
+  static constexpr size_t behind_the_download = 250;
+  support::cert untrusted;  // the context's
+  std::optional<decide_support::trust_context> trust;
 
   // Each of them where that takes less than a second.
   static constexpr size_t usual_step = 1, costly_step = 3, nested_step = 7;
@@ -155,6 +205,16 @@ TEST_F(OcspAllocation, DamagedSignatureStaysOne) {
   options.damaged_signature = true;
   ocsp_responder responder(options);
   sweep(responder, -1, fake_allocator::sweep_step(usual_step));
+}
+
+TEST_F(OcspAllocation, ForgedWordOfTheIssuerStaysOne) {
+  expect_forgery_fails(issuer);
+}
+
+TEST_F(OcspAllocation, ForgedWordOfTheConfiguredSignerStaysOne) {
+  configured = support::make_cert(valid_options("stranger", 77, stranger_key));
+  ocsp_flag = 1;
+  expect_forgery_fails(configured);
 }
 
 TEST_F(OcspAllocation, WrongNonceStaysOne) {

@@ -1,6 +1,7 @@
 // A configured responder that is not believed outright: who may speak for it.
 #include "unit/verifier/cert_verifier/ocsp_support.h"
 #include "unit/verifier/crl_cache/decide_support.h"
+#include "unit/verifier/extension_der.h"
 
 using namespace ocsp_support;
 
@@ -110,6 +111,20 @@ TEST_F(OcspConfigured, SoDoesTheIssuersDelegate) {
   ocsp_responder second(
       by(issue("delegate", 40, responder_key, {ocsp_signing, no_check}), responder_key));
   expect_believed(ask_configured(issued_by_issuer({ask_at(second.url())})));
+}
+
+// Its authorityKeyIdentifier then names the issuer's earlier certificate.
+TEST_F(OcspConfigured, IssuerSpeaksForItAlsoAfterHisRenewal) {
+  ocsp_responder second(by_issuer());
+  const std::string name =
+      support::tlv(0x30, support::tlv(0x31, support::tlv(0x30, std::string("\x06\x03\x55\x04\x03") +
+                                                                   support::tlv(0x0C, "issuer"))));
+  auto earlier = extension_der::raw(
+      "2.5.29.35", support::tlv(0x30, support::tlv(0xA1, support::tlv(0xA4, name)) +
+                                          support::tlv(0x82, "\x63")));
+  support::cert cert = issued_by_issuer({ask_at(second.url()), earlier});
+  ASSERT_EQ(X509_V_ERR_AKID_ISSUER_SERIAL_MISMATCH, X509_check_issued(issuer.get(), cert.get()));
+  expect_believed(ask_configured(cert));
 }
 
 TEST_F(OcspConfigured, IssuerMayRevokeItsOwnResponder) {

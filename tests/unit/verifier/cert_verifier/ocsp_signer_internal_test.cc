@@ -1,6 +1,7 @@
 // Whose signature an answer carries: the candidates, and those that are believed as they are.
 #include "common/limits.h"
 #include "unit/verifier/cert_verifier/ocsp_support.h"
+#include "unit/verifier/crl_cache/decide_support.h"
 
 using namespace ocsp_support;
 
@@ -98,19 +99,68 @@ TEST_F(OcspSigner, IssuerInTheStoreIsOneCandidate) {
   }
 }
 
-// Anybody can send certificates of any name: of those that did not sign, few are tried.
+// Anybody can send certificates of any name: of their keys, few are tried.
 TEST_F(OcspSigner, ResponderIsTriedWhereItCameLatelyOrWithTheAnswer) {
   support::cert responder = issue_responder();
   pki_add_untrusted_cert(responder.get(), 0);
   ocsp_options alone = by(responder);
   alone.certs.clear();
   EXPECT_EQ(PKI_CERT_OK, status_of(ask(alone))) << log_dump();
-  for (int i = 0; i < pki::max_foreign_signers; i++)
-    pki_add_untrusted_cert(issue("responder", 1000 + i, stranger_key).get(), 0);
+  for (const support::cert &namesake : make_namesakes("responder", pki::max_signer_keys))
+    pki_add_untrusted_cert(namesake.get(), 0);
   EXPECT_EQ(nullptr, ask(alone)) << log_dump();
   EXPECT_EQ(PKI_CERT_OK, status_of(ask(by(responder)))) << log_dump();
   pki_add_untrusted_cert(responder.get(), 1);
   EXPECT_EQ(PKI_CERT_OK, status_of(ask(alone))) << log_dump();
+}
+
+// A peer that is revoked would rather have the answer unread.
+TEST_F(OcspSigner, NothingThatThePeerSendsShutsOutWhoCameWithTheAnswer) {
+  support::cert responder = issue_responder();
+  for (int count : {pki::max_signer_keys, pki::max_peer_signers + pki::max_signer_keys}) {
+    std::vector<support::cert> sent = make_namesakes("responder", count);
+    decide_support::trust_context trust({}, sent);
+    context = trust.get();
+    support::empty_store();
+    for (const support::cert &each : sent)
+      pki_add_untrusted_cert(each.get(), 0);
+    ocsp_options options = by(responder);
+    options.single.status = V_OCSP_CERTSTATUS_REVOKED;
+    options.certs = make_namesakes("responder", pki::ocsp_max_certs - 1, 3000);
+    options.certs.push_back(responder);
+    EXPECT_EQ(PKI_CERT_REVOKED, status_of(ask(options))) << log_dump();
+  }
+}
+
+// Nor by the hash of the responder's key, which others can have in their certificates.
+TEST_F(OcspSigner, NeitherDoCertificatesWithHisKey) {
+  support::cert responder = issue_responder();
+  std::vector<support::cert> sent;
+  for (int i = 0; i < 3 * pki::max_signer_keys; i++)
+    sent.push_back(issue("other", 1000 + i, responder_key, {}, "other"));
+  decide_support::trust_context trust({}, sent);
+  context = trust.get();
+  for (const support::cert &each : sent)
+    pki_add_untrusted_cert(each.get(), 0);
+  ocsp_options options = by(responder);
+  options.by_key = true;
+  options.single.status = V_OCSP_CERTSTATUS_REVOKED;
+  EXPECT_EQ(PKI_CERT_REVOKED, status_of(ask(options))) << log_dump();
+}
+
+TEST_F(OcspSigner, NeitherDoesTheAnswerShutOutWhoCameAlong) {
+  support::cert responder = issue_responder();
+  for (int others : {pki::max_signer_keys - 1, pki::max_signer_keys}) {
+    std::vector<support::cert> sent = make_namesakes("responder", others);
+    sent.push_back(responder);
+    decide_support::trust_context trust({}, sent);
+    context = trust.get();
+    support::empty_store();
+    ocsp_options options = by(responder);
+    options.certs = make_namesakes("responder", pki::ocsp_max_certs, 3000);
+    bool is_tried = others < pki::max_signer_keys;
+    EXPECT_EQ(is_tried ? PKI_CERT_OK : -1, status_of(ask(options))) << log_dump();
+  }
 }
 
 TEST_F(OcspSigner, EverySignatureAlgorithmOfOpensslsWillDo) {

@@ -124,7 +124,19 @@ class StatusCheckIssuers : public StatusCheck {
     EXPECT_EQ(PKI_CERT_OK, zv_cv_check_cert_status(leaf_.get(), issuer.get(), ctx_.get(), 1, 0));
     return was_logged(7, "Found cert-status for cert '/CN=leaf' in cache - status is: ok");
   }
-  const cert other_inter_ = make_inter({}, 22);
+  // The issuer's certificate with another name.
+  cert named(const support::name &name) const {
+    cert made(X509_dup(inter_.get()), X509_free);
+    X509_set_subject_name(made.get(), name.get());
+    X509_sign(made.get(), support::test_key(0).get(), EVP_sha256());
+    EXPECT_NE(0, X509_cmp(made.get(), inter_.get()));
+    return made;
+  }
+
+  // Certificates of the issuer's name: of his key, and of somebody else's.
+  const cert renewed_inter_ = make_inter({}, 22);
+  const cert other_inter_ = make(
+      {.subject = "inter", .issuer = "root", .key = 3, .issuer_key = 0, .serial = 2, .ca = true});
 };
 
 TEST_F(StatusCheckIssuers, StatusThatWasFoundCountsForItsIssuer) {
@@ -133,13 +145,52 @@ TEST_F(StatusCheckIssuers, StatusThatWasFoundCountsForItsIssuer) {
   EXPECT_TRUE(finds_cached(inter_));
   EXPECT_FALSE(finds_cached(other_inter_));
   EXPECT_FALSE(finds_cached(nullptr));
-  for (const cert &issuer : {inter_, other_inter_, cert()})
+  for (const cert &issuer : {inter_, renewed_inter_, other_inter_, cert()})
     EXPECT_TRUE(finds_cached(issuer));
+}
+
+TEST_F(StatusCheckIssuers, StatusThatWasFoundCountsForHisOtherCertificates) {
+  add_always_ok();
+  EXPECT_FALSE(finds_cached(inter_));
+  EXPECT_TRUE(finds_cached(renewed_inter_));
+}
+
+// The same text as another type: OpenSSL finds the names equal.
+TEST_F(StatusCheckIssuers, AlsoWhereHisNameIsEncodedOtherwise) {
+  support::name name(X509_NAME_new(), X509_NAME_free);
+  X509_NAME_add_entry_by_txt(name.get(), "CN", V_ASN1_PRINTABLESTRING,
+                             reinterpret_cast<const unsigned char *>("inter"), -1, -1, 0);
+  ASSERT_EQ(0, X509_NAME_cmp(name.get(), X509_get_subject_name(inter_.get())));
+  add_always_ok();
+  EXPECT_FALSE(finds_cached(inter_));
+  EXPECT_TRUE(finds_cached(named(name)));
+}
+
+TEST_F(StatusCheckIssuers, KeyUnderAnotherNameIsAnother) {
+  add_always_ok();
+  EXPECT_FALSE(finds_cached(inter_));
+  EXPECT_FALSE(finds_cached(named(support::common_name("other"))));
+}
+
+TEST_F(StatusCheckIssuers, RevocationIsKnownBelowHisRenewal) {
+  support::ocsp_options options;
+  options.signer = inter_;
+  options.signing_key = support::test_key(1);
+  options.single.status = V_OCSP_CERTSTATUS_REVOKED;
+  const cert leaf = [&] {
+    support::ocsp_responder responder(options);
+    cert made = make_leaf({{"authorityInfoAccess", "OCSP;URI:" + responder.url("/ocsp")}});
+    EXPECT_EQ(PKI_CERT_REVOKED,
+              zv_cv_check_cert_status(made.get(), inter_.get(), ctx_.get(), 1, 0));
+    return made;
+  }();
+  EXPECT_EQ(PKI_CERT_REVOKED,
+            zv_cv_check_cert_status(leaf.get(), renewed_inter_.get(), ctx_.get(), 1, 0));
 }
 
 TEST_F(StatusCheckIssuers, StatusThatTheHostAddsCountsForAll) {
   cache_status(leaf_, PKI_CERT_OK);
-  for (const cert &issuer : {inter_, other_inter_, cert()})
+  for (const cert &issuer : {inter_, renewed_inter_, other_inter_, cert()})
     EXPECT_TRUE(finds_cached(issuer));
 }
 

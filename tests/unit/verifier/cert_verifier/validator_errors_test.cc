@@ -91,12 +91,26 @@ TEST_F(ValidatorErrors, TrustedEndOfAChainHasToBeInDateForInternetUse) {
                             .ca = true,
                             .not_before = time(nullptr) + day,
                             .not_after = time(nullptr) + 3 * day});
+  const lines refusal = {
+      "4 Certificate '/CN=inter' ends the chain without its issuer and is outside its validity "
+      "period - rejecting it"};
   for (const cert &inter : {expired_inter_, future_inter})
     for (const named_callback &each : all_callbacks) {
+      clear_log();
       verdict result = verify({.leaf = leaf_, .trusted = {inter}}, each.call);
       EXPECT_EQ(!each.is_internet, result.accepted == 1) << each.name;
       EXPECT_EQ(X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT, result.error) << each.name;
+      EXPECT_EQ(each.is_internet ? refusal : lines{}, complaints()) << each.name;
     }
+}
+
+TEST_F(ValidatorErrors, UnlessTheHostWantsNoDatesLookedAt) {
+  for (const named_callback &each : all_callbacks)
+    EXPECT_TRUE(
+        accepts({.leaf = leaf_, .trusted = {expired_inter_}, .flags = X509_V_FLAG_NO_CHECK_TIME},
+                each.call))
+        << each.name;
+  EXPECT_EQ(lines{}, complaints());
 }
 
 TEST_F(ValidatorErrors, MissingIssuerStillLeavesTheStatusToCheck) {
