@@ -261,8 +261,8 @@ PKI_API int dec_str(BIO *bio, int tag, const unsigned char *data, int len, void 
  * may use the object that is there, so do not share it. A key that is there is replaced, unless
  * reading fails. The target of dec_asn1_struct is after a failure what `arg` left: with most of
  * OpenSSL's decoders null, the object freed; with some (d2i_PUBKEY) the object that was there.
- * Return 0; 2 or 5 no PKCS#8; 2 or 6 no key that OpenSSL knows; 2 or 8 no SubjectPublicKeyInfo; 2 or
- * 15 not what `arg` decodes; 63 a null argument.
+ * Return 0; 2 or 5 no PKCS#8; 2 or 6 no key that OpenSSL knows; 2 or 8 no SubjectPublicKeyInfo; 2
+ * or 15 not what `arg` decodes; 63 a null argument.
  */
 PKI_API int enc_pub_key(BIO *bio, void *field, int tag, void *arg);
 PKI_API int enc_prv_key(BIO *bio, void *field, int tag, void *arg);
