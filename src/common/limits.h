@@ -92,9 +92,12 @@ constexpr int crl_max_kept_entries = 64;
 constexpr uint32_t crl_max_kept_bytes = 64 * 1024;
 // CRLs that are asked for about one certificate, at one source: each may cost a time-out.
 constexpr int crl_max_fetches = 64;
-// Cached CRLs that are looked at before one is fetched, and signers whom a status remembers.
+// Cached CRLs of a name that are looked at before one is fetched; those of them whose signers are
+// refused. Signers whom a search remembers, and places whose cached CRLs it knows.
+constexpr int crl_max_cached_places = 32;
 constexpr int crl_max_cached_looks = 4;
 constexpr int crl_max_judged_signers = 16;
+constexpr int crl_max_sources = 8;
 // Delta CRLs that are tried for one base.
 constexpr int crl_max_delta_records = 16;
 

@@ -3,6 +3,7 @@
 #include <libpki/records.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -207,7 +208,18 @@ crl_cache_entry *entry_of(const X509_CRL *crl) {
 }
 
 // What counts is who is known to be accepted, then where a CRL came from.
-enum class match : unsigned char { none, from_source, accepted, accepted_from_source };
+enum class match : unsigned char {
+  none,
+  from_another,
+  from_source,
+  accepted,
+  accepted_from_source
+};
+
+bool is_from_another(const crl_cache_entry &entry, const crl_wish &wish) {
+  return std::any_of(wish.others, wish.others + wish.other_count,
+                     [&](const crl_source &other) { return same_source(entry.source, other); });
+}
 
 match match_of(const crl_cache_entry &entry, const crl_wish &wish) {
   bool from_source = same_source(entry.source, wish.source);
@@ -217,7 +229,9 @@ match match_of(const crl_cache_entry &entry, const crl_wish &wish) {
                                                 is_same_cert(entry.issuer, wish.accepting_issuer));
   if (accepted)
     return from_source ? match::accepted_from_source : match::accepted;
-  return from_source ? match::from_source : match::none;
+  if (from_source)
+    return match::from_source;
+  return is_from_another(entry, wish) ? match::from_another : match::none;
 }
 
 struct crl_search {
@@ -253,7 +267,8 @@ crl_references find_locked(crl_search *search, match wanted) {
 
 crl_references find_best_locked(crl_search *search) {
   crl_references found;
-  for (match wanted : {match::accepted_from_source, match::accepted, match::from_source}) {
+  for (match wanted :
+       {match::accepted_from_source, match::accepted, match::from_source, match::from_another}) {
     found = find_locked(search, wanted);
     if (found.crl)
       break;

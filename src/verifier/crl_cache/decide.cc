@@ -54,6 +54,16 @@ uint32_t interim_reasons(const crl_info *record, const ISSUING_DIST_POINT *idp) 
   return of_point || of_crl ? reasons_of(of_point) & reasons_of(of_crl) : PKI_ALL_REASONS;
 }
 
+// The places that are asked about the certificate, as far as there is room.
+void note_sources(STACK *list, crl_question *asked) {
+  for (int i = 0; i < OPENSSL_sk_num(list) && asked->source_count < crl_max_sources; i++) {
+    const auto *record = static_cast<crl_info *>(OPENSSL_sk_value(list, i));
+    crl_source source = cv_crl_source_of(record->url);
+    if (source.is_set && (record->flags & crl_flag_delta) == 0)
+      asked->sources[asked->source_count++] = source;
+  }
+}
+
 enum class listing : unsigned char { failed, absent, good, revoked };
 
 struct judged_signer {
@@ -121,19 +131,20 @@ class crl_walk {
            0, asked_.cert, nullptr, crl ? X509_CRL_get0_nextUpdate(crl) : nullptr});
   }
 
-  // What a CRL turned out to be. For the last two, the network may have better than the cache.
-  enum class fitness : unsigned char { fits, useless, outdated, out_of_scope };
+  // What a CRL turned out to be. For all but the first two, there may be better than it in the
+  // cache.
+  enum class fitness : unsigned char { fits, useless, outdated, out_of_scope, not_accepted };
 
   // CRLs from the cache that do not do are passed over, some of them.
   bool get_applicable(const crl_info *record, judged_crl *crl) {
-    int place = 0;
-    for (int look = 0; look < crl_max_cached_looks; look++) {
+    int refused = 0;
+    for (int place = 0; place < crl_max_cached_places && refused < crl_max_cached_looks; place++) {
       fitness found = get_judged(record, {place, false}, crl);
-      bool may_be_better = found == fitness::outdated || found == fitness::out_of_scope;
-      if (!crl->got.from_cache || !may_be_better || out_of_memory_)
+      if (!crl->got.from_cache || found <= fitness::useless || out_of_memory_)
         return found == fitness::fits;
-      if (found != fitness::outdated)  // those are gone
-        place++;
+      if (found == fitness::outdated)
+        break;
+      refused += found == fitness::not_accepted;
     }
     return get_judged(record, no_cache, crl) == fitness::fits;
   }
@@ -143,14 +154,21 @@ class crl_walk {
     if (!get_crl(record, use, crl) || !is_base(record, crl->got))
       return fitness::useless;
     crl->is_for_one = is_about_one_issuer(record, *crl);
-    if (crl->got.from_cache && (crl->is_for_one || !is_signer_accepted_here(record, crl->got)))
+    // Of a cached one the scope is looked at first: a delta does not change it, and costs a fetch.
+    if (crl->got.from_cache && (crl->is_for_one || !is_in_scope(record, *crl)))
       return fitness::out_of_scope;
+    if (crl->got.from_cache && !is_signer_accepted_here(record, crl->got))
+      return fitness::not_accepted;
     fitness found = bring_up_to_date(record, crl);
-    if (found != fitness::fits)
-      return found;
-    int error = cv_verify_issuer_scope(record, asked_.cert, crl->got.crl.get(), crl->idp.get());
+    if (found == fitness::fits && !crl->got.from_cache && !is_in_scope(record, *crl))
+      return fitness::out_of_scope;
+    return found;
+  }
+
+  bool is_in_scope(const crl_info *record, const judged_crl &crl) {
+    int error = cv_verify_issuer_scope(record, asked_.cert, crl.got.crl.get(), crl.idp.get());
     note(error);
-    return error ? fitness::out_of_scope : fitness::fits;
+    return error == PKI_OK;
   }
 
   // A point that is about some reasons says nothing of others.
@@ -427,6 +445,7 @@ cert_sts_info *zv_cv_crl_get_sts_info(void *data, X509 *cert, X509 *issuer, X509
   if (error)
     return nullptr;
   crl_question asked = {cert, issuer, ctx, flag != 0, depth};
+  note_sources(list.get(), &asked);
   return crl_walk(asked, list.get()).run();
 }
 

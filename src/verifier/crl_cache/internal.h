@@ -63,12 +63,15 @@ struct crl_wish {
   const X509_NAME *issuer;  // the CRL's
   uint32_t reasons;
   crl_source source;
+  const crl_source *others;  // places that do as well
+  int other_count;
   X509 *accepting_issuer;   // whose word counts; may be null
   X509 *configured_signer;  // the only one who may have signed; may be null
 };
 
 // zv_cv_find_crl_in_cache, for CRLs with a signer, by who is accepted: first those of whom that is
-// known, from the source before others, then those from the source, whose signers are to be judged.
+// known, from the source before others, then those from the source and from the other ones, whose
+// signers are to be judged.
 // Nothing else: on another's word, a CRL says nothing about certificates that name other places.
 // `place` counts the fitting ones, from 0.
 [[nodiscard]] crl_references cv_find_crl_in_cache(const crl_wish &wish, int place);

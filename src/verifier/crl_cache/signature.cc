@@ -209,8 +209,12 @@ const X509_NAME *crl_issuer_of(const crl_info *crli, const X509 *cert) {
 }
 
 crl_wish wish_of(const crl_info *crli, const crl_question &asked) {
-  return {crl_issuer_of(crli, asked.cert), crli->reasons ? crli->reasons : PKI_ALL_REASONS,
-          cv_crl_source_of(crli->url), asked.issuer_trusted ? asked.issuer : nullptr,
+  return {crl_issuer_of(crli, asked.cert),
+          crli->reasons ? crli->reasons : PKI_ALL_REASONS,
+          cv_crl_source_of(crli->url),
+          asked.sources,
+          asked.source_count,
+          asked.issuer_trusted ? asked.issuer : nullptr,
           crli->crl_signer};
 }
 

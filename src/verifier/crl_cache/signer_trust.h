@@ -5,6 +5,9 @@
 #include <libpki/records.h>
 #include <openssl/x509_vfy.h>
 
+#include "common/limits.h"
+#include "verifier/crl_cache/internal.h"
+
 namespace pki {
 
 // What a CRL locator is asked.
@@ -14,6 +17,9 @@ struct crl_question {
   X509_STORE_CTX *trust;  // may be null
   bool issuer_trusted;    // the issuer may sign CRLs
   int depth;
+  // From where a cached CRL may be about the certificate, beside the record's own place.
+  crl_source sources[crl_max_sources] = {};
+  int source_count = 0;
 };
 
 // On whose word somebody may sign CRLs for the certificate's issuer.

@@ -95,6 +95,27 @@ TEST_F(DecideCached, WhomAPathVouchedForCountsForHisPlaceOnly) {
   EXPECT_EQ("/old /new ", server.asked());
 }
 
+TEST_F(DecideCached, WhomAPathVouchedForCountsForEachOfTheCertificatesPlaces) {
+  make_second_key_sign();
+  server.publish("/there", by_second_key());
+  for (int i = 0; i < 2; i++)
+    EXPECT_EQ(PKI_CERT_OK, status_of(decide_at({{"/gone"}, {"/there"}}))) << log_dump();
+  EXPECT_EQ("/gone /there ", server.asked());
+}
+
+// A delta costs a fetch.
+TEST_F(DecideCached, DeltasOfListsOutOfScopeAreNotFetched) {
+  support::cert leaf = std::exchange(device, issuer);
+  server.publish("/cas", crl_of("", support::crl_number(1) + freshest("/delta") +
+                                        support::issuing_dist_point({.ca_certs = true})));
+  EXPECT_EQ(PKI_CERT_OK, status_of(decide("/cas"))) << log_dump();
+  EXPECT_EQ("/cas /delta ", server.asked());
+  device = leaf;
+  server.publish("/users", crl_of());
+  EXPECT_EQ(PKI_CERT_OK, status_of(decide("/users"))) << log_dump();
+  EXPECT_EQ("/cas /delta /users ", server.asked());
+}
+
 TEST_F(DecideCached, WhatTheHostAddedCountsForEveryPlace) {
   cache(crl_of(), issuer);
   EXPECT_EQ(PKI_CERT_OK, status_of(decide("/elsewhere"))) << log_dump();
